@@ -1,0 +1,59 @@
+// Whole-file reading and writing, and the cutting of texts into pieces.
+
+#include "lib/text.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+// Room made at once for a file of known size; growing step by step costs more than the reading.
+// Files under /proc tell no size, or one far beyond what they hold.
+constexpr off_t MOST_ROOM_AHEAD = off_t{1024} * 1024;
+
+void MakeRoom(FILE *file, std::string &content) {
+  struct stat status = {};
+  if (fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode))
+    content.reserve(static_cast<size_t>(std::min(status.st_size, MOST_ROOM_AHEAD)));
+}
+
+}  // namespace
+
+int ReadTextFile(const char *path, std::string &content) {
+  content.clear();
+  const FilePtr file(fopen(path, "re"));
+  if (!file) return errno;
+  MakeRoom(file.get(), content);
+  char chunk[8192];
+  size_t length = 0;
+  while ((length = fread(chunk, 1, sizeof(chunk), file.get())) > 0)
+    content.append(chunk, length);
+  if (ferror(file.get()) != 0) {
+    const int error = errno;
+    content.clear();
+    return error;
+  }
+  return 0;
+}
+
+int WriteAndClose(FilePtr file, std::string_view text) {
+  int error = 0;
+  if (fwrite(text.data(), 1, text.size(), file.get()) != text.size()) error = errno;
+  if (fclose(file.release()) != 0 && error == 0) error = errno;
+  return error;
+}
+
+std::string_view NextPiece(std::string_view &rest, size_t longest) {
+  const std::string_view window = rest.substr(0, longest);
+  const size_t newline = window.find('\n');
+  const std::string_view piece = window.substr(0, newline == window.npos ? newline : newline + 1);
+  rest.remove_prefix(piece.size());
+  return piece;
+}
+
+std::string_view SkipBlanks(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
+  return text;
+}
