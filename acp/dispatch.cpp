@@ -1,0 +1,136 @@
+// The way of a datagram: destination filter, conversion, validation, one table of commands.
+
+#include "acp/dispatch.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <span>
+
+#include "acp/convert.h"
+#include "acp/packet.h"
+#include "daemon/process.h"
+#include "daemon/state.h"
+#include "daemon/trace.h"
+#include "handlers/status.h"
+#include "lib/libbh.h"
+
+namespace {
+
+// The reply is made in a child, so that nothing it does can harm the server. The child itself is
+// waited for: any other child may live long, and its status is somebody else's.
+int32_t AnswerPing(const AcpRequest &request) {
+  const ChildHold hold = HoldChildren();
+  const pid_t child = ForkChild(hold);
+  if (child == 0) {
+    ACP_Ping_Reply(request);
+    close(request.sock);
+    _exit(0);
+  }
+  if (child > 0) WaitForChild(child, nullptr);
+  ReleaseChildren(hold);
+  return 0;
+}
+
+struct Command {
+  uint16_t code;
+  const char *notice;  // to syslog before the trace line; may be null
+  const char *trace;
+  int32_t (*handler)(const AcpRequest &request);  // null: traced, never answered
+};
+
+constexpr char UPDATE_START[] = "Firmware Update start.\n";
+constexpr char UPDATE_END[] = "Firmware Update end.\n";
+
+const Command COMMANDS[] = {
+    {ACP_PING, nullptr, "-- ACP_PING\r\n", AnswerPing},
+    {ACP_INFO, nullptr, "-- ACP_INFO\n", nullptr},
+    {ACP_INFO_HDD, nullptr, "-- ACP_INFO_HDD\n", ACP_Info_HDD_Reply},
+    {ACP_PART, nullptr, "-- ACP_PART\r\n", ACP_Partition_Reply},
+    {ACP_INFO_RAID, nullptr, "-- ACP_INFO_RAID\n", ACP_Info_RAID_Reply},
+    {ACP_DISCOVER_REPLY, nullptr, "-- ACP_DISCOVER_REPLY\r\n", nullptr},
+
+    // Recognised, and not answered as long as their handlers are not built.
+    {ACP_DISCOVER, nullptr, "-- ACP_DISCOVER_\r\n", nullptr},
+    {ACP_CHANGE_IP, nullptr, "-- ACP_CHANGE_IP\r\n", nullptr},
+    {ACP_FIRMUP_END, UPDATE_END, "-- ACP_FIRMUP_END\r\n", nullptr},
+    {ACP_FIRMUP2, UPDATE_START, "-- ACP_FIRMUP2\r\n", nullptr},
+    {ACP_FIRMUP3, UPDATE_START, "-- ACP_FIRMUP3\r\n", nullptr},
+    {ACP_SPECIAL, nullptr, "-- ACP_SPECIAL\r\n", nullptr},
+    {ACP_CMD, nullptr, "-- ACP_CMD\r\n", nullptr},
+    {ACP_RESULT, nullptr, "-- ACP_RESULT\r\n", nullptr},
+};
+
+bool IsZeroMac(const uint8_t *mac) {
+  static constexpr uint8_t zero[MAC_SIZE] = {};
+  return memcmp(mac, zero, MAC_SIZE) == 0;
+}
+
+// Read once; an interface without an address yet is asked again at the next datagram.
+void FillOwnMac() {
+  if (!IsZeroMac(daemon_state.own_mac)) return;
+  libbh_GetMacAddress(daemon_state.ifname.c_str(), daemon_state.own_mac);
+}
+
+bool IsForThisAppliance(const AcpRequest &request) {
+  static constexpr uint8_t broadcast[MAC_SIZE] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+  const uint8_t *destination = request.packet + offsetof(ACPHeader, dst_mac);
+  return memcmp(destination, daemon_state.own_mac, MAC_SIZE) == 0 ||
+         memcmp(destination, broadcast, MAC_SIZE) == 0;
+}
+
+void ConvertToHost(AcpRequest &request) {
+  const size_t received = static_cast<size_t>(request.recvlen);
+  const size_t length = std::max(received, ACP_HEADER_SIZE);
+  SwapAcpHeader(std::span(request.packet).first(length), Conversion::kToHost);
+}
+
+// Every check is made, so that the trace tells all that is wrong.
+bool IsValid(const AcpRequest &request, const ACPHeader &header) {
+  const uint32_t length = static_cast<uint32_t>(request.recvlen);
+  bool valid = true;
+  if (length < MINIMUM_PACKET) {
+    DebugPrint("** recvlen < MINIMUM_PACKET\r\n");
+    valid = false;
+  }
+  if (header.packet_version < LOWEST_VERSION) {
+    DebugPrint("** packet_version(%d) < LOWEST_VERSION \r\n",
+               static_cast<int32_t>(header.packet_version));
+    valid = false;
+  }
+  if (static_cast<uint32_t>(header.header_size) + header.option_size != length) {
+    DebugPrint("** acph->header_size + acph->option_size != recvlen\r\n");
+    valid = false;
+  }
+  return valid;
+}
+
+void RunCommand(const AcpRequest &request, uint16_t code) {
+  const Command *command =
+      std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                   [code](const Command &candidate) { return candidate.code == code; });
+  if (command == std::end(COMMANDS)) {
+    DebugPrint("Capture : Unknown (%x)\r\n", code);
+    return;
+  }
+  if (command->notice != nullptr) syslog(LOG_NOTICE, "%s", command->notice);
+  DebugPrint("%s", command->trace);
+  if (command->handler != nullptr) command->handler(request);
+}
+
+}  // namespace
+
+int32_t dispatch(AcpRequest &request) {
+  FillOwnMac();
+  if (!IsForThisAppliance(request)) return 0;
+  ConvertToHost(request);
+  DebugPrint("\r\n%06x: %s", static_cast<uint32_t>(time(nullptr)), TRACE_STAR_RULE);
+
+  const ACPHeader header = RequestHeader(request);
+  if (IsValid(request, header)) RunCommand(request, header.command);
+  return 0;
+}

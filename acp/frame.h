@@ -1,0 +1,28 @@
+// The Internet headers of a reply frame.
+
+#ifndef BH_ACP_FRAME_H_
+#define BH_ACP_FRAME_H_
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr size_t ETHERNET_HEADER_SIZE = 14;
+constexpr size_t IP_HEADER_SIZE = 20;
+constexpr size_t UDP_HEADER_SIZE = 8;
+
+// Internet checksum (RFC 1071) of `length` bytes, as the number whose most significant byte goes
+// first into the packet.
+uint16_t IpChecksum(const uint8_t *data, size_t length);
+
+// Fills the 28 bytes of IPv4 and UDP header in front of a payload that already lies behind them,
+// and takes the next `ip_id`. Addresses and ports in network byte order, `payload_length` in
+// bytes. Returns the IPv4 total length.
+uint16_t MakeIpUdpHeader(uint8_t *ip_header, in_addr_t src_ip, in_addr_t dst_ip, in_port_t src_port,
+                         in_port_t dst_port, uint16_t payload_length);
+
+// Fills the 14 bytes of the Ethernet header of an IPv4 frame; each MAC has 6 bytes.
+void MakeEthernetHeader(uint8_t *frame, const uint8_t *dst_mac, const uint8_t *src_mac);
+
+#endif  // BH_ACP_FRAME_H_

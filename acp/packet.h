@@ -1,0 +1,137 @@
+// The ACP packet as it travels: header, command codes, state codes and the body records.
+//
+// The records mirror the wire byte for byte, so their offsets are pinned below. They hold the
+// numbers in host order while a handler works; on the wire every number of the header, and every
+// body number named in the conversion table (acp/convert.cpp), has its least significant byte
+// first.
+
+#ifndef BH_ACP_PACKET_H_
+#define BH_ACP_PACKET_H_
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr uint16_t ACP_PORT = 22936;
+constexpr uint32_t MINIMUM_PACKET = 30;  // shortest datagram that is looked at, in bytes
+constexpr uint32_t LOWEST_VERSION = 0x00010000;
+constexpr uint32_t REPLY_VERSION = 0x00010007;
+constexpr size_t ACP_HEADER_SIZE = 32;
+constexpr size_t MAC_SIZE = 6;
+
+struct ACPHeader {
+  uint16_t header_size;  // bytes before the body; 32
+  uint16_t reserved1;
+  uint32_t packet_version;
+  uint16_t command;
+  uint16_t option_size;  // bytes of the body
+  uint8_t reserved2[4];
+  uint8_t src_mac[MAC_SIZE];
+  uint8_t dst_mac[MAC_SIZE];
+  uint32_t result;  // reply: state code; request: a parameter of the command
+};
+static_assert(sizeof(ACPHeader) == ACP_HEADER_SIZE);
+static_assert(offsetof(ACPHeader, packet_version) == 4);
+static_assert(offsetof(ACPHeader, command) == 8);
+static_assert(offsetof(ACPHeader, option_size) == 10);
+static_assert(offsetof(ACPHeader, src_mac) == 16);
+static_assert(offsetof(ACPHeader, dst_mac) == 22);
+static_assert(offsetof(ACPHeader, result) == 28);
+
+// Command codes. A reply has the request's code with bit 0x4000 set, but for the end of a firmware
+// update, which is answered twice, and ACP_FIRMUP3, which is answered like ACP_FIRMUP2.
+enum AcpCommand : uint16_t {
+  ACP_DISCOVER = 0x8020,
+  ACP_CHANGE_IP = 0x8030,
+  ACP_PING = 0x8040,
+  ACP_INFO = 0x8050,
+  ACP_FIRMUP_END = 0x8070,
+  ACP_FIRMUP2 = 0x8080,
+  ACP_FIRMUP3 = 0x8081,
+  ACP_INFO_HDD = 0x8090,
+  ACP_SPECIAL = 0x80A0,
+  ACP_PART = 0x80D0,
+  ACP_INFO_RAID = 0x80E0,
+  ACP_CMD = 0x8A10,
+  ACP_RESULT = 0x8A20,
+
+  ACP_DISCOVER_REPLY = 0xC020,
+  ACP_CHANGE_IP_REPLY = 0xC030,
+  ACP_PING_REPLY = 0xC040,
+  ACP_FIRMUP_END_REPLY = 0xC070,
+  ACP_FIRMUP_FINISH_REPLY = 0xC071,
+  ACP_FIRMUP2_REPLY = 0xC080,
+  ACP_INFO_HDD_REPLY = 0xC090,
+  ACP_SPECIAL_REPLY = 0xC0A0,
+  ACP_PART_REPLY = 0xC0D0,
+  ACP_INFO_RAID_REPLY = 0xC0E0,
+  ACP_CMD_REPLY = 0xCA10,
+  ACP_RESULT_REPLY = 0xCA20,
+};
+
+// State codes in the `result` of replies.
+enum AcpState : uint32_t {
+  ACP_STATE_OK = 0x00000000,
+  ACP_STATE_FAILURE = 0xFFFFFFFF,
+  ACP_STATE_PASSWORD_ERROR = 0x80000001,
+  ACP_STATE_NO_KEY = 0x80000005,
+  ACP_STATE_NOT_SUPPORT = 0x80000008,
+  ACP_STATE_NOW_LOCKING = 0x80000009,
+  ACP_STATE_NOT_PERMIT = 0x8000000A,
+  ACP_STATE_TEST_FAIL = 0x8000000C,
+  ACP_STATE_NO_SPACE = 0x8000000F,
+  ACP_STATE_BAD_PRODUCT = 0x80000010,
+  ACP_STATE_BAD_FIRM_TYPE = 0x80000011,
+};
+
+// Body of ACP_INFO_HDD_REPLY: the drive's identification words as the kernel publishes them.
+struct DiskInfo {
+  uint16_t words[256];
+};
+static_assert(sizeof(DiskInfo) == 512);
+
+// A disk request that names a drive's directory has a body of at least this many bytes.
+constexpr size_t DIRECTORY_IN_REQUEST = 64;
+
+enum RaidType : uint32_t {
+  RAID_TYPE_SINGLE = 1,
+  RAID_TYPE_USB = 2,
+  RAID_TYPE_JBOD = 3,
+  RAID_TYPE_RAID1 = 4,
+  RAID_TYPE_RAID5 = 5,
+};
+
+struct RaidInfoEntry {
+  uint32_t type;        // RaidType; 0 marks an entry that is not used
+  uint32_t index;       // arrays: the entry's own position in the body; disks: 0
+  uint32_t fs_type;     // file-system magic
+  uint32_t block_size;  // bytes
+  uint32_t blocks;      // of block_size each, like the next two
+  uint32_t blocks_free;
+  uint32_t blocks_avail;  // for unprivileged users
+  char path[64];          // mount point, NUL-terminated
+};
+static_assert(sizeof(RaidInfoEntry) == 92);
+static_assert(offsetof(RaidInfoEntry, path) == 28);
+
+// Body of ACP_INFO_RAID_REPLY.
+constexpr size_t RAID_ENTRIES = 8;
+struct RaidInfo {
+  RaidInfoEntry entries[RAID_ENTRIES];
+};
+static_assert(sizeof(RaidInfo) == 736);
+
+// Body of ACP_PART_REPLY; all zero when the query failed.
+struct PartitionInfo {
+  uint32_t fs_type;
+  uint32_t block_size;  // bytes
+  uint32_t blocks;
+  uint32_t blocks_free;
+  uint32_t blocks_avail;
+  uint32_t inodes;
+  uint32_t inodes_free;
+  char path[64];  // the queried path, cut to fit, NUL-terminated
+};
+static_assert(sizeof(PartitionInfo) == 92);
+static_assert(offsetof(PartitionInfo, path) == 28);
+
+#endif  // BH_ACP_PACKET_H_

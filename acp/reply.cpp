@@ -1,0 +1,167 @@
+// Replies go out past the IP stack, through a packet socket: they must reach the client even when
+// the appliance's own address does not fit the client's network.
+
+#include "acp/reply.h"
+
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <span>
+#include <utility>
+
+#include "acp/convert.h"
+#include "acp/frame.h"
+#include "daemon/state.h"
+#include "daemon/trace.h"
+#include "lib/libbh.h"
+
+namespace {
+
+constexpr size_t MAX_PAYLOAD = 7478;  // bytes
+constexpr size_t FRAME_HEADERS = ETHERNET_HEADER_SIZE + IP_HEADER_SIZE + UDP_HEADER_SIZE;
+constexpr in_addr_t BROADCAST_ADDRESS = 0xFFFFFFFF;
+constexpr in_addr_t NO_ADDRESS = 0x01010101;  // 1.1.1.1, the source when the interface has none
+constexpr uint8_t BROADCAST_MAC[MAC_SIZE] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+struct sockaddr_ll LinkAddress() {
+  struct sockaddr_ll address = {};
+  address.sll_family = AF_PACKET;
+  address.sll_protocol = htons(ETH_P_IP);
+  address.sll_ifindex = static_cast<int>(if_nametoindex(daemon_state.ifname.c_str()));
+  return address;
+}
+
+int BindToInterface(int fd) {
+  struct sockaddr_ll address = LinkAddress();
+  return bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
+}
+
+// Opens the packet socket and lets it broadcast. Returns its descriptor, or -1 with the failure
+// logged.
+int OpenPacketSocket() {
+  const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP));
+  if (fd < 0) {
+    syslog(LOG_NOTICE, "start_server could not open socket: %s \n", strerror(errno));
+    return -1;
+  }
+  const int enable = 1;
+  if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &enable, sizeof(enable)) == 0) return fd;
+  syslog(LOG_NOTICE, "start_server could not set broadcast option to socket: %s \n",
+         strerror(errno));
+  close(fd);
+  return -1;
+}
+
+void CopyInterfaceName(char *field, size_t size) {
+  daemon_state.ifname.copy(field, size - 1);
+}
+
+// The packet socket takes the IP stack's requests too.
+void LookUpMac(int fd, in_addr_t address, uint8_t *mac) {
+  memcpy(mac, BROADCAST_MAC, MAC_SIZE);
+  if (address == BROADCAST_ADDRESS) return;
+
+  struct arpreq request = {};
+  struct sockaddr_in target = {};
+  target.sin_family = AF_INET;
+  target.sin_addr.s_addr = address;
+  memcpy(&request.arp_pa, &target, sizeof(target));
+  CopyInterfaceName(request.arp_dev, sizeof(request.arp_dev));
+  if (ioctl(fd, SIOCGARP, &request) != 0) return;
+  if ((request.arp_flags & ATF_COM) == 0) return;  // asked for, not answered yet
+  memcpy(mac, request.arp_ha.sa_data, MAC_SIZE);
+}
+
+in_addr_t InterfaceAddress(int fd) {
+  struct ifreq request = {};
+  CopyInterfaceName(request.ifr_name, sizeof(request.ifr_name));
+  if (ioctl(fd, SIOCGIFADDR, &request) != 0) return NO_ADDRESS;
+  struct sockaddr_in address = {};
+  memcpy(&address, &request.ifr_addr, sizeof(address));
+  return address.sin_addr.s_addr;
+}
+
+void SendFrame(int fd, std::span<const uint8_t> frame) {
+  struct sockaddr_ll address = LinkAddress();
+  address.sll_halen = MAC_SIZE;
+  memcpy(address.sll_addr, BROADCAST_MAC, MAC_SIZE);
+  ssize_t sent = -1;
+  do {
+    sent = sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<struct sockaddr *>(&address),
+                  sizeof(address));
+  } while (sent < 0 && errno == EINTR);
+  if (sent >= 0) return;
+  const char *reason = strerror(errno);
+  syslog(LOG_NOTICE, "cloud not send packet: %s\n", reason);
+  DebugPrint("SendPacket error. %s\n", reason);
+}
+
+// Builds the frame around `payload` and sends it through the bound socket `fd`.
+void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, in_addr_t dst_ip,
+                  const uint8_t *src_mac) {
+  uint8_t frame[FRAME_HEADERS + MAX_PAYLOAD];
+  uint8_t dst_mac[MAC_SIZE];
+  LookUpMac(fd, dst_ip, dst_mac);
+  const in_addr_t src_ip = InterfaceAddress(fd);
+  memcpy(frame + FRAME_HEADERS, payload.data(), payload.size());
+  MakeIpUdpHeader(frame + ETHERNET_HEADER_SIZE, src_ip, dst_ip, htons(ACP_PORT), dst_port,
+                  static_cast<uint16_t>(payload.size()));
+  MakeEthernetHeader(frame, dst_mac, src_mac);
+  SendFrame(fd, {frame, FRAME_HEADERS + payload.size()});
+}
+
+}  // namespace
+
+Reply AllocateReply(size_t body_size) {
+  const size_t length = ACP_HEADER_SIZE + body_size;
+  return {decltype(Reply::bytes)(static_cast<uint8_t *>(calloc(1, length))), length};
+}
+
+int32_t MakeReplyHeader(uint8_t *reply, uint16_t command, uint16_t option_size,
+                        const uint8_t *requester_mac, uint32_t result) {
+  ACPHeader header = {};
+  header.header_size = ACP_HEADER_SIZE;
+  header.packet_version = REPLY_VERSION;
+  header.command = command;
+  header.option_size = option_size;
+  const int32_t outcome = libbh_GetMacAddress(daemon_state.ifname.c_str(), header.src_mac);
+  memcpy(header.dst_mac, requester_mac, MAC_SIZE);
+  header.result = result;
+  memcpy(reply, &header, sizeof(header));
+  return outcome;
+}
+
+void SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result) {
+  const uint16_t option_size = static_cast<uint16_t>(reply.length - ACP_HEADER_SIZE);
+  MakeReplyHeader(reply.bytes.get(), command, option_size, RequesterMac(request), result);
+  SendPreparedReply(request, std::move(reply));
+}
+
+void SendPreparedReply(const AcpRequest &request, Reply reply) {
+  SwapAcpHeader({reply.bytes.get(), reply.length}, Conversion::kToWire);
+  SendPacket(request.sock, request.peer_port, reply.bytes.get(), reply.length, BROADCAST_ADDRESS,
+             request.if_mac);
+}
+
+int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,
+                   in_addr_t dst_ip, const uint8_t *src_mac) {
+  (void)sock;
+  if (length == 0 || length > MAX_PAYLOAD) return -1;
+  const int fd = OpenPacketSocket();
+  if (fd < 0) return -1;
+  if (BindToInterface(fd) == 0) {
+    SendDatagram(fd, dst_port, {payload, length}, dst_ip, src_mac);
+  } else {
+    syslog(LOG_NOTICE, "standalone_server > could not bind sock to device %s \n", strerror(errno));
+  }
+  close(fd);
+  return 0;
+}

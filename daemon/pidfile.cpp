@@ -1,0 +1,74 @@
+// Pid file: written by the launcher, removed by whoever ends the server.
+
+#include "daemon/pidfile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/state.h"
+#include "daemon/trace.h"
+
+std::string PidFilePath(const std::string &ifname) {
+  return "/var/run/bh_servd-" + ifname + ".pid";
+}
+
+bool PidFileExists(const std::string &ifname) {
+  struct stat status = {};
+  return stat(PidFilePath(ifname).c_str(), &status) == 0;
+}
+
+int32_t WritePidFile(const std::string &ifname, pid_t pid) {
+  struct stat status = {};
+  if (stat("/var/run", &status) != 0) return -1;
+  const std::string path = PidFilePath(ifname);
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  const bool written = dprintf(fd, "%d", pid) > 0;
+  if (close(fd) == 0 && written) return 0;
+  unlink(path.c_str());
+  return -1;
+}
+
+pid_t ReadPid(const char *path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  char text[32] = "";
+  const ssize_t length = read(fd, text, sizeof(text) - 1);
+  close(fd);
+  const long long number = length > 0 ? strtoll(text, nullptr, 10) : 0;
+  return number > 1 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
+}
+
+int32_t DeletePidfile() {
+  syslog(LOG_NOTICE, "DeletePidfile()");
+  if (daemon_state.ifname.empty()) return -1;
+  const std::string path = PidFilePath(daemon_state.ifname);
+  return ReadPid(path.c_str()) == getpid() ? remove(path.c_str()) : -1;
+}
+
+int32_t stop_daemon(const char *name) {
+  const std::string path = PidFilePath(name);
+  if (access(path.c_str(), R_OK) != 0) {
+    const char *reason = strerror(errno);
+    syslog(LOG_EMERG, "could not open pid file: %s\n", reason);
+    DebugPrint("could not open pid file: %s\n", reason);
+    return -1;
+  }
+  const pid_t pid = ReadPid(path.c_str());
+  remove(path.c_str());
+  if (pid == 0) return -1;
+
+  kill(pid, SIGTERM);
+  syslog(LOG_EMERG, "stop_daemon() exit kv_servd.\n");
+  DebugPrint("stop_daemon() exit kv_servd.\n");
+  return 0;
+}

@@ -1,0 +1,32 @@
+// The pid file of an instance: "/var/run/bh_servd-<interface>.pid", the server's pid in decimal
+// without a line end.
+
+#ifndef BH_DAEMON_PIDFILE_H_
+#define BH_DAEMON_PIDFILE_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+std::string PidFilePath(const std::string &ifname);
+
+bool PidFileExists(const std::string &ifname);
+
+// Creates or truncates the pid file. Returns -1 when /var/run or the file cannot be had.
+int32_t WritePidFile(const std::string &ifname, pid_t pid);
+
+// The process that the file names; 0 when there is none in it, or no file. Neither a process group
+// nor init is ever named. Safe in a signal handler.
+pid_t ReadPid(const char *path);
+
+// Removes the pid file of the served interface. Returns -1 when no interface is set or the file is
+// another server's (which was started when this one had been told to stop), else the result of the
+// removal.
+int32_t DeletePidfile();
+
+// Ends the instance that serves interface `name`. Returns 0 when its process was signalled, -1
+// when there is no pid file or none with a process in it.
+int32_t stop_daemon(const char *name);
+
+#endif  // BH_DAEMON_PIDFILE_H_

@@ -1,0 +1,17 @@
+// Storage of the daemon's process state.
+
+#include "daemon/state.h"
+
+DaemonState daemon_state{};
+
+uint32_t get_mode_flags() {
+  return daemon_state.mode_flags;
+}
+
+void set_mode_flags(uint32_t value) {
+  daemon_state.mode_flags = value;
+}
+
+int is_fw_updating() {
+  return daemon_state.fw_updating;
+}
