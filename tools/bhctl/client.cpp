@@ -1,0 +1,254 @@
+// Requests go out as limited broadcasts, and the replies come back as such, from whatever source
+// address: an appliance whose address does not fit this network is reached all the same.
+
+#include "tools/bhctl/client.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netpacket/packet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "tools/bhctl/print.h"
+
+namespace bhctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Answers to a broadcast come in a burst; this long a silence ends it.
+constexpr std::chrono::milliseconds SILENCE{250};
+// Room for the burst of a large network in the socket.
+constexpr int RECEIVE_BUFFER = 1024 * 1024;
+constexpr size_t LARGEST_REPLY = 7478;  // the most that an appliance's sender takes
+
+struct Interface {
+  std::string name;
+  int index = 0;
+  unsigned int flags = 0;  // IFF_*
+  Mac mac = {};
+  bool has_ipv4 = false;
+};
+
+struct Descriptor {
+  int fd = -1;
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  Descriptor(const Descriptor &) = delete;
+  Descriptor &operator=(const Descriptor &) = delete;
+  ~Descriptor() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+struct IfAddrsDeleter {
+  void operator()(ifaddrs *list) const {
+    freeifaddrs(list);
+  }
+};
+
+int SystemFailure(const std::string &what, int error) {
+  PrintError(what + ": " + std::strerror(error));
+  return EXIT_NO_ANSWER;
+}
+
+// Loopback and point-to-point links have no Ethernet address of their own.
+bool IsEthernet(const ifaddrs &entry, const sockaddr_ll &link) {
+  return (entry.ifa_flags & IFF_LOOPBACK) == 0 && link.sll_hatype == ARPHRD_ETHER &&
+         link.sll_halen == MAC_SIZE;
+}
+
+void AddLink(const ifaddrs &entry, std::vector<Interface> *interfaces) {
+  sockaddr_ll link = {};
+  std::memcpy(&link, entry.ifa_addr, sizeof link);
+  if (!IsEthernet(entry, link)) return;
+  Interface interface;
+  interface.name = entry.ifa_name;
+  interface.index = link.sll_ifindex;
+  interface.flags = entry.ifa_flags;
+  std::copy_n(link.sll_addr, MAC_SIZE, interface.mac.begin());
+  interfaces->push_back(interface);
+}
+
+// IPv4 entries carry the address's label, which may be "eth0:1".
+void MarkIpv4(const ifaddrs &entry, std::vector<Interface> *interfaces) {
+  const std::string label = entry.ifa_name;
+  const std::string name = label.substr(0, label.find(':'));
+  for (Interface &interface : *interfaces)
+    if (interface.name == name) interface.has_ipv4 = true;
+}
+
+// Every Ethernet interface of this machine; none when the system does not list them.
+std::vector<Interface> ListInterfaces() {
+  ifaddrs *first = nullptr;
+  std::vector<Interface> interfaces;
+  if (getifaddrs(&first) != 0) return interfaces;
+  const std::unique_ptr<ifaddrs, IfAddrsDeleter> list(first);
+  for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
+    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET)
+      AddLink(*entry, &interfaces);
+  for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
+    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
+      MarkIpv4(*entry, &interfaces);
+  return interfaces;
+}
+
+bool CanBroadcast(const Interface &interface) {
+  return (interface.flags & IFF_UP) != 0 && (interface.flags & IFF_BROADCAST) != 0;
+}
+
+// A named interface need not have an address: that is how a new appliance is reached from a new
+// machine.
+int ChooseNamed(const std::string &name, std::vector<Interface> *interfaces) {
+  if (if_nametoindex(name.c_str()) == 0) {
+    PrintError("no such interface: " + name);
+    return EXIT_USAGE;
+  }
+  std::erase_if(*interfaces, [&](const Interface &interface) {
+    return interface.name != name || !CanBroadcast(interface);
+  });
+  if (!interfaces->empty()) return EXIT_DONE;
+  PrintError("interface " + name + " is down or is no Ethernet interface that can broadcast");
+  return EXIT_NO_ANSWER;
+}
+
+int ChooseInterfaces(const std::string &name, std::vector<Interface> *interfaces) {
+  *interfaces = ListInterfaces();
+  if (!name.empty()) return ChooseNamed(name, interfaces);
+  std::erase_if(*interfaces, [](const Interface &interface) {
+    return !interface.has_ipv4 || !CanBroadcast(interface);
+  });
+  if (!interfaces->empty()) return EXIT_DONE;
+  PrintError("no usable interface: none is up, can broadcast and has an IPv4 address");
+  return EXIT_NO_ANSWER;
+}
+
+// The port is the system's choice: the appliance answers to the port that it was asked from.
+// Bound to `interface` unless that is empty.
+int PrepareSocket(const Descriptor &socket, const std::string &interface) {
+  const int on = 1;
+  if (socket.fd < 0) return SystemFailure("cannot open a socket", errno);
+  setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+  if (setsockopt(socket.fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0)
+    return SystemFailure("cannot broadcast", errno);
+  if (!interface.empty() && setsockopt(socket.fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
+                                       static_cast<socklen_t>(interface.size())) != 0)
+    return SystemFailure("cannot bind to interface " + interface, errno);
+  sockaddr_in any = {};
+  any.sin_family = AF_INET;
+  any.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (bind(socket.fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) != 0)
+    return SystemFailure("cannot bind a socket", errno);
+  return EXIT_DONE;
+}
+
+// The interface is named with the datagram, so that no routing table has a say in it.
+bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> datagram) {
+  sockaddr_in everyone = {};
+  everyone.sin_family = AF_INET;
+  everyone.sin_port = htons(ACP_PORT);
+  everyone.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+  in_pktinfo info = {};
+  info.ipi_ifindex = interface_index;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof info)] = {};
+  iovec part = {datagram.data(), datagram.size()};
+  msghdr message = {};
+  message.msg_name = &everyone;
+  message.msg_namelen = sizeof everyone;
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr *header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = IPPROTO_IP;
+  header->cmsg_type = IP_PKTINFO;
+  header->cmsg_len = CMSG_LEN(sizeof info);
+  std::memcpy(CMSG_DATA(header), &info, sizeof info);
+  return sendmsg(socket.fd, &message, 0) >= 0;
+}
+
+// Returns the hardware addresses that the request went out with.
+std::vector<Mac> SendRequest(const Descriptor &socket, const std::vector<Interface> &interfaces,
+                             const Request &request, const Mac &dst_mac) {
+  std::vector<Mac> own_macs;
+  for (const Interface &interface : interfaces)
+    if (SendOn(socket, interface.index, EncodeRequest(request, interface.mac, dst_mac)))
+      own_macs.push_back(interface.mac);
+    else
+      PrintError("cannot send on " + interface.name + ": " + std::strerror(errno));
+  return own_macs;
+}
+
+// Waits for one datagram until `deadline`; nothing when it is malformed or none came.
+std::optional<Reply> ReceiveReply(const Descriptor &socket, Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+  pollfd readable = {socket.fd, POLLIN, 0};
+  if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0)
+    return std::nullopt;
+  uint8_t datagram[LARGEST_REPLY + 1];  // one more, so that a longer one shows
+  const ssize_t length = recv(socket.fd, datagram, sizeof datagram, MSG_DONTWAIT);
+  if (length < 0 || static_cast<size_t>(length) > LARGEST_REPLY) return std::nullopt;
+  return DecodeReply(Bytes(datagram, static_cast<size_t>(length)));
+}
+
+// False for an appliance that has answered already: one that several interfaces lead to does so
+// once for each.
+bool AddAnswer(const Reply &reply, std::chrono::microseconds round_trip,
+               std::vector<Answer> *answers) {
+  Answer answer;
+  std::copy_n(reply.header.src_mac, MAC_SIZE, answer.mac.begin());
+  answer.state = reply.header.result;
+  answer.body = reply.body;
+  answer.round_trip = round_trip;
+  if (std::any_of(answers->begin(), answers->end(),
+                  [&](const Answer &other) { return other.mac == answer.mac; }))
+    return false;
+  answers->push_back(answer);
+  return true;
+}
+
+void Collect(const Descriptor &socket, const Options &options, const Request &request,
+             const std::vector<Mac> &own_macs, Clock::time_point sent,
+             std::vector<Answer> *answers) {
+  const Clock::time_point last = sent + options.timeout;
+  Clock::time_point deadline = last;
+  while (Clock::now() < deadline) {
+    const std::optional<Reply> reply = ReceiveReply(socket, deadline);
+    if (!reply || !AnswersRequest(*reply, request, own_macs, options.mac)) continue;
+    const Clock::time_point now = Clock::now();
+    if (!AddAnswer(*reply, std::chrono::duration_cast<std::chrono::microseconds>(now - sent),
+                   answers))
+      continue;
+    if (options.mac) return;
+    deadline = std::min(last, now + SILENCE);
+  }
+}
+
+}  // namespace
+
+int Ask(const Options &options, const Request &request, std::vector<Answer> *answers) {
+  std::vector<Interface> interfaces;
+  int status = ChooseInterfaces(options.interface, &interfaces);
+  if (status != EXIT_DONE) return status;
+  const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  status = PrepareSocket(socket, options.interface);
+  if (status != EXIT_DONE) return status;
+  const Clock::time_point sent = Clock::now();
+  const std::vector<Mac> own_macs =
+      SendRequest(socket, interfaces, request, options.mac.value_or(BROADCAST_MAC));
+  if (own_macs.empty()) return EXIT_NO_ANSWER;
+  Collect(socket, options, request, own_macs, sent, answers);
+  if (!answers->empty()) return EXIT_DONE;
+  PrintError("no answer");
+  return EXIT_NO_ANSWER;
+}
+
+}  // namespace bhctl

@@ -1,0 +1,225 @@
+// The command line of bhctl: global options, the table of commands, usage errors. Every command's
+// result is the exit status.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "tools/bhctl/options.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/status.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+struct Argument {
+  const char *name;  // "PATH" is told by its position, "--type" by name
+  const char *description;
+  bool required;
+};
+
+struct SubCommand {
+  const char *name;
+  const char *description;
+  std::vector<Argument> arguments;
+  int (*run)(const Options &options);
+};
+
+const SubCommand COMMANDS[] = {
+    {"ping", "Check which appliances answer", {}, Ping},
+    {"disk",
+     "Show a drive's model, serial number and capacity",
+     {{"DIRECTORY", "the drive's directory on the appliance, /proc/ide/hda if not given", false}},
+     Disk},
+    {"raid", "List arrays, disks and USB disks", {}, Raid},
+    {"partition",
+     "Show the file system that a path is on",
+     {{"PATH", "path on the appliance", true}},
+     Partition},
+};
+
+constexpr const char *FOOTER =
+    "Exit status:\n"
+    "  0  done\n"
+    "  1  the appliance refused; its state code is printed\n"
+    "  2  wrong usage, or no interface of the given name\n"
+    "  3  no answer came, or this machine could not send the request or write the result";
+
+constexpr double LONGEST_TIMEOUT = 86400;  // seconds
+
+// What the parser stores, before it is checked.
+struct CommandLine {
+  std::string interface;
+  std::string mac;
+  double timeout = 2;
+  std::string pass_phrase;
+  std::string password;
+  std::map<std::string, std::map<std::string, std::string>> arguments;  // by command, then by name
+};
+
+int UsageError(const std::string &message) {
+  PrintError(message);
+  std::fputs("Try 'bhctl --help'.\n", stderr);
+  return EXIT_USAGE;
+}
+
+void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
+  app.add_option("-i,--interface", line->interface, "use this interface only")->type_name("NAME");
+  app.add_option("--mac", line->mac, "address one appliance, not all")->type_name("MAC");
+  app.add_option("--timeout", line->timeout, "wait this long for answers, 2 if not given")
+      ->type_name("SECONDS");
+  app.add_flag("--json", options->json, "print one JSON object a line for each appliance");
+  app.add_option("--pass-phrase", line->pass_phrase,
+                 "pass phrase of the command mode, else BHCTL_PASS_PHRASE of the environment")
+      ->type_name("TEXT");
+  app.add_option("--password", line->password,
+                 "administrator's password, else BHCTL_PASSWORD of the environment")
+      ->type_name("TEXT");
+  app.add_flag("--password-stdin", options->password_stdin,
+               "read the administrator's password from standard input");
+  app.set_version_flag("--version", "bhctl " BHCTL_VERSION, "print the version");
+  app.set_help_flag("-h,--help", "print this help");
+}
+
+// Unknown words are left over for CheckLeftovers, which explains them better than the parser does.
+void DeclareCommands(CLI::App &app, CommandLine *line) {
+  app.fallthrough();
+  app.allow_extras();
+  app.require_subcommand(0, 1);
+  for (const SubCommand &command : COMMANDS) {
+    CLI::App *declared = app.add_subcommand(command.name, command.description);
+    declared->group("Commands");
+    declared->footer("Global options and exit status: see 'bhctl --help'.");
+    for (const Argument &argument : command.arguments) {
+      std::string &value = line->arguments[command.name][argument.name];
+      declared->add_option(argument.name, value, argument.description)
+          ->type_name("")
+          ->required(argument.required);
+    }
+  }
+}
+
+// Insertions, removals and replacements of a character that lead from one word to the other.
+size_t EditDistance(const std::string &from, const std::string &to) {
+  std::vector<size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 0; i < from.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i + 1;
+    for (size_t j = 0; j < to.size(); ++j) {
+      const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string UnknownCommand(const std::string &word) {
+  constexpr size_t SLIP = 2;  // two characters swapped count as two
+  const SubCommand *best = std::min_element(
+      std::begin(COMMANDS), std::end(COMMANDS), [&](const SubCommand &a, const SubCommand &b) {
+        return EditDistance(word, a.name) < EditDistance(word, b.name);
+      });
+  std::string message = "unknown command '" + word + "'";
+  if (EditDistance(word, best->name) <= SLIP)
+    message += ", did you mean '" + std::string(best->name) + "'?";
+  return message;
+}
+
+int CheckLeftovers(const CLI::App &app) {
+  std::vector<std::string> leftovers = app.remaining(true);
+  std::erase(leftovers, "--");  // the mark before a path that begins with '-'
+  const bool command_found = !app.get_subcommands().empty();
+  if (leftovers.empty()) return command_found ? EXIT_DONE : UsageError("a command is needed");
+  const std::string &word = leftovers.front();
+  if (word[0] == '-') return UsageError("unknown option '" + word + "'");
+  if (command_found) return UsageError("unexpected argument '" + word + "'");
+  return UsageError(UnknownCommand(word));
+}
+
+std::string Environment(const char *name) {
+  const char *value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *options) {
+  if (app.count("--interface") != 0 && line.interface.empty())
+    return UsageError("--interface needs a name");
+  options->interface = line.interface;
+  if (app.count("--mac") != 0) {
+    options->mac = ParseMac(line.mac);
+    if (!options->mac) return UsageError("--mac: not a MAC address: '" + line.mac + "'");
+    if (*options->mac == BROADCAST_MAC) options->mac.reset();
+  }
+  if (!(line.timeout > 0 && line.timeout <= LONGEST_TIMEOUT))
+    return UsageError("--timeout must be greater than 0 and at most a day");
+  options->timeout = std::chrono::microseconds(static_cast<int64_t>(std::ceil(line.timeout * 1e6)));
+  options->pass_phrase =
+      app.count("--pass-phrase") != 0 ? line.pass_phrase : Environment("BHCTL_PASS_PHRASE");
+  if (app.count("--password") != 0 && options->password_stdin)
+    return UsageError("--password and --password-stdin exclude each other");
+  if (app.count("--password") != 0)
+    options->password = line.password;
+  else if (!options->password_stdin)
+    options->password = Environment("BHCTL_PASSWORD");
+  return EXIT_DONE;
+}
+
+int RunCommand(const CLI::App &chosen, const CommandLine &line, Options *options) {
+  const SubCommand *command =
+      std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                   [&](const SubCommand &each) { return chosen.get_name() == each.name; });
+  for (const Argument &argument : command->arguments) {
+    if (chosen.count(argument.name) == 0) continue;
+    options->arguments[argument.name] = line.arguments.at(command->name).at(argument.name);
+  }
+  const int status = command->run(*options);
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  PrintError("cannot write to standard output");
+  return EXIT_NO_ANSWER;
+}
+
+int Run(int argc, char **argv) {
+  CLI::App app("Manages network-storage appliances on the local network.", "bhctl");
+  CommandLine line;
+  Options options;
+  app.footer(FOOTER);
+  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+  DeclareGlobalOptions(app, &line, &options);
+  DeclareCommands(app, &line);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp &) {
+    std::fputs(app.help().c_str(), stdout);
+    return EXIT_DONE;
+  } catch (const CLI::CallForVersion &version) {
+    PrintLine(version.what());
+    return EXIT_DONE;
+  } catch (const CLI::ParseError &error) {
+    return UsageError(error.what());
+  }
+  int status = CheckGlobalOptions(app, line, &options);
+  if (status == EXIT_DONE) status = CheckLeftovers(app);
+  return status == EXIT_DONE ? RunCommand(*app.get_subcommands().front(), line, &options) : status;
+}
+
+}  // namespace
+}  // namespace bhctl
+
+int main(int argc, char **argv) {
+  try {
+    return bhctl::Run(argc, argv);
+  } catch (const std::exception &error) {
+    std::fprintf(stderr, "bhctl: %s\n", error.what());
+    return bhctl::EXIT_NO_ANSWER;
+  }
+}

@@ -1,0 +1,35 @@
+// What the command line asks for, and what the program's exit status tells.
+
+#ifndef BH_BHCTL_OPTIONS_H_
+#define BH_BHCTL_OPTIONS_H_
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "tools/bhctl/wire.h"
+
+namespace bhctl {
+
+enum ExitStatus : int {
+  EXIT_DONE = 0,
+  EXIT_REFUSED = 1,    // an appliance answered with another state than ACP_STATE_OK
+  EXIT_USAGE = 2,      // wrong command line
+  EXIT_NO_ANSWER = 3,  // none came, or this machine could not ask or show
+};
+
+struct Options {
+  std::string interface;   // empty: every interface that can broadcast
+  std::optional<Mac> mac;  // unset: every appliance
+  std::chrono::microseconds timeout{0};
+  bool json = false;
+  std::string pass_phrase;
+  std::string password;
+  bool password_stdin = false;  // a command that needs the password reads it from standard input
+  std::map<std::string, std::string> arguments;  // those given, by their names in the command table
+};
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_OPTIONS_H_

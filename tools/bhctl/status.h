@@ -1,0 +1,18 @@
+// Commands that look at appliances and change nothing: ping, disk, raid, partition. Each returns
+// the program's exit status.
+
+#ifndef BH_BHCTL_STATUS_H_
+#define BH_BHCTL_STATUS_H_
+
+#include "tools/bhctl/options.h"
+
+namespace bhctl {
+
+int Ping(const Options &options);
+int Disk(const Options &options);  // argument DIRECTORY, may be absent
+int Raid(const Options &options);
+int Partition(const Options &options);  // argument PATH
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_STATUS_H_

@@ -1,0 +1,145 @@
+// Values as texts and back, by integer arithmetic alone.
+
+#include "tools/bhctl/text.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+
+namespace bhctl {
+namespace {
+
+struct NamedState {
+  uint32_t state;
+  const char *name;
+};
+
+constexpr NamedState STATES[] = {
+    {ACP_STATE_OK, "ACP_STATE_OK"},
+    {ACP_STATE_FAILURE, "ACP_STATE_FAILURE"},
+    {ACP_STATE_PASSWORD_ERROR, "ACP_STATE_PASSWORD_ERROR"},
+    {ACP_STATE_NO_KEY, "ACP_STATE_NO_KEY"},
+    {ACP_STATE_NOT_SUPPORT, "ACP_STATE_NOT_SUPPORT"},
+    {ACP_STATE_NOW_LOCKING, "ACP_STATE_NOW_LOCKING"},
+    {ACP_STATE_NOT_PERMIT, "ACP_STATE_NOT_PERMIT"},
+    {ACP_STATE_TEST_FAIL, "ACP_STATE_TEST_FAIL"},
+    {ACP_STATE_NO_SPACE, "ACP_STATE_NO_SPACE"},
+    {ACP_STATE_BAD_PRODUCT, "ACP_STATE_BAD_PRODUCT"},
+    {ACP_STATE_BAD_FIRM_TYPE, "ACP_STATE_BAD_FIRM_TYPE"},
+};
+
+struct SizeUnit {
+  uint64_t bytes;
+  const char *name;
+};
+
+constexpr SizeUnit GIGABYTE = {1'000'000'000, "GB"};
+constexpr SizeUnit UNITS[] = {
+    {1'000'000'000'000, "TB"}, GIGABYTE, {1'000'000, "MB"}, {1'000, "kB"}};
+
+int HexDigit(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  return -1;
+}
+
+std::string InUnit(uint64_t bytes, const SizeUnit &unit) {
+  const uint64_t tenths = bytes % unit.bytes * 10 / unit.bytes;
+  return std::to_string(bytes / unit.bytes) + "." + std::to_string(tenths) + " " + unit.name;
+}
+
+// Length of the well-formed multi-byte UTF-8 character that `text` begins with; 0 when there is
+// none, or when it is one of the control characters U+0080 to U+009F.
+size_t Utf8Length(std::string_view text) {
+  const auto lead = static_cast<uint8_t>(text[0]);
+  if (lead < 0xC2 || lead > 0xF4) return 0;
+  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (text.size() < length) return 0;
+  uint32_t code = lead & (0x7FU >> length);
+  for (size_t i = 1; i < length; ++i) {
+    const auto byte = static_cast<uint8_t>(text[i]);
+    if ((byte & 0xC0) != 0x80) return 0;
+    code = code << 6 | (byte & 0x3FU);
+  }
+  constexpr uint32_t LOWEST[] = {0, 0, 0xA0, 0x800, 0x10000};
+  if (code < LOWEST[length] || code > 0x10FFFF) return 0;
+  return code >= 0xD800 && code <= 0xDFFF ? 0 : length;
+}
+
+}  // namespace
+
+std::optional<Mac> ParseMac(std::string_view text) {
+  constexpr size_t GROUP = 3;  // two digits and a separator
+  if (text.size() != MAC_SIZE * GROUP - 1) return std::nullopt;
+  if (text[2] != ':' && text[2] != '-') return std::nullopt;
+  Mac mac = {};
+  for (size_t i = 0; i < MAC_SIZE; ++i) {
+    const int high = HexDigit(text[i * GROUP]);
+    const int low = HexDigit(text[i * GROUP + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    if (i + 1 < MAC_SIZE && text[i * GROUP + 2] != text[2]) return std::nullopt;
+    mac[i] = static_cast<uint8_t>(high << 4 | low);
+  }
+  return mac;
+}
+
+std::string MacText(const Mac &mac) {
+  char text[18];
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
+                mac[4], mac[5]);
+  return text;
+}
+
+std::string StateName(uint32_t state) {
+  const auto *found = std::find_if(std::begin(STATES), std::end(STATES),
+                                   [=](const NamedState &named) { return named.state == state; });
+  if (found != std::end(STATES)) return found->name;
+  char text[11];
+  std::snprintf(text, sizeof text, "0x%08" PRIX32, state);
+  return text;
+}
+
+std::string SafeText(std::string_view text) {
+  std::string safe;
+  while (!text.empty()) {
+    const bool ascii = text[0] >= 0x20 && text[0] <= 0x7E;
+    const size_t length = ascii ? 1 : Utf8Length(text);
+    safe += length == 0 ? "?" : text.substr(0, length);
+    text.remove_prefix(std::max<size_t>(length, 1));
+  }
+  return safe;
+}
+
+std::string SizeText(uint64_t bytes) {
+  for (const SizeUnit &unit : UNITS)
+    if (bytes >= unit.bytes) return InUnit(bytes, unit);
+  return std::to_string(bytes) + " B";
+}
+
+std::string GigabytesText(uint64_t bytes) {
+  return InUnit(bytes, GIGABYTE);
+}
+
+std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avail) {
+  const uint64_t used = blocks > blocks_free ? blocks - blocks_free : 0;
+  const uint64_t usable = used + blocks_avail;
+  if (usable == 0) return "-";
+  return std::to_string((used * 100 + usable - 1) / usable) + "%";
+}
+
+std::string HexText(uint32_t number) {
+  char text[11];
+  std::snprintf(text, sizeof text, "0x%" PRIx32, number);
+  return text;
+}
+
+std::string MillisecondsText(std::chrono::microseconds time) {
+  const auto microseconds = static_cast<int64_t>(time.count());
+  char text[32];
+  std::snprintf(text, sizeof text, "%" PRId64 ".%03" PRId64 " ms", microseconds / 1000,
+                microseconds % 1000);
+  return text;
+}
+
+}  // namespace bhctl

@@ -1,0 +1,40 @@
+// Values as texts and back. The results do not depend on the locale.
+
+#ifndef BH_BHCTL_TEXT_H_
+#define BH_BHCTL_TEXT_H_
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tools/bhctl/wire.h"
+
+namespace bhctl {
+
+// Six groups of two hexadecimal digits, all separated by ':' or all by '-'.
+std::optional<Mac> ParseMac(std::string_view text);
+std::string MacText(const Mac &mac);
+
+// The state code's name; "0x" and eight digits for a code without one.
+std::string StateName(uint32_t state);
+
+// The text with '?' in place of what a terminal could take for a command: control characters, and
+// bytes that are not UTF-8.
+std::string SafeText(std::string_view text);
+
+// Decimal units and one digit after the point, rounded down: "999 B", "1.5 kB", "500.1 GB".
+std::string SizeText(uint64_t bytes);
+// The same, always in GB, as drives are sold.
+std::string GigabytesText(uint64_t bytes);
+
+// Used part of what an unprivileged user could use, rounded up: "25%"; "-" where nothing is.
+std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avail);
+
+std::string HexText(uint32_t number);
+std::string MillisecondsText(std::chrono::microseconds time);
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_TEXT_H_

@@ -1,0 +1,63 @@
+// The bytes of ACP datagrams: builds requests, takes replies apart and says which reply belongs to
+// which request. Replies may hold anything: nothing is read past what was received.
+
+#ifndef BH_BHCTL_WIRE_H_
+#define BH_BHCTL_WIRE_H_
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "acp/packet.h"
+
+namespace bhctl {
+
+using Mac = std::array<uint8_t, MAC_SIZE>;
+using Bytes = std::span<const uint8_t>;
+
+constexpr Mac BROADCAST_MAC = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+// The longest text (path or directory) that a request carries, in bytes: the datagram then still
+// fits one Ethernet frame.
+constexpr size_t MAX_REQUEST_TEXT = 1400;
+
+struct Request {
+  uint16_t command = 0;
+  uint16_t reply_command = 0;
+  size_t reply_body = 0;  // a reply with fewer bytes of body is not one
+  std::vector<uint8_t> body;
+};
+
+struct Reply {
+  ACPHeader header = {};
+  std::vector<uint8_t> body;
+};
+
+Request PingRequest();
+Request RaidRequest();
+// Texts are at most MAX_REQUEST_TEXT bytes and hold no NUL; an empty directory leaves the choice of
+// the drive to the appliance.
+Request DiskRequest(const std::string &directory);
+Request PartitionRequest(const std::string &path);
+
+std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, const Mac &dst_mac);
+
+// Nothing when the datagram is too short or its lengths contradict each other.
+std::optional<Reply> DecodeReply(Bytes datagram);
+
+// Whether the reply is addressed to one of `own_macs`, comes from `wanted` when that is set, and is
+// what the request asks for.
+bool AnswersRequest(const Reply &reply, const Request &request, std::span<const Mac> own_macs,
+                    const std::optional<Mac> &wanted);
+
+// Bodies of replies; what lies past the end of a short body reads as zero.
+DiskInfo DecodeDiskInfo(Bytes body);
+RaidInfo DecodeRaidInfo(Bytes body);
+PartitionInfo DecodePartitionInfo(Bytes body);
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_WIRE_H_
