@@ -1,0 +1,141 @@
+// The simulated board: an appliance booted in namespaces of this machine, with a copy-on-write view
+// of its files, its own network, clock, syslog and process table. Nothing done on it reaches the
+// machine, and nothing of it outlives the thread that booted it.
+//
+//   std::string why;
+//   if (!board::EnterLab(&why)) ...;                        // once, first thing in main
+//   std::optional<board::Board> board = board::Boot({}, &why);
+//   board::Result result = board::Run(*board, {.argv = {"/bin/hostname"}});
+//   board::Halt(*board);
+
+#pragma once
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace board {
+
+// A network interface of the board and the end of its wire that stays with the caller.
+struct Interface {
+  std::string name = "eth0";
+  std::string mac = "02:0b:4a:00:00:10";
+  std::string address = "192.168.40.2/24";  // of the board; empty: no IPv4 address
+  std::string client = "192.168.40.1/24";   // of the wire's end at the caller; may be empty too
+};
+
+struct Config {
+  std::string host_name = "brackenhold";
+  std::string product_id = {};  // PRODUCTID of /proc/brackenhold; empty: as rootfs/ has it
+  std::vector<Interface> interfaces = {Interface{}};
+  std::string rootfs = {};    // the appliance's own files; empty: board/rootfs of this tree
+  std::string products = {};  // directory of libshim.so, bh_servd and bhctl; empty: of this
+                              // program
+  std::vector<std::string> share = {};  // further directories of the host, seen at their own paths
+};
+
+// A running board. Plain data: copies speak of the same board.
+struct Board {
+  pid_t init = -1;        // the board's pid 1, as the caller numbers it
+  std::string root = {};  // its root directory for looking only: absolute symbolic links
+                          // below it lead back to the caller's own root
+  std::vector<std::string> wires = {};  // the caller's ends, one an interface, in their order
+  Config config = {};
+};
+
+// Puts this process in a user, network and mount namespace of its own: the place where boards are
+// booted and where their wires end. To be called once, before any thread is started. On failure
+// `why` says in a sentence what is missing and how to allow it.
+bool EnterLab(std::string *why);
+
+// Boots a board; it is up, with carrier on every interface, when this returns. It dies with the
+// calling thread. Requires EnterLab.
+std::optional<Board> Boot(const Config &config, std::string *why);
+
+// A board booted by another process of this lab, for entering it.
+Board Attach(pid_t init);
+
+// Kills all that runs on the board and waits until it and its wires are gone.
+void Halt(Board &board);
+
+// A program to run on the board.
+struct Command {
+  std::vector<std::string> argv = {};  // argv[0] is looked up on the board's PATH
+  std::vector<std::string> env = {};   // NAME=VALUE, beside the caller's environment
+  std::string fail = {};               // calls to fail, see shim.c: "bh_servd/fork:1:EAGAIN,..."
+  int in = -1;                         // -1: /dev/null
+  int out = -1;                        // -1: the caller's own
+  int err = -1;                        // -1: the caller's own
+  uid_t uid = 0;
+  std::string directory = "/";
+  bool foreground = false;  // an interactive shell, which takes the terminal of `in`
+};
+
+// How a process ended.
+struct Result {
+  int exit_code = -1;  // -1: killed by `signal`
+  int signal = 0;
+  std::string output = {};  // standard output and error of a Run
+};
+
+// Starts a program on the board, as a child of this process: its id is the number that it has here,
+// and it is killed when the calling thread ends. -1 when no process could be made; what goes wrong
+// later is exit status 127 and a line on standard error.
+pid_t Spawn(const Board &board, const Command &command);
+
+// Waits for the end of a Spawn or Fork, also when the board has been halted since, or of any other
+// child of this process.
+Result Wait(pid_t process);
+
+// Runs a program to its end. Background processes that it leaves behind are not waited for.
+Result Run(const Board &board, const Command &command);
+
+// As fork(), but the child is on the board. It has no shim preloaded, and leaves with _exit.
+pid_t Fork(const Board &board);
+
+// Runs `function`, which returns an exit status, in a child on the board.
+template <typename Function>
+Result RunInside(const Board &board, Function function) {
+  const pid_t process = Fork(board);
+  if (process == 0) {
+    const int status = function();
+    std::fflush(nullptr);
+    _exit(status);
+  }
+  return Wait(process);
+}
+
+// Sends a signal to a process by the number that it has on the board.
+bool Kill(const Board &board, pid_t inner, int signal);
+
+// Polls the condition each millisecond until it holds or the time is over; says whether it held.
+template <typename Predicate>
+bool WaitFor(Predicate predicate,
+             std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    usleep(1000);
+  }
+  return true;
+}
+
+// Files of the board by their path on it; links are followed on the board. The board's kernel
+// tables (/proc/net and the like) are per process: read them with a Run of cat.
+int OpenFile(const Board &board, const std::string &path, int flags, mode_t mode = 0644);
+std::string ReadFile(const Board &board, const std::string &path);  // empty when there is none
+bool WriteFile(const Board &board, const std::string &path, std::string_view text);
+bool Exists(const Board &board, const std::string &path);
+bool Remove(const Board &board, const std::string &path);
+
+// Where a failing test finds what happened.
+inline constexpr char kCallLog[] = "/var/log/calls";
+inline constexpr char kSyslog[] = "/var/log/syslog";
+
+}  // namespace board

@@ -1,0 +1,100 @@
+// Files: copying onto a board that is being put together, and looking into one that runs.
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <string>
+
+#include "board/pieces.h"
+
+namespace board {
+
+static bool CopyBytes(int from, int to) {
+  std::array<char, 65536> buffer{};
+  ssize_t size = 0;
+  while ((size = read(from, buffer.data(), buffer.size())) > 0)
+    if (write(to, buffer.data(), static_cast<size_t>(size)) != size) return false;
+  return size == 0;
+}
+
+static bool CopyLink(const std::string &from, const std::string &to) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(from.c_str(), target, sizeof target - 1);
+  if (length < 0) return false;
+  target[length] = '\0';
+  return symlink(target, to.c_str()) == 0;
+}
+
+bool CopyEntry(const std::string &from, const std::string &to) {
+  struct stat info {};
+  if (lstat(from.c_str(), &info) != 0) return false;
+  if (unlink(to.c_str()) != 0 && errno != ENOENT) return false;
+  if (S_ISLNK(info.st_mode)) return CopyLink(from, to);
+  const Descriptor source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  const Descriptor copy(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  return source.fd >= 0 && copy.fd >= 0 && CopyBytes(source.fd, copy.fd) &&
+         fchmod(copy.fd, info.st_mode & 07777) == 0;
+}
+
+bool MakeDirectories(const std::string &base, const std::string &path, const std::string &model) {
+  for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string part = path.substr(0, end);
+    struct stat info {};
+    const bool known = stat((model + part).c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    if (mkdir((base + part).c_str(), 0755) == 0) {
+      if (known && chmod((base + part).c_str(), info.st_mode & 07777) != 0) return false;
+    } else if (errno != EEXIST) {
+      return false;
+    }
+    if (end == std::string::npos) return true;
+  }
+}
+
+// Relative to `directory`, with it as the root that links and ".." stay within.
+static int OpenInRoot(int directory, const std::string &path, int flags, mode_t mode) {
+  struct open_how how {};
+  how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
+  how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+  how.resolve = RESOLVE_IN_ROOT;
+  return static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how));
+}
+
+int OpenFile(const Board &board, const std::string &path, int flags, mode_t mode) {
+  const Descriptor root(open(board.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return root.fd < 0 ? -1 : OpenInRoot(root.fd, path, flags, mode);
+}
+
+std::string ReadFile(const Board &board, const std::string &path) {
+  const Descriptor file(OpenFile(board, path, O_RDONLY));
+  std::string text;
+  std::array<char, 4096> buffer{};
+  ssize_t size = 0;
+  while (file.fd >= 0 && (size = read(file.fd, buffer.data(), buffer.size())) > 0)
+    text.append(buffer.data(), static_cast<size_t>(size));
+  return text;
+}
+
+bool WriteFile(const Board &board, const std::string &path, std::string_view text) {
+  const Descriptor file(OpenFile(board, path, O_WRONLY | O_CREAT | O_TRUNC));
+  return file.fd >= 0 &&
+         write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+bool Exists(const Board &board, const std::string &path) {
+  const Descriptor file(OpenFile(board, path, O_PATH));
+  return file.fd >= 0;
+}
+
+bool Remove(const Board &board, const std::string &path) {
+  const size_t slash = path.rfind('/');
+  const Descriptor directory(OpenFile(board, path.substr(0, slash + 1), O_PATH | O_DIRECTORY));
+  return directory.fd >= 0 && unlinkat(directory.fd, path.c_str() + slash + 1, 0) == 0;
+}
+
+}  // namespace board

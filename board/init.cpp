@@ -1,0 +1,232 @@
+// The board's life: booting it, its first process, and its end.
+//
+// The first process is cloned into the board's namespaces and is the board: as pid 1 it takes all
+// other processes on the board with it. While booting it talks with the caller over a socket pair:
+// it sends 'n' when its network is ready for the wires, receives 'w' when they are made, and sends
+// 'r' when all is up or 'e' and a text when it is not.
+
+#include <fcntl.h>
+#include <linux/sched.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "board/pieces.h"
+
+namespace board {
+
+// --- pid 1
+
+static int OpenLogSocket() {
+  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  struct sockaddr_un address {};
+  address.sun_family = AF_UNIX;
+  std::string_view("/dev/log").copy(address.sun_path, sizeof address.sun_path - 1);
+  const int size = 4 << 20;
+  setsockopt(log, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);  // as much as is allowed
+  const bool ready =
+      bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof address) == 0 &&
+      chmod("/dev/log", 0666) == 0;
+  if (ready) return log;
+  close(log);
+  return -1;
+}
+
+static void StoreLogLines(int log, int file) {
+  std::array<char, 8192> line{};
+  ssize_t size = 0;
+  while ((size = recv(log, line.data(), line.size() - 1, 0)) > 0) {
+    auto length = static_cast<size_t>(size);
+    while (length > 0 && (line[length - 1] == '\n' || line[length - 1] == '\0'))
+      length--;
+    line[length++] = '\n';
+    if (write(file, line.data(), length) < 0) return;
+  }
+}
+
+// Answers /dev/log and reaps what is left to pid 1, for good.
+[[noreturn]] static void Live(int log) {
+  const int file = open(kSyslog, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &child, nullptr);
+  const int children = signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
+  std::array<struct pollfd, 2> ready{{{log, POLLIN, 0}, {children, POLLIN, 0}}};
+  for (;;) {
+    poll(ready.data(), ready.size(), -1);
+    StoreLogLines(log, file);
+    struct signalfd_siginfo info {};
+    while (read(children, &info, sizeof info) > 0)
+      continue;
+    while (waitpid(-1, nullptr, WNOHANG) > 0)
+      continue;
+  }
+}
+
+// The keeper of the mount table: a process whose root is /run/mount-view. Its table is
+// /proc/mounts.
+static bool StartMountView() {
+  const pid_t keeper = fork();
+  if (keeper == 0) {
+    if (chroot("/run/mount-view") != 0 || chdir("/") != 0) _exit(1);
+    for (;;)
+      pause();
+  }
+  const std::string table = "/run/kernel-proc/" + std::to_string(keeper) + "/mounts";
+  return keeper > 0 && symlink(table.c_str(), "/proc/mounts") == 0;
+}
+
+// Nothing of the caller stays with pid 1: no terminal or pipe whose end it would hold open, no
+// handler.
+static void LetGoOfCaller(int keep) {
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (int fd = 0; fd < 3; fd++)
+    dup2(null, fd);
+  close_range(3, static_cast<unsigned>(keep) - 1, 0);
+  close_range(static_cast<unsigned>(keep) + 1, ~0U, 0);
+  for (int number = 1; number < NSIG; number++)
+    std::signal(number, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  umask(022);
+}
+
+static std::string BootSelf(const Config &config, int caller, int *log) {
+  char byte = 'n';
+  if (sethostname(config.host_name.c_str(), config.host_name.size()) != 0)
+    return Failure("sethostname");
+  if (!PrepareNetwork("/proc")) return Failure("cannot set up the board's network");
+  if (send(caller, &byte, 1, MSG_NOSIGNAL) != 1) _exit(1);
+  std::string why = BuildRoot(config);
+  if (!why.empty()) return why;
+  *log = OpenLogSocket();
+  if (*log < 0) return Failure("/dev/log");
+  if (!StartMountView()) return Failure("/proc/mounts");
+  if (recv(caller, &byte, 1, 0) != 1) _exit(1);
+  why = RaiseInterfaces(config);
+  for (const Interface &interface : config.interfaces)
+    if (why.empty() && !WaitForCarrier(interface.name)) why = interface.name + " has no carrier";
+  return why;
+}
+
+[[noreturn]] static void RunInit(const Config &config, int caller) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  caller = fcntl(caller, F_DUPFD_CLOEXEC, 3);
+  LetGoOfCaller(caller);
+  int log = -1;
+  const std::string why = BootSelf(config, caller, &log);
+  const std::string answer = why.empty() ? "r" : "e" + why;
+  if (send(caller, answer.data(), answer.size(), MSG_NOSIGNAL) < 0 || !why.empty()) _exit(1);
+  close(caller);
+  Live(log);
+}
+
+// --- the caller's side
+
+static std::string Canonical(const std::string &path) {
+  std::error_code error;
+  return std::filesystem::weakly_canonical(path, error).string();
+}
+
+// The config with its defaults filled in and its paths absolute.
+static Config Complete(Config config) {
+  if (config.rootfs.empty()) config.rootfs = BOARD_ROOTFS;
+  if (config.products.empty()) config.products = ProgramDirectory();
+  config.rootfs = Canonical(config.rootfs);
+  config.products = Canonical(config.products);
+  if (IsOwn(Canonical(BOARD_SOURCE))) config.share.push_back(BOARD_SOURCE);
+  config.share.push_back(config.products);
+  for (std::string &directory : config.share)
+    directory = Canonical(directory);
+  return config;
+}
+
+static pid_t CloneInit() {
+  struct clone_args arguments {};
+  arguments.flags = CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWPID;
+  arguments.exit_signal = SIGCHLD;
+  std::fflush(nullptr);
+  return static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof arguments));
+}
+
+static std::string Receive(int init) {
+  std::array<char, 2048> text{};
+  struct pollfd ready {
+    init, POLLIN, 0
+  };
+  if (poll(&ready, 1, 20000) != 1) return std::string("e") + "the board does not answer";
+  const ssize_t size = recv(init, text.data(), text.size(), 0);
+  if (size <= 0) return std::string("e") + "the board's first process has died";
+  return {text.data(), static_cast<size_t>(size)};
+}
+
+static std::string BootFromOutside(Board *board, int init) {
+  std::string answer = Receive(init);
+  if (answer != "n") return answer.substr(1);
+  std::string why = MakeWires(board->config, board->init, &board->wires);
+  if (!why.empty()) return why;
+  if (send(init, "w", 1, MSG_NOSIGNAL) != 1) return Failure("the board has died");
+  answer = Receive(init);
+  if (answer != "r") return answer.substr(1);
+  for (const std::string &wire : board->wires)
+    if (!WaitForCarrier(wire)) return wire + " has no carrier";
+  return "";
+}
+
+std::optional<Board> Boot(const Config &config, std::string *why) {
+  Board board;
+  board.config = Complete(config);
+  const std::string shim = board.config.products + "/libshim.so";
+  if (access(shim.c_str(), R_OK) != 0) return *why = Failure(shim), std::nullopt;
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
+    return *why = Failure("socketpair"), std::nullopt;
+  board.init = CloneInit();
+  if (board.init == 0) RunInit(board.config, pair[1]);
+  const Descriptor init(pair[0]);
+  close(pair[1]);
+  if (board.init < 0) return *why = Failure("cannot clone a board's namespaces"), std::nullopt;
+  board.root = "/proc/" + std::to_string(board.init) + "/root";
+  *why = BootFromOutside(&board, init.fd);
+  if (why->empty()) return board;
+  Halt(board);
+  return std::nullopt;
+}
+
+Board Attach(pid_t init) {
+  Board board;
+  board.init = init;
+  board.root = "/proc/" + std::to_string(init) + "/root";
+  board.config = Complete({});
+  return board;
+}
+
+void Halt(Board &board) {
+  if (board.init <= 0) return;
+  kill(board.init, SIGKILL);
+  CollectChildren(board.init);
+  waitpid(board.init, nullptr, 0);
+  for (const std::string &wire : board.wires)
+    WaitFor([&] { return if_nametoindex(wire.c_str()) == 0; });
+  board = Board{};
+}
+
+}  // namespace board

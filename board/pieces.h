@@ -1,0 +1,79 @@
+// What the files of the board library know of each other.
+
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "board/board.h"
+
+namespace board {
+
+// Closes its descriptor at the end of its scope.
+struct Descriptor {
+  int fd = -1;
+  explicit Descriptor(int from) : fd(from) {}
+  ~Descriptor() {
+    if (fd >= 0) close(fd);
+  }
+  Descriptor(const Descriptor &) = delete;
+  Descriptor &operator=(const Descriptor &) = delete;
+};
+
+// "what: error text of errno"
+std::string Failure(std::string_view what);
+
+// --- lab.cpp
+
+// Writes a text into an existing file with one write, as the files of /proc want it.
+bool WriteText(const std::string &path, std::string_view text);
+
+// Brings `lo` up, switches IPv6 off and lets replies with foreign source addresses through, in the
+// network namespace that this process is in. `proc` is where procfs is mounted.
+bool PrepareNetwork(const std::string &proc);
+
+// Directory of the running program.
+std::string ProgramDirectory();
+
+// --- files.cpp
+
+// Copies a regular file or symbolic link over whatever stands at `to`, with its mode.
+bool CopyEntry(const std::string &from, const std::string &to);
+
+// Makes a directory and those above it. New ones get the mode that they have at `model` + path, or
+// 0755; `base` itself exists.
+bool MakeDirectories(const std::string &base, const std::string &path, const std::string &model);
+
+// --- root.cpp
+
+// Whether a path lies in one of the directories that a board has of its own.
+bool IsOwn(std::string_view path);
+
+// In the board's pid 1, in its fresh namespaces: puts the board's root directory together and makes
+// it this process's root. Returns an empty text, or what went wrong.
+std::string BuildRoot(const Config &config);
+
+// --- wire.cpp
+
+// At the caller: one veth pair an interface, its far end in the namespace of `init`. Appends the
+// near ends' names to `wires`.
+std::string MakeWires(const Config &config, pid_t init, std::vector<std::string> *wires);
+
+// On the board: gives the interfaces their addresses and brings them up.
+std::string RaiseInterfaces(const Config &config);
+
+// Runs a program to its end with `input` as its standard input. Returns an empty text when it
+// succeeded, else what it said.
+std::string RunTool(const std::vector<std::string> &argv, std::string_view input);
+
+// Waits until the interface exists and has its carrier.
+bool WaitForCarrier(const std::string &name);
+// --- spawn.cpp
+
+// Collects the caller's children on the board, which are dying with it.
+void CollectChildren(pid_t init);
+
+}  // namespace board

@@ -1,0 +1,1 @@
+/usr/lib/board/stand-in

@@ -1,0 +1,328 @@
+// Preloaded into every program on the simulated board; stands for what must not or cannot be real.
+//
+// Never real: settimeofday, clock_settime and reboot. They are noted in /var/log/calls; the first
+// two move the clock that all programs on the board see: time, gettimeofday and clock_gettime add
+// the offset kept in /run/board-clock (nanoseconds, in the machine's byte order). Waiting for a
+// point of time is left to the kernel's own clock.
+//
+// Failing on demand: the environment variable BOARD_FAIL lists calls to fail, parted by commas:
+//
+//   program/call[=argument][:n[:error]]      bh_servd/fork:1:EAGAIN,bh_servd/calloc=544
+//
+// The n-th such call (default 1; 0: every one) of a program of that name ("*": any) fails with the
+// error (default ENOMEM for calloc, else EIO). The argument is the path of an open or fopen and the
+// number of bytes of a calloc; then only calls with it count. Calls are counted in each process
+// image; a fork takes the count along. The calls that can fail are those of WRAP and WRAP_PATH, and
+// open, fork, calloc and settimeofday.
+//
+// The shim is loaded into programs of any language: it uses nothing of the C++ library.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/reboot.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr int64_t kSecond = 1000000000;  // in nanoseconds
+
+constexpr struct {
+  const char *name;
+  int number;
+} kErrors[] = {
+    {"EACCES", EACCES}, {"EADDRINUSE", EADDRINUSE}, {"EAGAIN", EAGAIN},
+    {"EINTR", EINTR},   {"EINVAL", EINVAL},         {"EIO", EIO},
+    {"EMFILE", EMFILE}, {"ENETDOWN", ENETDOWN},     {"ENOBUFS", ENOBUFS},
+    {"ENODEV", ENODEV}, {"ENOENT", ENOENT},         {"ENOMEM", ENOMEM},
+    {"ENOSPC", ENOSPC}, {"ENXIO", ENXIO},           {"EPERM", EPERM},
+    {"EROFS", EROFS},
+};
+
+struct Plan {
+  const char *call;
+  const char *argument;  // null: whatever it is
+  unsigned long nth;     // 0: every one
+  int error;
+  unsigned long seen;
+};
+Plan plans[8];
+size_t plan_count = 0;
+
+int64_t *clock_offset = nullptr;  // shared by all processes on the board
+
+[[noreturn]] void Refuse(const char *text) {
+  std::fprintf(stderr, "board shim: cannot read this of BOARD_FAIL: %s\n", text);
+  std::abort();
+}
+
+int ErrorNumber(const char *name) {
+  for (const auto &error : kErrors)
+    if (std::strcmp(name, error.name) == 0) return error.number;
+  Refuse(name);
+}
+
+void ReadPlan(char *item) {
+  const char *program = strsep(&item, "/");
+  char *argument = strsep(&item, ":");
+  const char *nth = strsep(&item, ":");
+  const char *call = strsep(&argument, "=");
+  if (call == nullptr || plan_count == sizeof plans / sizeof *plans) Refuse(program);
+  if (std::strcmp(program, "*") != 0 && std::strcmp(program, program_invocation_short_name) != 0)
+    return;
+  const int usual = std::strcmp(call, "calloc") == 0 ? ENOMEM : EIO;
+  plans[plan_count++] = {call, argument, nth == nullptr ? 1 : std::strtoul(nth, nullptr, 10),
+                         item == nullptr ? usual : ErrorNumber(item), 0};
+}
+
+void ReadPlans() {
+  static char items[1024];
+  const char *list = std::getenv("BOARD_FAIL");
+  if (list == nullptr) return;
+  const size_t size = std::strlen(list) + 1;
+  if (size > sizeof items) Refuse(list);
+  std::memcpy(items, list, size);
+  char *rest = items;
+  while (rest != nullptr)
+    ReadPlan(strsep(&rest, ","));
+}
+
+// Whether this call is one to fail; errno is then set.
+bool Fails(const char *call, const char *argument = nullptr) {
+  for (size_t i = 0; i < plan_count; i++) {
+    Plan &plan = plans[i];
+    if (std::strcmp(plan.call, call) != 0) continue;
+    if (plan.argument != nullptr &&
+        (argument == nullptr || std::strcmp(plan.argument, argument) != 0))
+      continue;
+    plan.seen++;
+    if (plan.nth != 0 && plan.seen != plan.nth) continue;
+    errno = plan.error;
+    return true;
+  }
+  return false;
+}
+
+// The call behind this file's own of that name.
+template <typename Function>
+Function *FindReal(Function *, const char *name) {
+  void *symbol = dlsym(RTLD_NEXT, name);
+  Function *real = nullptr;
+  std::memcpy(&real, &symbol, sizeof symbol);
+  return real;
+}
+
+// A program finds itself under /proc by its number as it would on the appliance. The board's /proc
+// cannot follow the process table by itself, so each new process adds its own link.
+void AnnounceProcess() {
+  char link[32];
+  char target[48];
+  const int error = errno;
+  std::snprintf(link, sizeof link, "/proc/%d", getpid());
+  std::snprintf(target, sizeof target, "/run/kernel-proc/%d", getpid());
+  if (symlink(target, link) != 0) errno = error;  // an earlier bearer of the number has left it
+}
+
+void MapClock() {
+  const int file = openat(AT_FDCWD, "/run/board-clock", O_RDWR | O_CLOEXEC);
+  if (file < 0) return;
+  void *page = mmap(nullptr, sizeof *clock_offset, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  if (page != MAP_FAILED) clock_offset = static_cast<int64_t *>(page);
+  close(file);
+}
+
+__attribute__((constructor)) void Start() {
+  AnnounceProcess();
+  MapClock();
+  ReadPlans();
+}
+
+int Refusal(int error) {
+  errno = error;
+  return -1;
+}
+
+// One write, so that lines of several programs do not mix.
+void LogCall(const char *line) {
+  const int log =
+      openat(AT_FDCWD, "/var/log/calls", O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+  if (log < 0) return;
+  if (write(log, line, std::strlen(line)) < 0) std::perror("board shim: call log");
+  close(log);
+}
+
+int64_t RealTime(clockid_t id) {
+  static auto *const real = FindReal(&clock_gettime, "clock_gettime");
+  struct timespec now {};
+  real(id, &now);
+  return now.tv_sec * kSecond + now.tv_nsec;
+}
+
+int64_t BoardTime(clockid_t id) {
+  return RealTime(id) +
+         (clock_offset == nullptr ? 0 : __atomic_load_n(clock_offset, __ATOMIC_SEQ_CST));
+}
+
+int SetBoardTime(int64_t wanted) {
+  if (geteuid() != 0) return Refusal(EPERM);
+  if (clock_offset == nullptr) return Refusal(ENODEV);
+  __atomic_store_n(clock_offset, wanted - RealTime(CLOCK_REALTIME), __ATOMIC_SEQ_CST);
+  return 0;
+}
+
+// The look-up of the real calloc may itself ask for memory, which it never gives back.
+void *EarlyMemory(size_t size) {
+  alignas(std::max_align_t) static char memory[2048];
+  static size_t used = 0;
+  const size_t step = (size + 15) / 16 * 16;
+  if (step < size || step > sizeof memory - used) return nullptr;
+  used += step;
+  return memory + used - step;
+}
+
+}  // namespace
+
+extern "C" {
+
+#define WRAP(type, name, failure, parameters, arguments) \
+  type name parameters {                                 \
+    static auto *const real = FindReal(&(name), #name);  \
+    return Fails(#name) ? (failure) : real arguments;    \
+  }
+
+WRAP(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, setsockopt, -1, (int fd, int level, int name, const void *value, socklen_t length),
+     (fd, level, name, value, length))
+WRAP(int, bind, -1, (int fd, const struct sockaddr *address, socklen_t length),
+     (fd, address, length))
+WRAP(int, listen, -1, (int fd, int backlog), (fd, backlog))
+WRAP(ssize_t, sendto, -1,
+     (int fd, const void *data, size_t size, int flags, const struct sockaddr *to,
+      socklen_t length),
+     (fd, data, size, flags, to, length))
+WRAP(int, pipe, -1, (int *fds), (fds))
+WRAP(int, pipe2, -1, (int *fds, int flags), (fds, flags))
+WRAP(FILE *, popen, nullptr, (const char *command, const char *mode), (command, mode))
+WRAP(int, system, -1, (const char *command), (command))
+WRAP(int, shmget, -1, (key_t key, size_t size, int flags), (key, size, flags))
+WRAP(void *, shmat, MAP_FAILED, (int id, const void *address, int flags), (id, address, flags))
+WRAP(int, semget, -1, (key_t key, int count, int flags), (key, count, flags))
+WRAP(int, sigaction, -1, (int number, const struct sigaction *action, struct sigaction *old),
+     (number, action, old))
+WRAP(sighandler_t, signal, SIG_ERR, (int number, sighandler_t handler), (number, handler))
+
+// The calls of a file's name; programs with 64-bit file offsets call them under their second name.
+#define WRAP_PATH(type, name, kind, failure, parameters, arguments) \
+  type name parameters {                                            \
+    static auto *const real = FindReal(&(name), #name);             \
+    return Fails(kind, path) ? (failure) : real arguments;          \
+  }
+
+WRAP_PATH(FILE *, fopen, "fopen", nullptr, (const char *path, const char *mode), (path, mode))
+WRAP_PATH(FILE *, fopen64, "fopen", nullptr, (const char *path, const char *mode), (path, mode))
+
+// open takes its mode only sometimes, and as a further argument; passing one always does no harm.
+int OpenFor32(const char *path, int flags, mode_t mode) __asm__("open");
+int OpenFor64(const char *path, int flags, mode_t mode) __asm__("open64");
+
+int OpenFor32(const char *path, int flags, mode_t mode) {
+  static auto *const real = FindReal(&open, "open");
+  return Fails("open", path) ? -1 : real(path, flags, mode);
+}
+
+int OpenFor64(const char *path, int flags, mode_t mode) {
+  static auto *const real = FindReal(&open64, "open64");
+  return Fails("open", path) ? -1 : real(path, flags, mode);
+}
+
+pid_t fork() {
+  static auto *const real = FindReal(&fork, "fork");
+  if (Fails("fork")) return -1;
+  const pid_t child = real();
+  if (child == 0) AnnounceProcess();
+  return child;
+}
+
+void *calloc(size_t count, size_t size) {
+  static decltype(&calloc) real = nullptr;
+  static bool looking = false;
+  if (looking) return EarlyMemory(count * size);
+  if (real == nullptr) {
+    looking = true;
+    real = FindReal(&calloc, "calloc");
+    looking = false;
+  }
+  if (plan_count != 0) {
+    char bytes[24];
+    std::snprintf(bytes, sizeof bytes, "%zu", count * size);
+    if (Fails("calloc", bytes)) return nullptr;
+  }
+  return real(count, size);
+}
+
+int clock_gettime(clockid_t id, struct timespec *now) {
+  static auto *const real = FindReal(&clock_gettime, "clock_gettime");
+  if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE) return real(id, now);
+  const int64_t moved = BoardTime(id);
+  now->tv_sec = static_cast<time_t>(moved / kSecond);
+  now->tv_nsec = static_cast<long>(moved % kSecond);
+  return 0;
+}
+
+int gettimeofday(struct timeval *now, void *zone) {
+  const int64_t moved = BoardTime(CLOCK_REALTIME);
+  if (zone != nullptr) std::memset(zone, 0, sizeof(struct timezone));
+  now->tv_sec = static_cast<time_t>(moved / kSecond);
+  now->tv_usec = static_cast<suseconds_t>(moved % kSecond / 1000);
+  return 0;
+}
+
+time_t time(time_t *now) {
+  const auto seconds = static_cast<time_t>(BoardTime(CLOCK_REALTIME) / kSecond);
+  if (now != nullptr) *now = seconds;
+  return seconds;
+}
+
+int settimeofday(const struct timeval *wanted, const struct timezone *) {
+  if (Fails("settimeofday")) return -1;
+  if (wanted == nullptr) return 0;
+  if (wanted->tv_usec < 0 || wanted->tv_usec >= 1000000) return Refusal(EINVAL);
+  char line[64];
+  std::snprintf(line, sizeof line, "settimeofday %lld.%06ld\n",
+                static_cast<long long>(wanted->tv_sec), static_cast<long>(wanted->tv_usec));
+  LogCall(line);
+  return SetBoardTime(wanted->tv_sec * kSecond + wanted->tv_usec * 1000);
+}
+
+int clock_settime(clockid_t id, const struct timespec *wanted) {
+  if (id != CLOCK_REALTIME || wanted->tv_nsec < 0 || wanted->tv_nsec >= kSecond)
+    return Refusal(EINVAL);
+  char line[64];
+  std::snprintf(line, sizeof line, "clock_settime %lld.%09ld\n",
+                static_cast<long long>(wanted->tv_sec), wanted->tv_nsec);
+  LogCall(line);
+  return SetBoardTime(wanted->tv_sec * kSecond + wanted->tv_nsec);
+}
+
+int reboot(int how) {
+  char line[64];
+  std::snprintf(line, sizeof line, "reboot 0x%08x\n", static_cast<unsigned>(how));
+  LogCall(line);
+  return 0;
+}
+
+}  // extern "C"
