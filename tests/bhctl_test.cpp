@@ -1,0 +1,170 @@
+// bhctl without a network: the bytes it sends, what it makes of replies, good and hostile, and its
+// command line.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tools/bhctl/drive.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/text.h"
+#include "tools/bhctl/wire.h"
+
+namespace {
+
+using std::string;
+using namespace bhctl;
+using namespace std::string_literals;
+
+constexpr Mac CLIENT = {0x02, 0xCC, 0x00, 0x00, 0x00, 0x10};
+constexpr Mac APPLIANCE = {0x02, 0xBB, 0x00, 0x00, 0x00, 0x01};
+
+constexpr auto D = [](size_t n, size_t nuls = 0) { return string(n, 'd').append(nuls, '\0'); };
+constexpr auto Bytes = [](const string &s) { return std::vector<uint8_t>(s.begin(), s.end()); };
+
+TEST(BhctlRequest, BytesOnTheWire) {
+  const std::pair<Request, string> CASES[] = {
+      {PingRequest(), "\x40\x80\0\0"s},
+      {RaidRequest(), "\xE0\x80\0\0"s},
+      {PartitionRequest("dddd"), "\xD0\x80\5\0"s + D(4, 1)},
+      {DiskRequest(""), "\x90\x80\0\0"s},
+      {DiskRequest("d"), "\x90\x80\x40\0"s + D(1, 63)},  // looked at from 96 bytes on only
+      {DiskRequest(D(64)), "\x90\x80\x41\0"s + D(64, 1)},
+      {DiskRequest(D(1400)), "\x90\x80\x79\5"s + D(1400, 1)},
+  };
+  for (const auto &[request, text] : CASES) {
+    const string macs = "\0\0\0\0\x02\xCC\0\0\0\x10\x02\xBB\0\0\0\x01\0\0\0\0"s;
+    const string datagram = "\x20\0\0\0\x07\0\x01\0"s + text.substr(0, 4) + macs + text.substr(4);
+    EXPECT_EQ(EncodeRequest(request, CLIENT, APPLIANCE), Bytes(datagram)) << text.size();
+  }
+}
+
+// From APPLIANCE to CLIENT in state ACP_STATE_NOT_PERMIT.
+string ReplyText(const string &command_and_size, const string &body) {
+  const string macs = "\0\0\0\0\x02\xBB\0\0\0\x01\x02\xCC\0\0\0\x10\x0A\0\0\x80"s;
+  return "\x20\0\0\0\x07\0\x01\0"s + command_and_size + macs + body;
+}
+
+bool Accepted(const string &datagram, const Request &request) {
+  const std::optional<Reply> reply = DecodeReply(Bytes(datagram));
+  const std::vector<Mac> own = {BROADCAST_MAC, CLIENT};
+  return reply && AnswersRequest(*reply, request, own, APPLIANCE);
+}
+
+TEST(BhctlReply, MalformedAndForeignOnesDoNotCount) {
+  const string raid = ReplyText("\xE0\xC0\xE0\x02", D(736));
+  EXPECT_TRUE(Accepted(raid, RaidRequest()));
+  // Header size, command, option size, another appliance, another client.
+  for (const size_t offset : {0U, 1U, 8U, 9U, 10U, 11U, 16U, 21U, 22U, 27U}) {
+    string bad = raid;
+    bad[offset] ^= 3;
+    EXPECT_FALSE(Accepted(bad, RaidRequest())) << offset;
+  }
+  EXPECT_FALSE(Accepted(raid.substr(0, 31), RaidRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\xE0\xC0\xDF\x02", D(735)), RaidRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\xD0\xC0\x5B\0"s, D(91)), PartitionRequest("/")));
+  EXPECT_FALSE(Accepted(ReplyText("\x90\xC0\xFF\1", D(511)), DiskRequest("")));
+  EXPECT_FALSE(Accepted(ReplyText("\x40\xC0\4\0"s, D(1)), PingRequest()));
+  EXPECT_TRUE(Accepted(ReplyText("\x40\xC0\4\0"s, ""), PingRequest()));  // an echo of the header
+}
+
+TEST(BhctlReply, FieldsAreLittleEndianAndTextsEnd) {
+  using Numbers = std::vector<uint32_t>;
+  string body(736, '\0');
+  std::iota(body.begin(), body.end(), '\0');
+  const Reply reply = DecodeReply(Bytes(ReplyText("\xD0\xC0\x5C\0"s, body.substr(0, 92)))).value();
+  EXPECT_EQ(reply.header.result, 0x8000000AU);
+  const PartitionInfo part = DecodePartitionInfo(reply.body);
+  EXPECT_EQ((Numbers{part.fs_type, part.block_size, part.blocks, part.blocks_free}),
+            (Numbers{0x03020100, 0x07060504, 0x0B0A0908, 0x0F0E0D0C}));
+  EXPECT_EQ((Numbers{part.blocks_avail, part.inodes, part.inodes_free}),
+            (Numbers{0x13121110, 0x17161514, 0x1B1A1918}));
+  EXPECT_EQ(string(part.path).substr(60), "XYZ");  // byte 91, the last, makes room for the NUL
+  const RaidInfo raid = DecodeRaidInfo(Bytes(body));
+  EXPECT_EQ((Numbers{raid.entries[1].type, raid.entries[1].index, raid.entries[7].blocks_free}),
+            (Numbers{0x5F5E5D5C, 0x63626160, 0x9B9A9998}));
+  EXPECT_EQ(string(raid.entries[1].path).substr(0, 3), "xyz");
+}
+
+TEST(BhctlDrive, TextsAndCapacityComeFromTheWords) {
+  string body = D(512);
+  body.replace(20, 20, "  1S\x7F\x1B" + D(12) + "\0"s + "9");
+  body.replace(46, 48, "1FddddA0BAC " + D(34) + "ZD");
+  body.replace(120, 4, "\0\0\1\0"s);
+  body.replace(166, 2, "\xFF\xFB");  // every feature but addresses of 48 bits
+  body.replace(200, 8, "\x30\x60\x38\x3A\0\0\1\0"s);
+  const DriveIdentity drive = IdentifyDrive(DecodeDiskInfo(Bytes(body)));
+  EXPECT_EQ(drive.serial, "S1??dddddddddddd9");
+  EXPECT_EQ(drive.firmware, "F1dddd0A");
+  EXPECT_EQ(drive.model, "AB C" + D(34) + "DZ");
+  EXPECT_EQ(DriveBytes(drive), 33554432U);
+  body.replace(166, 2, "\0\4"s);
+  EXPECT_EQ(DriveBytes(IdentifyDrive(DecodeDiskInfo(Bytes(body)))), 0x0200007470C06000U);
+  EXPECT_EQ(DriveBytes({"", "", "", 0x0080000000000000U}), UINT64_MAX);
+  EXPECT_EQ(IdentifyDrive({}).model, "");
+  EXPECT_FALSE(HasDriveInformation(DecodeDiskInfo({})));
+  EXPECT_TRUE(HasDriveInformation(DecodeDiskInfo(Bytes(D(0, 511) + "\x12"))));
+}
+
+TEST(BhctlText, IsShortAndCommandsNoTerminal) {
+  using Texts = std::vector<string>;
+  EXPECT_EQ((Texts{SizeText(999), SizeText(1000), SizeText(999'999), SizeText(UINT64_MAX)}),
+            (Texts{"999 B", "1.0 kB", "999.9 kB", "18446744.0 TB"}));
+  EXPECT_EQ((Texts{UsedText(9, 8, 999), UsedText(~0U, 0, 1), UsedText(0, 0, 0), UsedText(1, 9, 9)}),
+            (Texts{"1%", "100%", "-", "0%"}));  // 0.1% counts as 1%
+  EXPECT_EQ((Texts{GigabytesText(500'107'862'016), StateName(0x8000000A), StateName(0xABCDEF)}),
+            (Texts{"500.1 GB", "ACP_STATE_NOT_PERMIT", "0x00ABCDEF"}));
+  EXPECT_EQ(SafeText("\x1B[31m\n\x7F~/ \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \xC2\x9B[ \xC2\xA0"),
+            "?[31m??~/ \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 ??[ \xC2\xA0");
+  EXPECT_EQ(SafeText("\x80 \xC3( \xC0\xAF \xE0\x80\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xFF \xC3"),
+            "? ?( ?? ??? ??? ???? ? ?");
+  testing::internal::CaptureStdout();
+  PrintJson({{"path", "\xC3\xA9\x1B\xFF"}, {"mac", MacText(APPLIANCE)}});
+  PrintTable({{"\xC3\xA9", "B"}, {"long", "c", "d"}, {"e"}});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "{\"path\":\"\\u00e9\\u001b\\ufffd\",\"mac\":\"02:bb:00:00:00:01\"}\n"
+            "\xC3\xA9     B\nlong  c  d\ne\n");
+  EXPECT_EQ(ParseMac("02:bb:00:00:00:01"), APPLIANCE);
+  EXPECT_EQ(ParseMac("02-BB-00-00-00-01"), APPLIANCE);
+  for (const char *wrong : {"02:bb:00:00:00", "02:bb:00:00:00:01:", "02:bb:00:00:00:0g",
+                            "2:bb:00:00:00:001", "02:bb-00:00:00:01", "02.bb.00.00.00.01"}) {
+    EXPECT_FALSE(ParseMac(wrong)) << wrong;
+  }
+}
+
+TEST(BhctlCommandLine, UsageErrorsAndHelp) {
+  // Most name an interface that is refused: nothing is sent, not even when an error is overlooked.
+  const std::tuple<string, int, string> CASES[] = {
+      {"", 2, "a command is needed"},
+      {"--json partitoin /", 2, "unknown command 'partitoin', did you mean 'partition'?\n"},
+      {"frobnicate", 2, "unknown command 'frobnicate'\n"},
+      {"-i lo ping ping", 2, "unexpected argument 'ping'"},
+      {"-i lo raid --colour", 2, "unknown option '--colour'"},
+      {"-i lo disk " + D(1401), 2, "DIRECTORY must have 1 to 1400 bytes"},
+      {"-i lo partition", 2, "PATH is required"},
+      {"-i lo partition ''", 2, "PATH must have 1 to 1400 bytes"},
+      {"partition -i lo -- -" + D(1400), 2, "PATH must have 1 to 1400 bytes"},
+      {"-i lo --mac ping", 2, "not a MAC address: 'ping'"},
+      {"-i lo ping --timeout 0", 2, "--timeout must be greater than 0"},
+      {"-i lo ping --timeout nan", 2, "--timeout must be greater than 0"},
+      {"-i lo ping --timeout 86401", 2, "--timeout must be greater than 0"},
+      {"ping -i ''", 2, "--interface needs a name"},
+      {"-i bh-no-such-if ping", 2, "no such interface: bh-no-such-if"},
+      {"-i lo ping --password a --password-stdin", 2, "exclude each other"},
+      {"--help", 0, "  partition  "},
+  };
+  for (const auto &[arguments, status, wanted] : CASES) {
+    FILE *pipe = popen(("'" BHCTL_PATH "' " + arguments + " 2>&1 </dev/null").c_str(), "r");
+    string output(8192, '\0');
+    output.resize(fread(output.data(), 1, output.size(), pipe));
+    EXPECT_EQ(pclose(pipe), status << 8) << arguments;
+    EXPECT_NE(output.find(wanted), string::npos) << output;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,273 @@
+// Children, signals, pid file and trace of the daemon process, each forced into its worst order.
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "acp/dispatch.h"
+#include "daemon/pidfile.h"
+#include "daemon/process.h"
+#include "daemon/signals.h"
+#include "daemon/state.h"
+#include "daemon/trace.h"
+#include "tests/files.h"
+#include "tests/system/wire.h"
+
+namespace {
+
+constexpr char kPidFile[] = "/var/run/bh_servd-eth0.pid";
+
+class Daemon : public testing::Test {
+ protected:
+  void SetUp() override {
+    daemon_state.ifname = "eth0";
+    InstallSignalHandlers();
+    ASSERT_EQ(InstallChildHandler(), 0);
+    ClaimServer();
+    alarm(20);  // a wait for the wrong child would be one for ever
+  }
+};
+
+bool Exists(const char *path) {
+  return access(path, F_OK) == 0;
+}
+
+// Returns once the child has ended, and leaves it to be reaped.
+void AwaitEnd(pid_t child) {
+  siginfo_t info = {};
+  while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+  }
+}
+
+pid_t StartSleeper() {
+  const ChildHold hold = HoldChildren();
+  const pid_t child = ForkChild(hold);
+  if (child == 0) {
+    for (;;)
+      pause();
+  }
+  ReleaseChildren(hold);
+  return child;
+}
+
+int StatusOf(pid_t child) {
+  int status = -1;
+  EXPECT_EQ(WaitForChild(child, &status), child);
+  return status;
+}
+
+}  // namespace
+
+TEST_F(Daemon, StatusOfAChildThatEndedFirstIsNotLost) {
+  const ChildHold hold = HoldChildren();
+  const pid_t child = ForkChild(hold);
+  if (child == 0) {
+    kill(getppid(), SIGUSR1);  // as a receiver whose set-up failed does
+    _exit(42);
+  }
+  AwaitEnd(child);
+  const int status = StatusOf(child);
+  ReleaseChildren(hold);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 42);
+  EXPECT_EQ(WaitForChild(child, nullptr), -1);
+}
+
+TEST_F(Daemon, PidStoredAfterTheEndIsForgottenAgain) {
+  const ChildHold hold = HoldChildren();
+  pid_t children[3] = {};
+  for (pid_t &child : children) {
+    child = ForkChild(hold);
+    if (child == 0) _exit(0);
+    AwaitEnd(child);
+  }
+  daemon_state.cmd_chpid = children[1];
+  ReleaseChildren(hold);  // one SIGCHLD is pending for the three of them
+  EXPECT_EQ(daemon_state.cmd_chpid, 0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
+}
+
+TEST_F(Daemon, PingWaitsForItsOwnChildOnly) {
+  const pid_t sleeper = StartSleeper();
+  AcpRequest request = {};
+  const wire::Bytes ping = wire::Request("20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00");
+  for (int round = 0; round < 20; ++round) {
+    memcpy(request.packet, ping.data(), ping.size());
+    request.recvlen = static_cast<int32_t>(ping.size());
+    request.sock = -1;
+    EXPECT_EQ(dispatch(request), 0);
+  }
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "the sleeper alone is left";
+  kill(sleeper, SIGKILL);
+}
+
+TEST_F(Daemon, FailedReceiverIsReapedAndNobodyElseWaitedFor) {
+  const pid_t sleeper = StartSleeper();
+  const ChildHold hold = HoldChildren();
+  const pid_t receiver = ForkChild(hold);
+  if (receiver == 0) {
+    kill(getppid(), SIGUSR1);
+    _exit(1);
+  }
+  ReleaseChildren(hold);
+  const auto reaped = [receiver] { return kill(receiver, 0) != 0; };
+  for (int i = 0; i < 5000 && !reaped(); ++i)
+    usleep(1000);
+  EXPECT_TRUE(reaped());
+
+  raise(SIGUSR1);  // from a process that is no child: returns at once
+  EXPECT_EQ(waitpid(sleeper, nullptr, WNOHANG), 0);
+  kill(sleeper, SIGKILL);
+}
+
+TEST_F(Daemon, TerminatedChildLeavesThePidFileAlone) {
+  ASSERT_EQ(WritePidFile("eth0", getpid()), 0);
+  for (const int signal_number : {SIGTERM, SIGHUP}) {
+    const pid_t sleeper = StartSleeper();
+    const ChildHold hold = HoldChildren();
+    kill(sleeper, signal_number);
+    const int status = StatusOf(sleeper);
+    ReleaseChildren(hold);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(fixture::ReadFile(kPidFile), std::to_string(getpid()));
+  }
+}
+
+TEST_F(Daemon, ExitIsRefusedWhileFirmwareIsWritten) {
+  testing::internal::CaptureStdout();
+  daemon_state.fw_updating = 1;
+  raise(SIGTERM);
+  raise(SIGHUP);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "now F/W updating.\nnow F/W updating.\n");
+  EXPECT_EQ(daemon_state.exit_pending, 0);
+}
+
+// What a server does between SIGTERM and its next wait.
+enum class Then { kWait, kWaitWhileUpdating, kFork };
+
+int ServerAfterSigterm(Then then) {
+  ClaimServer();
+  WritePidFile("eth0", getpid());
+  raise(SIGTERM);  // in the middle of work: noted only
+  if (!Exists(kPidFile)) return 1;
+  daemon_state.fw_updating = then == Then::kWaitWhileUpdating ? 1 : 0;
+  if (then == Then::kFork) {
+    const ChildHold hold = HoldChildren();
+    const pid_t child = ForkChild(hold);
+    if (child == 0) {
+      BeginWait();  // the server's exit is not the child's
+      _exit(3);
+    }
+    AwaitEnd(child);
+    _exit(waitpid(child, nullptr, WNOHANG) == child && Exists(kPidFile) ? 3 : 4);
+  }
+  BeginWait();
+  return 2;
+}
+
+TEST_F(Daemon, ExitHappensAtTheNextWait) {
+  const struct {
+    Then then;
+    int status;
+    bool pid_file;
+  } cases[] = {
+      {Then::kWait, 0, false}, {Then::kWaitWhileUpdating, 2, true}, {Then::kFork, 3, true}};
+  for (const auto &test : cases) {
+    const ChildHold hold = HoldChildren();
+    const pid_t server = ForkChild(hold);
+    if (server == 0) _exit(ServerAfterSigterm(test.then));
+    const int status = StatusOf(server);
+    ReleaseChildren(hold);
+    EXPECT_EQ(WEXITSTATUS(status), test.status);
+    EXPECT_EQ(Exists(kPidFile), test.pid_file);
+  }
+}
+
+TEST_F(Daemon, PidFileOfALaterServerStays) {
+  ASSERT_EQ(WritePidFile("eth0", getpid() + 1), 0);
+  EXPECT_EQ(DeletePidfile(), -1);
+  EXPECT_TRUE(Exists(kPidFile));
+  ASSERT_EQ(WritePidFile("eth0", getpid()), 0);
+  EXPECT_EQ(DeletePidfile(), 0);
+  EXPECT_EQ(DeletePidfile(), -1);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)  // there a crash is the sanitizer's, and stays visible
+
+volatile bool enough = false;
+
+int Recurse(int depth) {
+  volatile char frame[4096] = {};
+  frame[depth & 1] = 1;
+  return enough ? 0 : Recurse(depth + 1) + frame[0];
+}
+
+TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
+  const int log = socket(AF_UNIX, SOCK_DGRAM, 0);  // filled up, and read by nobody
+  struct sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = "/dev/log"};
+  EXPECT_EQ(unlink("/dev/log"), 0);
+  EXPECT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)), 0);
+
+  for (const bool stuck_log : {false, true}) {
+    const ChildHold hold = HoldChildren();
+    const pid_t server = ForkChild(hold);
+    if (server == 0) {
+      ClaimServer();
+      WritePidFile("eth0", getpid());
+      if (!stuck_log) _exit(Recurse(0));
+      for (;;)
+        syslog(LOG_INFO, "once more");
+    }
+    char line[256];
+    if (stuck_log) recv(log, line, sizeof(line), MSG_PEEK);  // it is in syslog from here on
+    if (stuck_log) kill(server, SIGSEGV);
+    const int status = StatusOf(server);
+    ReleaseChildren(hold);
+    const bool ended_by_alarm = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
+    EXPECT_TRUE(stuck_log ? ended_by_alarm : status == 0) << status;
+    EXPECT_FALSE(Exists(kPidFile));
+    while (recv(log, line, sizeof(line), MSG_DONTWAIT) > 0)
+      continue;
+  }
+  close(log);
+}
+
+#endif
+
+TEST_F(Daemon, StopNeverSignalsFromADamagedPidFile) {
+  signal(SIGTERM, SIG_DFL);  // a signal to the own group would end the test
+  for (const char *text : {"", "0", "-1", "1", "abc", "99999999999999999999", "-4294967295"}) {
+    fixture::WriteFile(kPidFile, text);
+    EXPECT_EQ(stop_daemon("eth0"), -1) << text;
+    EXPECT_FALSE(Exists(kPidFile)) << text;
+  }
+  EXPECT_EQ(stop_daemon("eth9"), -1);
+}
+
+TEST_F(Daemon, TraceGoesWhereTheModeSays) {
+  EXPECT_EQ(open_trace_file(nullptr), -1);
+  EXPECT_EQ(open_trace_file(""), -1);
+  EXPECT_EQ(open_trace_file("/tmp/first"), 0);
+  EXPECT_EQ(open_trace_file("/tmp/second"), 0);
+  EXPECT_EQ(DebugPrint("unseen"), 0);
+  set_mode_flags(MODE_DEBUG);
+  EXPECT_EQ(DebugPrint("%s %d\r\n", "line", 1), 8);
+  EXPECT_EQ(fixture::ReadFile("/tmp/second"), "line 1\r\n");
+  EXPECT_EQ(fixture::ReadFile("/tmp/first"), "");
+
+  testing::internal::CaptureStdout();
+  set_mode_flags(MODE_DEBUG | MODE_NOFORK);
+  DebugPrint("foreground\n");
+  EXPECT_EQ(open_trace_file("/no/such/folder"), -1);
+  set_mode_flags(MODE_DEBUG);
+  DebugPrint("no file\n");
+  set_mode_flags(0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "foreground\nno file\n");
+  EXPECT_EQ(fixture::ReadFile("/tmp/second"), "line 1\r\n");
+}

@@ -1,0 +1,107 @@
+// Set-up and tear-down of system tests.
+
+#include "tests/system/fixture.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+constexpr char kTraceFile[] = "/var/log/trace";
+
+}  // namespace
+
+void SystemTest::SetUp() {
+  BootBoard({});
+}
+
+void SystemTest::BootBoard(const board::Config &config) {
+  if (board.init > 0) {
+    wire::Close(client);
+    board::Halt(board);
+  }
+  std::string why;
+  const auto booted = board::Boot(config, &why);
+  ASSERT_TRUE(booted) << why;
+  board = *booted;
+  client = wire::Open(board.wires[0]);
+}
+
+void SystemTest::TearDown() {
+  if (HasFailure() && board.init > 0) {
+    const auto *test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::filesystem::path folder =
+        std::filesystem::current_path() / "failed-tests" /
+        (std::string(test->test_suite_name()) + "." + test->name());
+    std::filesystem::create_directories(folder);
+    wire::SavePcap(client, folder / "wire.pcap");
+    std::ofstream(folder / "trace") << Trace();
+    std::ofstream(folder / "syslog") << Syslog();
+    std::ofstream(folder / "calls") << board::ReadFile(board, board::kCallLog);
+    printf("what happened is in %s\n", folder.c_str());
+  }
+  wire::Close(client);
+  board::Halt(board);
+}
+
+board::Result SystemTest::OnBoard(const std::vector<std::string> &argv, const std::string &fail) {
+  return board::Run(board, {.argv = argv, .fail = fail});
+}
+
+void SystemTest::StartDaemon(const std::vector<std::string> &options, int servers) {
+  std::vector<std::string> argv = {"bh_servd", "-d", "-a", kTraceFile};
+  argv.insert(argv.end(), options.begin(), options.end());
+  ASSERT_EQ(OnBoard(argv).exit_code, 0);
+  ASSERT_TRUE(AwaitServers(servers)) << Syslog();
+}
+
+bool SystemTest::AwaitServers(int count) {
+  const auto bound_sockets = [] {
+    std::ifstream table("/proc/net/udp");
+    int found = 0;
+    for (std::string line; std::getline(table, line);) {
+      if (line.find("00000000:5998 ") != std::string::npos) ++found;
+    }
+    return found;
+  };
+  return board::WaitFor([&] { return board::RunInside(board, bound_sockets).exit_code == count; });
+}
+
+pid_t SystemTest::ServerPid(const std::string &interface) {
+  const std::string text = board::ReadFile(board, "/var/run/bh_servd-" + interface + ".pid");
+  return static_cast<pid_t>(strtol(text.c_str(), nullptr, 10));
+}
+
+wire::Bytes SystemTest::Ask(const wire::Bytes &request) {
+  wire::Send(client, request);
+  return wire::Receive(client).value_or(wire::Bytes{});
+}
+
+void SystemTest::ExpectAlive() {
+  EXPECT_EQ(Ask(wire::Request(kPing)).size(), 32U);
+}
+
+std::string SystemTest::Syslog() {
+  std::istringstream log(board::ReadFile(board, board::kSyslog));
+  std::string plain;
+  for (std::string line; std::getline(log, line);) {
+    const size_t priority = line.find('>') + 1;
+    const size_t text = line.find("]: ");
+    plain +=
+        line.substr(0, priority) + line.substr(text == std::string::npos ? priority : text + 3);
+    plain += '\n';
+  }
+  return plain;
+}
+
+std::string SystemTest::Trace() {
+  return board::ReadFile(board, kTraceFile);
+}
+
+bool SystemTest::AwaitSyslog(const std::string &text) {
+  return board::WaitFor([&] { return Syslog().find(text) != std::string::npos; });
+}

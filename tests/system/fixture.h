@@ -1,0 +1,45 @@
+// A test with a board of its own, the daemon on it and a client at the other end of the wire.
+
+#ifndef BH_TESTS_SYSTEM_FIXTURE_H_
+#define BH_TESTS_SYSTEM_FIXTURE_H_
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "board/board.h"
+#include "tests/system/wire.h"
+
+class SystemTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  // After a failure the capture, trace, syslog and call log stay in a folder that is printed.
+  void TearDown() override;
+
+  void BootBoard(const board::Config &config);
+
+  // Runs a program on the board to its end.
+  board::Result OnBoard(const std::vector<std::string> &argv, const std::string &fail = "");
+
+  // Starts the daemon in the background with the trace in a file, and waits until so many servers
+  // are bound in all. A ping's child holds the socket a little longer than its server.
+  void StartDaemon(const std::vector<std::string> &options = {}, int servers = 1);
+  bool AwaitServers(int count);
+  pid_t ServerPid(const std::string &interface = "eth0");
+
+  // Sends a request and gives its reply; an empty one when none came.
+  wire::Bytes Ask(const wire::Bytes &request);
+  void ExpectAlive();  // a ping is answered
+
+  std::string Syslog();  // "<priority>message" a line
+  std::string Trace();
+  bool AwaitSyslog(const std::string &text);
+
+  board::Board board;
+  wire::Client client;
+};
+
+constexpr char kPing[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
+
+#endif  // BH_TESTS_SYSTEM_FIXTURE_H_

@@ -1,0 +1,18 @@
+// System tests run at the client's end of the wire, in a network namespace of their own.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "board/board.h"
+
+int main(int argc, char **argv) {
+  testing::InitGoogleTest(&argc, argv);
+  std::string why;
+  if (!testing::GTEST_FLAG(list_tests) && !board::EnterLab(&why)) {
+    fprintf(stderr, "%s\n", why.c_str());
+    return 1;
+  }
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,51 @@
+// The client's end of the wire: raw datagrams out, replies and whole frames in.
+
+#ifndef BH_TESTS_SYSTEM_WIRE_H_
+#define BH_TESTS_SYSTEM_WIRE_H_
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace wire {
+
+using Bytes = std::vector<uint8_t>;
+using std::chrono::milliseconds;
+
+struct Client {
+  int socket = -1;    // UDP, bound to the wire
+  int capture = -1;   // every frame of the wire, both directions
+  uint16_t port = 0;  // of the UDP socket
+  std::vector<Bytes> frames;
+};
+
+// "20 00 ff": spaces are for the reader.
+Bytes Hex(std::string_view text);
+
+// The 32-bit number at `offset`, least significant byte first.
+uint32_t Number(const Bytes &bytes, size_t offset);
+
+// 16 header bytes up to the MAC addresses given literally as `head`, then the client's MAC,
+// `dst_mac`, a zero result and the body.
+Bytes Request(std::string_view head, const Bytes &body = {},
+              std::string_view dst_mac = "ff ff ff ff ff ff");
+
+Client Open(const std::string &interface);
+void Close(Client &client);
+void Send(const Client &client, const Bytes &datagram);
+
+// The next reply's payload, or nothing within the time.
+std::optional<Bytes> Receive(const Client &client, milliseconds timeout = milliseconds(3000));
+
+// The frames from the board to UDP port `client.port` seen so far.
+std::vector<Bytes> ReplyFrames(Client &client);
+
+// Writes all captured frames as a capture file.
+void SavePcap(Client &client, const std::string &path);
+
+}  // namespace wire
+
+#endif  // BH_TESTS_SYSTEM_WIRE_H_
