@@ -146,16 +146,29 @@ int RunHere(const board::Board &board, const std::vector<std::string> &command) 
   return Status(board::Wait(board::Spawn(board, here)));
 }
 
-// Starts the daemon on an interface and waits until it has said that it serves.
-bool StartDaemon(const board::Board &board, const std::string &interface) {
+// How many sockets are bound to the daemon's port. The pid file is there a moment before.
+int BoundServers(const board::Board &board) {
+  const board::Result table =
+      board::Run(board, {.argv = {"grep", "-c", ":5998 ", "/proc/net/udp"}});
+  return static_cast<int>(std::strtol(table.output.c_str(), nullptr, 10));
+}
+
+// Starts the daemon on the `number`-th interface (from 1) and waits until it can be asked.
+bool StartDaemon(const board::Board &board, int number) {
+  const std::string &interface = board.config.interfaces[static_cast<size_t>(number) - 1].name;
   const board::Result result = board::Run(board, {.argv = {"bh_servd", "-i", interface}});
-  const std::string pid_file = "/var/run/bh_servd-" + interface + ".pid";
-  if (result.exit_code == 0 &&
-      board::WaitFor([&] { return !board::ReadFile(board, pid_file).empty(); }))
+  if (result.exit_code == 0 && board::WaitFor([&] { return BoundServers(board) >= number; }))
     return true;
   std::fprintf(stderr, "boot: bh_servd has not started on %s (exit status %d)\n%s",
                interface.c_str(), Status(result), result.output.c_str());
   return false;
+}
+
+bool StartDaemons(const board::Board &board) {
+  const int count = static_cast<int>(board.config.interfaces.size());
+  for (int number = 1; number <= count; number++)
+    if (!StartDaemon(board, number)) return false;
+  return true;
 }
 
 // A shell at the caller's end of the wire, in which `board` runs its arguments on the board.
@@ -181,7 +194,7 @@ int Demo(const board::Board &board) {
   std::printf("A board is up: %s, %s on %s, wired to %s here.\n", board.config.host_name.c_str(),
               first.address.empty() ? "no address" : first.address.c_str(), first.name.c_str(),
               board.wires[0].c_str());
-  if (!StartDaemon(board, first.name)) return 1;
+  if (!StartDaemon(board, 1)) return 1;
   const std::string ping = board::ProgramDirectory() + "/bhctl";
   std::printf("bh_servd serves %s. Asking it with: bhctl -i %s ping\n", first.name.c_str(),
               board.wires[0].c_str());
@@ -223,8 +236,7 @@ int Use(const board::Board &board, const Options &options) {
     return kNoBoard;
   }
   if (options.demo) return Demo(board);
-  for (const board::Interface &interface : board.config.interfaces)
-    if (options.daemon && !StartDaemon(board, interface.name)) return kNoBoard;
+  if (options.daemon && !StartDaemons(board)) return kNoBoard;
   return RunHere(board, options.command);
 }
 

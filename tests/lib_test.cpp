@@ -70,9 +70,10 @@ TEST(ConfigValue, IsReadFromEveryShapeOfLine) {
     }
   }
   const string k62(62, 'k');
-  WriteFile(SETTINGS, k62 + "k=too long\n \t" + k62 + "=fits\n");
+  WriteFile(SETTINGS, k62 + "k=too long\n \t" + k62 + "=fits\n#KEY=1\n");
   EXPECT_EQ(Get(SETTINGS, k62), "fits");
   EXPECT_EQ(Get(SETTINGS, k62 + "k"), std::nullopt);
+  EXPECT_EQ(Get(SETTINGS, "#KEY"), std::nullopt);
 }
 
 TEST(SetConfigValue, ChangesOnlyTheValueOfDefiningLinesOrCreatesTheFile) {
