@@ -5,38 +5,24 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <string_view>
 
 namespace fixture {
 
 inline void WriteFile(const std::string &path, std::string_view content) {
-  std::error_code ignored;  // the open below tells
+  std::error_code ignored;  // the write below tells
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-  FILE *file = fopen(path.c_str(), "we");
-  ASSERT_NE(file, nullptr) << path;
-  const size_t written = fwrite(content.data(), 1, content.size(), file);
-  EXPECT_EQ(fclose(file), 0) << path;
-  EXPECT_EQ(written, content.size()) << path;
+  EXPECT_TRUE(std::ofstream(path) << content << std::flush) << path;
 }
 
 // An unreadable file is a failure of the test and reads as an empty text.
 inline std::string ReadFile(const std::string &path) {
-  std::string content;
-  FILE *file = fopen(path.c_str(), "re");
-  EXPECT_NE(file, nullptr) << path;
-  if (file == nullptr) {
-    return content;
-  }
-  char chunk[4096];
-  size_t length = 0;
-  while ((length = fread(chunk, 1, sizeof(chunk), file)) > 0) {
-    content.append(chunk, length);
-  }
-  fclose(file);
-  return content;
+  std::ifstream file(path);
+  EXPECT_TRUE(file) << path;
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // Removes a file or an empty directory; none there is as good.
