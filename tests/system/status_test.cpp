@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kDisk[] = "20 00 00 00 07 00 01 00 90 80 00 00 00 00 00 00";
 constexpr char kDiskWithPath[] = "20 00 00 00 07 00 01 00 90 80 40 00 00 00 00 00";
+constexpr char kPartition[] = "20 00 00 00 07 00 01 00 D0 80 00 00 00 00 00 00";
 constexpr char kRaid[] = "20 00 00 00 07 00 01 00 E0 80 00 00 00 00 00 00";
 
 // Text as a body of `size` bytes.
@@ -47,7 +48,7 @@ class Status : public SystemTest {
   }
 
   Bytes AskPartition(const Bytes &body) {
-    Bytes request = Request("20 00 00 00 07 00 01 00 D0 80 00 00 00 00 00 00", body);
+    Bytes request = Request(kPartition, body);
     request[10] = static_cast<uint8_t>(body.size());
     return Ask(request);
   }
@@ -176,6 +177,33 @@ TEST_F(Status, PartitionOfAPath) {
   EXPECT_NE(Trace().find("ACP_Partition_Reply fail statfs(). path=%n%n%n%n\r\n"),
             std::string::npos);
 }
+
+#if !defined(__SANITIZE_ADDRESS__)  // its allocator does not pass the shim
+
+TEST_F(Status, WithoutMemoryForAReplyNoneIsSent) {
+  const struct {
+    const char *head;
+    const char *fail;
+    const char *trace;
+  } cases[] = {
+      {kPing, "bh_servd/calloc=32:0", "ACP_Ping_Reply fail to allocate Memory\n"},
+      {kDisk, "bh_servd/calloc=544:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
+      {kRaid, "bh_servd/calloc=768:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
+      {kPartition, "bh_servd/calloc=124:0", "ACP_Partition_Reply fail to allocate Memory\r\n"},
+  };
+  for (const auto &test : cases) {
+    EXPECT_EQ(OnBoard({"bh_servd", "-t", "eth0"}).exit_code, 0);
+    ASSERT_TRUE(AwaitServers(0));
+    EXPECT_EQ(OnBoard({"bh_servd", "-d", "-a", "/var/log/trace"}, test.fail).exit_code, 0);
+    ASSERT_TRUE(AwaitServers(1));
+    wire::Send(client, Request(test.head));
+    EXPECT_TRUE(board::WaitFor([&] { return Trace().ends_with(test.trace); })) << Trace();
+    const Bytes other = Ask(Request(test.head == kRaid ? kDisk : kRaid));
+    EXPECT_EQ(other.size(), test.head == kRaid ? 544U : 768U) << test.fail;
+  }
+}
+
+#endif
 
 TEST_F(Status, BhctlShowsWhatTheApplianceAnswers) {
   const struct {
