@@ -150,15 +150,12 @@ TEST_F(Core, SignalsOfTheServer) {
 }
 
 TEST_F(Core, SignalsHeldBackByTheStarterReachTheServer) {
-  const pid_t launcher = board::Fork(board);
-  if (launcher == 0) {
-    sigset_t held = {};
-    sigfillset(&held);
-    sigprocmask(SIG_BLOCK, &held, nullptr);
-    execl("/usr/sbin/bh_servd", "bh_servd", "-a", "/var/log/trace", nullptr);
-    _exit(127);
-  }
-  EXPECT_EQ(board::Wait(launcher).exit_code, 0);
+  sigset_t held = {};
+  sigset_t usual = {};
+  sigfillset(&held);
+  sigprocmask(SIG_BLOCK, &held, &usual);
+  EXPECT_EQ(OnBoard({"bh_servd"}).exit_code, 0);
+  sigprocmask(SIG_SETMASK, &usual, nullptr);
   ASSERT_TRUE(AwaitServers(1));
   EXPECT_EQ(OnBoard({"bh_servd", "-t", "eth0"}).exit_code, 0);
   EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n"));
