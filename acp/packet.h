@@ -17,6 +17,7 @@ constexpr uint32_t LOWEST_VERSION = 0x00010000;
 constexpr uint32_t REPLY_VERSION = 0x00010007;
 constexpr size_t ACP_HEADER_SIZE = 32;
 constexpr size_t MAC_SIZE = 6;
+constexpr size_t LARGEST_REPLY = 7478;  // bytes, header included, that an appliance can send
 
 struct ACPHeader {
   uint16_t header_size;  // bytes before the body; 32
@@ -112,6 +113,10 @@ struct RaidInfoEntry {
 };
 static_assert(sizeof(RaidInfoEntry) == 92);
 static_assert(offsetof(RaidInfoEntry, path) == 28);
+
+// What an entry shows while its path is not mounted; its other counts are 0 then.
+constexpr uint32_t UNMOUNTED_BLOCK_SIZE = 512;
+constexpr uint32_t UNMOUNTED_BLOCKS = 2048;
 
 // Body of ACP_INFO_RAID_REPLY.
 constexpr size_t RAID_ENTRIES = 8;

@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr size_t MAX_PAYLOAD = 7478;  // bytes
 constexpr size_t FRAME_HEADERS = ETHERNET_HEADER_SIZE + IP_HEADER_SIZE + UDP_HEADER_SIZE;
 constexpr in_addr_t BROADCAST_ADDRESS = 0xFFFFFFFF;
 constexpr in_addr_t NO_ADDRESS = 0x01010101;  // 1.1.1.1, the source when the interface has none
@@ -107,7 +106,7 @@ void SendFrame(int fd, std::span<const uint8_t> frame) {
 // Builds the frame around `payload` and sends it through the bound socket `fd`.
 void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, in_addr_t dst_ip,
                   const uint8_t *src_mac) {
-  uint8_t frame[FRAME_HEADERS + MAX_PAYLOAD];
+  uint8_t frame[FRAME_HEADERS + LARGEST_REPLY];
   uint8_t dst_mac[MAC_SIZE];
   LookUpMac(fd, dst_ip, dst_mac);
   const in_addr_t src_ip = InterfaceAddress(fd);
@@ -154,7 +153,7 @@ void SendPreparedReply(const AcpRequest &request, Reply reply) {
 int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,
                    in_addr_t dst_ip, const uint8_t *src_mac) {
   (void)sock;
-  if (length == 0 || length > MAX_PAYLOAD) return -1;
+  if (length == 0 || length > LARGEST_REPLY) return -1;
   const int fd = OpenPacketSocket();
   if (fd < 0) return -1;
   if (BindToInterface(fd) == 0) {

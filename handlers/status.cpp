@@ -31,10 +31,6 @@ constexpr size_t MOUNTS_FOR_STAT = 1499;
 constexpr size_t IDENTIFY_LINES = 32;
 constexpr size_t WORDS_PER_LINE = 8;
 
-// What an entry shows while its path is not mounted.
-constexpr uint32_t UNMOUNTED_BLOCK_SIZE = 512;
-constexpr uint32_t UNMOUNTED_BLOCKS = 2048;
-
 // A client names the directory: a FIFO or a device in it must neither stop the server nor notice.
 FilePtr OpenRegularFile(const std::string &path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);

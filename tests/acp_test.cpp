@@ -167,20 +167,6 @@ TEST(Body, IsEmptyWithoutBytesOrBehindAnotherHeaderSize) {
   EXPECT_TRUE(RequestBody(odd).empty());
 }
 
-TEST(Frame, InternetChecksum) {
-  const struct {
-    const char *data;
-    uint16_t checksum;
-  } cases[] = {{"", 0xFFFF},
-               {"00 01 f2 03 f4 f5 f6 f7", 0x220D},
-               {"ff ff ff ff 01", 0xFEFF},
-               {"80 00 80 00", 0xFFFE}};
-  for (const auto &test : cases) {
-    const Bytes data = Hex(test.data);
-    EXPECT_EQ(IpChecksum(data.data(), data.size()), test.checksum) << test.data;
-  }
-}
-
 TEST(Frame, HeadersOfAnOddPayloadAndOfAZeroChecksum) {
   const struct {
     const char *payload;

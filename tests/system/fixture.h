@@ -40,6 +40,8 @@ class SystemTest : public testing::Test {
   wire::Client client;
 };
 
+// Requests without a body, up to their MAC addresses.
 constexpr char kPing[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
+constexpr char kDisk[] = "20 00 00 00 07 00 01 00 90 80 00 00 00 00 00 00";
 
 #endif  // BH_TESTS_SYSTEM_FIXTURE_H_

@@ -15,7 +15,6 @@ namespace {
 constexpr char kStars[] = ": **************************************\r\n";
 constexpr char kTooShort[] = "** recvlen < MINIMUM_PACKET\r\n";
 constexpr char kBadLength[] = "** acph->header_size + acph->option_size != recvlen\r\n";
-constexpr char kDisk[] = "20 00 00 00 07 00 01 00 90 80 00 00 00 00 00 00";
 
 }  // namespace
 

@@ -11,7 +11,6 @@ using wire::Request;
 
 namespace {
 
-constexpr char kDisk[] = "20 00 00 00 07 00 01 00 90 80 00 00 00 00 00 00";
 constexpr char kDiskWithPath[] = "20 00 00 00 07 00 01 00 90 80 40 00 00 00 00 00";
 constexpr char kPartition[] = "20 00 00 00 07 00 01 00 D0 80 00 00 00 00 00 00";
 constexpr char kRaid[] = "20 00 00 00 07 00 01 00 E0 80 00 00 00 00 00 00";

@@ -29,7 +29,6 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds SILENCE{250};
 // Room for the burst of a large network in the socket.
 constexpr int RECEIVE_BUFFER = 1024 * 1024;
-constexpr size_t LARGEST_REPLY = 7478;  // the most that an appliance's sender takes
 
 struct Interface {
   std::string name;

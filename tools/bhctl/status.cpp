@@ -13,10 +13,6 @@
 namespace bhctl {
 namespace {
 
-// A file system that is configured but not mounted is reported with these.
-constexpr uint32_t UNMOUNTED_BLOCK_SIZE = 512;
-constexpr uint32_t UNMOUNTED_BLOCKS = 2048;
-
 constexpr const char *RAID_TYPE_NAMES[] = {"none", "disk", "usb", "jbod", "raid1", "raid5"};
 
 // How an answer in state ACP_STATE_OK is shown.
