@@ -47,17 +47,6 @@ void PutIpHeader(uint8_t *header, in_addr_t src_ip, in_addr_t dst_ip, uint16_t t
 
 }  // namespace
 
-uint16_t IpChecksum(const uint8_t *data, size_t length) {
-  uint32_t sum = 0;
-  size_t i = 0;
-  for (; i + 1 < length; i += 2)
-    sum += static_cast<uint32_t>(data[i] << 8 | data[i + 1]);
-  if (i < length) sum += static_cast<uint32_t>(data[i] << 8);
-  while (sum > 0xFFFF)
-    sum = (sum & 0xFFFF) + (sum >> 16);
-  return static_cast<uint16_t>(~sum);
-}
-
 uint16_t MakeIpUdpHeader(uint8_t *ip_header, in_addr_t src_ip, in_addr_t dst_ip, in_port_t src_port,
                          in_port_t dst_port, uint16_t payload_length) {
   const uint16_t udp_length = static_cast<uint16_t>(payload_length + UDP_HEADER_SIZE);

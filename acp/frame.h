@@ -8,13 +8,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "lib/checksum.h"
+
 constexpr size_t ETHERNET_HEADER_SIZE = 14;
 constexpr size_t IP_HEADER_SIZE = 20;
 constexpr size_t UDP_HEADER_SIZE = 8;
-
-// Internet checksum (RFC 1071) of `length` bytes, as the number whose most significant byte goes
-// first into the packet.
-uint16_t IpChecksum(const uint8_t *data, size_t length);
 
 // Fills the 28 bytes of IPv4 and UDP header in front of a payload that already lies behind them,
 // and takes the next `ip_id`. Addresses and ports in network byte order, `payload_length` in

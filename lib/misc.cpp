@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "lib/codes.h"
 #include "lib/libbh.h"
 #include "lib/text.h"
 
@@ -18,8 +19,6 @@ namespace {
 // The equals sign has to be among this many characters behind a line's leading blanks, so a key has
 // at most one character less.
 constexpr size_t KEY_WINDOW = 63;
-
-constexpr int32_t NO_MEMORY = -1;
 
 // Readers of the debug log look for the message by this place, whatever line it is on by now.
 constexpr const char *LOG_MODULE = "misc.c";
@@ -131,11 +130,9 @@ bool ReplaceValues(std::string_view content, std::string_view key, std::string_v
 }
 
 int32_t CreateWithKey(const char *path, std::string_view key, std::string_view value) {
-  FilePtr file(fopen(path, "we"));
-  if (!file) return libbh_SysError(errno);
   std::string line(key);
   line.append("=\"").append(value).append("\"\n");
-  const int error = WriteAndClose(std::move(file), line);
+  const int error = WriteTextFile(path, line);
   return error == 0 ? 0 : libbh_SysError(error);
 }
 

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
 
 namespace {
 
@@ -45,6 +48,11 @@ int WriteAndClose(FilePtr file, std::string_view text) {
   return error;
 }
 
+int WriteTextFile(const char *path, std::string_view text) {
+  FilePtr file(fopen(path, "we"));
+  return file ? WriteAndClose(std::move(file), text) : errno;
+}
+
 std::string_view NextPiece(std::string_view &rest, size_t longest) {
   const std::string_view window = rest.substr(0, longest);
   const size_t newline = window.find('\n');
@@ -56,4 +64,43 @@ std::string_view NextPiece(std::string_view &rest, size_t longest) {
 std::string_view SkipBlanks(std::string_view text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
   return text;
+}
+
+std::string_view UpToNul(std::string_view text) {
+  return text.substr(0, text.find('\0'));
+}
+
+bool Mentions(std::string_view text, std::string_view part) {
+  return text.find(part) != text.npos;
+}
+
+std::string WithoutNewline(std::string line) {
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  return line;
+}
+
+bool FileExists(const char *path) {
+  struct stat status = {};
+  return stat(path, &status) == 0;
+}
+
+int32_t ToNumber(const char *text) {
+  constexpr long long LOWEST = std::numeric_limits<int32_t>::min();
+  constexpr long long HIGHEST = std::numeric_limits<int32_t>::max();
+  return static_cast<int32_t>(std::clamp(strtoll(text, nullptr, 10), LOWEST, HIGHEST));
+}
+
+bool CopyToField(char *field, size_t size, const char *text) {
+  field[0] = '\0';
+  if (text == nullptr || strlen(text) >= size) return false;
+  memcpy(field, text, strlen(text) + 1);
+  return true;
+}
+
+char *HeapCopy(std::string_view text) {
+  char *copy = static_cast<char *>(malloc(text.size() + 1));
+  if (copy == nullptr) return nullptr;
+  text.copy(copy, text.size());
+  copy[text.size()] = '\0';
+  return copy;
 }

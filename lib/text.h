@@ -5,6 +5,7 @@
 #define BH_LIB_TEXT_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -37,11 +38,39 @@ int ReadTextFile(const char *path, std::string &content);
 // failed (a full disk often shows up only when the file is closed).
 int WriteAndClose(FilePtr file, std::string_view text);
 
+// Replaces the file's content. Returns 0, or the errno of the failed open (the file is untouched
+// then) or write.
+int WriteTextFile(const char *path, std::string_view text);
+
 // Takes the next piece off the front of `rest`: up to and with the next "\n", but no more than
 // `longest` characters. Empty only when `rest` is.
 std::string_view NextPiece(std::string_view &rest, size_t longest = LONGEST_PIECE);
 
 // `text` without the spaces and tabs at its front.
 std::string_view SkipBlanks(std::string_view text);
+
+// The part of `text` in front of the first NUL byte.
+std::string_view UpToNul(std::string_view text);
+
+// Whether `text` contains `part` anywhere.
+bool Mentions(std::string_view text, std::string_view part);
+
+// `line` without its newline, if it has one.
+std::string WithoutNewline(std::string line);
+
+bool FileExists(const char *path);
+
+// Room for the digits of a number and their NUL, where a text is scanned for one.
+constexpr size_t NUMBER_ROOM = 32;
+
+// The decimal number at the front of `text`, 0 without one, the nearest that 32 bits hold.
+int32_t ToNumber(const char *text);
+
+// Copies `text` with its NUL into a field of `size` bytes. False, with an empty text in the field,
+// when it is null or does not fit.
+bool CopyToField(char *field, size_t size, const char *text);
+
+// A copy of `text` from malloc, for handing out. Null when there is no memory.
+char *HeapCopy(std::string_view text);
 
 #endif  // BH_LIB_TEXT_H_

@@ -1,0 +1,32 @@
+// Reading and writing of /etc/hosts.
+
+#include "lib/hosts.h"
+
+#include "lib/dev_ctl/socket.h"
+#include "lib/text.h"
+
+namespace {
+
+constexpr const char *HOSTS_FILE = "/etc/hosts";
+constexpr size_t LONGEST_HOSTS_PIECE = 254;
+
+}  // namespace
+
+int ReadOtherHosts(std::string_view name, std::string &kept) {
+  kept.clear();
+  std::string content;
+  const int error = ReadTextFile(HOSTS_FILE, content);
+  if (error != 0) return error;
+  std::string_view rest = content;
+  while (!rest.empty()) {
+    const std::string_view piece = NextPiece(rest, LONGEST_HOSTS_PIECE);
+    if (name.empty() || !Mentions(piece, name)) kept.append(piece);
+  }
+  return 0;
+}
+
+int WriteHosts(std::string kept, in_addr address, std::string_view name) {
+  if (!kept.empty() && kept.back() != '\n') kept.push_back('\n');
+  kept.append(Dotted(address)).append(" ").append(name).append("\n");
+  return WriteTextFile(HOSTS_FILE, kept);
+}

@@ -1,0 +1,39 @@
+// Formatting and running of command lines.
+
+#include "lib/shell.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/text.h"
+
+std::string FormatText(const char *format, ...) {
+  char *text = nullptr;
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = vasprintf(&text, format, arguments);
+  va_end(arguments);
+  const HeapText release(length < 0 ? nullptr : text);
+  return length < 0 ? "" : std::string(text, static_cast<size_t>(length));
+}
+
+int RunShell(const std::string &command) {
+  return system(command.c_str());
+}
+
+std::string FirstOutputLine(const char *command, size_t longest) {
+  FILE *output = popen(command, "re");
+  if (output == nullptr) return "";
+  std::string line(longest + 1, '\0');
+  while (fgets(line.data(), static_cast<int>(line.size()), output) == nullptr) {
+    line[0] = '\0';
+    if (ferror(output) == 0 || errno != EINTR) break;  // a handled signal is no end
+    clearerr(output);
+  }
+  pclose(output);
+  line.resize(strlen(line.c_str()));
+  return line;
+}
