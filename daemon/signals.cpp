@@ -21,6 +21,7 @@
 #include "daemon/pidfile.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/libbh.h"
 
 namespace {
 
@@ -93,7 +94,8 @@ void sigchld_handler(int) {
   errno = saved_errno;
 }
 
-// The image receiver raises SIGUSR1 just before it ends. Only the sender is waited for, and not
+// The image receiver raises SIGUSR1 when it cannot start, just before it ends: the configuration
+// lock that was taken for the update is given back. Only the sender is waited for, and not
 // for ever: SIGCHLD may have reaped it before, and another child may live long. A sender outside of
 // this process tree has no pid here.
 void sigusr1_handler(int, siginfo_t *info, void *) {
@@ -109,6 +111,7 @@ void sigusr1_handler(int, siginfo_t *info, void *) {
     clock_gettime(CLOCK_MONOTONIC, &now);
   }
   if (ended > 0) ForgetChild(ended);
+  libbh_unlock();
   errno = saved_errno;
 }
 
