@@ -5,11 +5,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "bench/benches.h"
 #include "board/board.h"
 #include "tests/system/wire.h"
 
@@ -45,13 +45,7 @@ void PingRoundTrip(benchmark::State &state, const std::vector<std::string> &serv
 
 }  // namespace
 
-int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  std::string why;
-  if (!board::EnterLab(&why)) {
-    fprintf(stderr, "%s\n", why.c_str());
-    return 1;
-  }
+void RegisterPing() {
   using Server = std::vector<std::string>;
   for (const auto &[name, server] : {std::pair<const char *, Server>{"ping/bare", {BARE_PING_PATH}},
                                      {"ping/bh_servd", {"bh_servd", "--nofork"}}}) {
@@ -60,5 +54,4 @@ int main(int argc, char **argv) {
         ->Unit(benchmark::kMillisecond)
         ->MinTime(3.0);
   }
-  benchmark::RunSpecifiedBenchmarks();
 }

@@ -1,0 +1,8 @@
+// What the program `benchmarks` adds when it starts; what needs no board adds itself.
+
+#ifndef BH_BENCH_BENCHES_H_
+#define BH_BENCH_BENCHES_H_
+
+void RegisterPing();
+
+#endif  // BH_BENCH_BENCHES_H_

@@ -1,0 +1,20 @@
+// The program `benchmarks`: boards are booted in a lab of its own.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <string>
+
+#include "bench/benches.h"
+#include "board/board.h"
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  std::string why;
+  if (!board::EnterLab(&why)) {
+    fprintf(stderr, "%s\n", why.c_str());
+    return 1;
+  }
+  RegisterPing();
+  benchmark::RunSpecifiedBenchmarks();
+}

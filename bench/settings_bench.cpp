@@ -1,0 +1,59 @@
+// Reading the last key of a large settings file, beside a plain loop that looks at each line.
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "lib/libbh.h"
+
+namespace {
+
+constexpr size_t kFileSize = size_t{100} * 1024;
+
+// The file of this run; it goes with the program.
+const char *SettingsPath() {
+  static char path[] = "/tmp/settings-XXXXXX";
+  static bool made = false;
+  if (made) return path;
+  made = true;
+  const int file = mkstemp(path);
+  if (file < 0) return path;
+  std::atexit([] { unlink(path); });
+  std::string text;
+  for (int i = 0; text.size() < kFileSize; ++i)
+    text += "key" + std::to_string(i) + "=\"value " + std::to_string(i) + "\"\n";
+  text += "wg=\"WORKGROUP\"\n";
+  if (write(file, text.data(), text.size()) < 0) perror(path);
+  close(file);
+  return path;
+}
+
+void ReadLines(benchmark::State &state) {
+  const char *path = SettingsPath();
+  char line[256];
+  while (state.KeepRunning()) {
+    FILE *file = fopen(path, "r");
+    if (file == nullptr) return state.SkipWithError("no file");
+    while (fgets(line, sizeof(line), file) != nullptr)
+      benchmark::DoNotOptimize(strncmp(line, "wg=", 3));
+    fclose(file);
+  }
+}
+
+void ReadKey(benchmark::State &state) {
+  const char *path = SettingsPath();
+  while (state.KeepRunning()) {
+    char *value = libbh_GetConfigValue(path, "wg");
+    if (value == nullptr) state.SkipWithError("the key is not found");
+    free(value);
+  }
+}
+
+BENCHMARK(ReadLines)->Name("settings/fgets")->Unit(benchmark::kMicrosecond);
+BENCHMARK(ReadKey)->Name("settings/libbh")->Unit(benchmark::kMicrosecond);
+
+}  // namespace
