@@ -80,6 +80,8 @@ int32_t libbh_SetDateAndTime(int32_t mode, const DateTime *record) {
   if (mode != 0) return 0;
   libbh_SetDate(0, record->year, record->month, record->day);
   libbh_SetTime(0, record->hour, record->minute, record->second);
+  // A date set under the old day's daylight saving is an hour off, near midnight another day.
+  if (LocalNow().tm_mday != record->day) libbh_SetDate(0, record->year, record->month, record->day);
   RunShell("/usr/local/bin/time_set.sh");
   return 0;
 }

@@ -16,6 +16,7 @@
 #include "daemon/signals.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/libbh.h"
 #include "tests/files.h"
 #include "tests/system/wire.h"
 
@@ -125,6 +126,21 @@ TEST_F(Daemon, FailedReceiverIsReapedAndNobodyElseWaitedFor) {
   raise(SIGUSR1);  // from a process that is no child: returns at once
   EXPECT_EQ(waitpid(sleeper, nullptr, WNOHANG), 0);
   kill(sleeper, SIGKILL);
+}
+
+TEST_F(Daemon, FailedReceiverHasTheLockGivenBack) {
+  ASSERT_EQ(libbh_lock(), 0);
+  const ChildHold hold = HoldChildren();
+  const pid_t receiver = ForkChild(hold);
+  if (receiver == 0) {
+    raise(SIGUSR1);  // here nothing is held, and the server's lock is its own
+    kill(getppid(), SIGUSR1);
+    _exit(1);
+  }
+  AwaitEnd(receiver);
+  EXPECT_EQ(libbh_checklock(), 0);
+  ReleaseChildren(hold);
+  EXPECT_EQ(libbh_checklock(), 1);
 }
 
 TEST_F(Daemon, TerminatedChildLeavesThePidFileAlone) {

@@ -229,7 +229,10 @@ std::vector<LineKey> UnreachableLines(const RouteEntry *routes, const Subnet &su
   std::vector<LineKey> keys;
   for (const RouteEntry *route = routes; route != nullptr; route = route->next) {
     if (IsReachable(*route, subnet) || !IsNamedByLine(*route)) continue;
-    keys.push_back({IsDefault(*route) ? "default" : Dotted(route->destination.sin_addr), ""});
+    if (IsDefault(*route))
+      keys.push_back({"default", ""});
+    else  // an address line may begin with the same digits
+      keys.push_back({Dotted(route->destination.sin_addr), "route"});
   }
   return keys;
 }

@@ -139,7 +139,7 @@ void MarkConfiguredOn(const char *interface, RouteEntry *table) {
 
 void MarkConfigured(RouteEntry *table) {
   IfListEntry *const interfaces = libbh_GetIfList(AF_INET, 0);
-  const char *last = "lo";
+  const char *last = "";
   for (const IfListEntry *each = interfaces; each != nullptr; each = each->next) {
     // One that has many addresses comes many times in a row.
     if (strcmp(each->name, last) != 0 && strcmp(each->name, "lo") != 0)

@@ -1,0 +1,23 @@
+# Installs the products, and builds a C program with nothing but what was installed, which a board
+# runs.
+# Wants BUILD_DIR, SOURCE, C_COMPILER and FLAGS.
+
+set(prefix ${BUILD_DIR}/install-test)
+file(REMOVE_RECURSE ${prefix})
+
+function(must_run)
+  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${ARGV}: ${result}\n${output}")
+  endif()
+endfunction()
+
+must_run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+foreach(product sbin/bh_servd bin/bhctl)
+  if(NOT EXISTS ${prefix}/${product})
+    message(FATAL_ERROR "${product} was not installed")
+  endif()
+endforeach()
+must_run(${C_COMPILER} -std=c11 -Wall -Wextra -Wpedantic -Werror ${FLAGS} -I ${prefix}/include
+         ${SOURCE} ${prefix}/lib/libbh.a -o ${prefix}/c_program)
+must_run(${BUILD_DIR}/boot -- ${prefix}/c_program /tmp/settings)

@@ -1,0 +1,130 @@
+// Host name, workgroup, clock, NTP and maintenance: what each call answers, writes and starts.
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include "board/board.h"
+#include "lib/libbh.h"
+#include "tests/files.h"
+
+using namespace fixture;
+using namespace std::string_literals;
+using std::string, std::to_string, board::kCallLog;
+using Ints = std::vector<int32_t>;
+constexpr const char *HOSTS = "/etc/hosts", *INFO = "/etc/korvo/info", *CRONTAB = "/etc/crontab";
+constexpr const char *PRODUCT = "/proc/brackenhold", *ZONE = "/etc/localtime";
+const string NTP = "* * * root /usr/sbin/ntpdate_script -b -s ", X250(250, 'x');
+
+static string Fill(int32_t (*getter)(char *, int32_t), const Ints &sizes) {
+  string seen;  // the results, each with 6 bytes of the buffer
+  for (const int32_t size : sizes) {
+    char buffer[] = "!!!!!!";
+    seen.append(to_string(getter(buffer, size))).append(buffer, 6);
+  }
+  return seen;
+}
+
+// The result, the crontab and how many names it has then, and what is read from it.
+static string Ntp(const char *before, int32_t enabled, string server, int32_t hours) {
+  NtpConfig config = {enabled, server.data(), hours};
+  before == nullptr ? RemoveFile(CRONTAB) : WriteFile(CRONTAB, before);
+  string seen = to_string(libbh_SetNtpConfig(0, &config)) + " ";
+  seen += ReadFile(CRONTAB) + to_string(std::filesystem::hard_link_count(CRONTAB));
+  libbh_GetNtpConfig(&config);
+  seen += (config.enabled == 1 ? " on " : " off ") + to_string(config.interval_hours) + " ";
+  if (config.server != nullptr) seen += config.server;
+  libbh_FreeNtpConfig(&config);
+  return seen;
+}
+
+static void Zone(const char *rule) {
+  RemoveFile(ZONE);
+  WriteFile(ZONE, "TZif2" + string(39, '\0') + "TZif2" + string(27, '\0') +
+                      "\0\0\0\1\0\0\0\1\0\0\0\4"s + string(15, '\0') + "GMT\0\n"s + rule + "\n");
+}
+
+TEST(Settings, NamesAndServices) {
+  const auto host = [](auto to, int mode = 0) { return libbh_SetApHostName(mode, to, 1, "eth0"); };
+  const auto group = [](const char *name) { return libbh_SetGroupName(0, name, 0); };
+  libbh_lock();
+  sethostname("abc", 3);
+  WriteFile(kCallLog, "");
+  WriteFile(HOSTS, "::1 ip6\n1.2.3.4 abc\n#xabcx\n" + X250 + "xxabc\n" + X250 + "xxxxabc\n::2 x");
+  EXPECT_EQ((Ints{host("seventeen-letters"), host(""), host("abc")}), (Ints{-108, -108, 0}));
+  EXPECT_EQ((Ints{host("new", 1), host("sixteen-letters0")}), (Ints{0, 0}));
+  EXPECT_EQ(ReadFile(HOSTS),
+            "::1 ip6\n" + X250 + "xxabc\n" + X250 + "xxxx::2 x\n192.168.40.2 sixteen-letters0\n");
+  EXPECT_EQ((RemoveFile(HOSTS), host("abc")), -10002);
+  EXPECT_EQ(Fill(libbh_GetHostName, {0, 1, 2, 3, 5}), "-4!!!!!!0\0!!!!!0\0!!!!!0a\0!!!!0abc\0!!"s);
+  WriteFile("/etc/samba/smb.conf", "[x]\n workgroup = OLD\n");
+  WriteFile(INFO, "wg=\"OLD\"\ntimezone=\"1\"\n");
+  WriteFile(PRODUCT, "PRODUCTID=0x2000");
+  EXPECT_EQ((Ints{group("SEVENTEEN-LETTERS"), group(""), group("ABCD")}), (Ints{-112, -112, 0}));
+  EXPECT_EQ(Fill(libbh_GetGroupName, {3, 4, 5}), "-112!!!!!!0ABCD!!0ABCD\0!"s);
+  EXPECT_EQ(libbh_SetTimeZone(330) + access("/tmp/libbh_tmp", F_OK), -1);
+  EXPECT_EQ(ReadFile(INFO), "wg=ABCD\ntimezone=-5.5\n");
+  WriteFile(PRODUCT, "PRODUCTID=0x2001");
+  WriteFile("/run/stand-ins/set_timezone.sh", "exit 3");
+  EXPECT_EQ((Ints{group("SIXTEEN-LETTERS."), libbh_SetTimeZone(0)}), (Ints{0, 768}));
+  EXPECT_EQ(ReadFile(INFO), "wg=SIXTEEN-LETTERS.\ntimezone=0\n");
+  RemoveFile(INFO);
+  WriteFile("/etc/korsub_info.sh", "wg=OLD\n");
+  EXPECT_EQ((Ints{group("NEW"), libbh_SetTimeZone(-540), access(INFO, F_OK)}), (Ints{0, 768, -1}));
+  libbh_unlock();
+  EXPECT_EQ(host("x") + group("x") + libbh_SetTimeZoneName("x") + libbh_SetNtpConfig(0, nullptr),
+            -80000);
+  EXPECT_EQ(ReadFile("/etc/korsub_info.sh"), "wg=NEW\n");
+  EXPECT_EQ((WriteFile(INFO, string(200000, '\xFF') + "\0\1\2"s), libbh_FileChksum(INFO)), 0xFDFE);
+  EXPECT_EQ((Ints{libbh_Reboot(), libbh_Shutdown(), libbh_LoadConfig()}), (Ints{0, 0, 0}));
+  const auto told = [] { return ReadFile(board::kSyslog).find("Now Rebooting.") != string::npos; };
+  EXPECT_TRUE(board::WaitFor(told));
+  EXPECT_EQ(ReadFile(kCallLog),
+            "/etc/init.d/networking restart\n/etc/init.d/smb restart\n/etc/init.d/atalk "
+            "restart\n/usr/bin/nkf -e /tmp/libbh_tmp\n/usr/local/bin/set_timezone.sh "
+            "330\n/usr/local/bin/set_timezone.sh 0\n/usr/local/bin/set_timezone.sh "
+            "-540\n/www/script/korsub_shutdown2.sh 1\n/www/script/korsub_shutdown2.sh "
+            "2\n/usr/local/bin/load_config.sh\n");
+}
+
+TEST(Settings, NtpSchedule) {
+  libbh_lock();
+  EXPECT_EQ(Ntp("a\n0 9 * * * root /usr/sbin/ntpdate_script -b -s old\nb", 1, "n-1.org", 6),
+            "0 a\nb\n0 */6 " + NTP + "n-1.org \n2 on 6 n-1.org");
+  EXPECT_EQ(Ntp("", 1, "10.0.0.1", 0), "0 \n#0 */0 " + NTP + "10.0.0.1 \n2 off 0 10.0.0.1");
+  EXPECT_EQ(Ntp("a\n", 0, "b", 99), "0 a\n#0 */99 " + NTP + "b \n2 off 99 b");
+  EXPECT_EQ(Ntp("", 0, "", 7), "0 \n#0 */7 " + NTP + " \n1 off 7 ");
+  EXPECT_EQ(Ntp(nullptr, 1, "c", 24), "0 \n0 */24 " + NTP + "c \n2 on 24 c");
+  for (const string &server : {""s, ".a"s, "a..b"s, "a."s, "a_b"s, X250 + "abcdef"})
+    EXPECT_EQ(Ntp("a\n", 1, server, 25), "-111 a\n2 off 11 ") << server;
+  EXPECT_EQ(Ntp("", 0, "a..b", 6), "-111 2 off 12 ");
+  EXPECT_EQ(Ntp("", 1, "a", 25) + Ntp("", 1, "a", -1), "-110 2 off 12 -110 2 off 12 ");
+  EXPECT_TRUE(ReadFile(kCallLog).ends_with(
+      "/usr/sbin/ntpdate_script -b -s n-1.org\n/usr/sbin/ntpdate_script -b -s "
+      "10.0.0.1\n/usr/sbin/ntpdate_script -b -s c\n"));
+  const NtpConfig config = {0, const_cast<char *>("a"), 1};
+  EXPECT_EQ((RemoveFile(CRONTAB), symlink("/dev/full", CRONTAB)), 0);
+  EXPECT_EQ(libbh_SetNtpConfig(0, &config), -10028);
+}
+
+TEST(Settings, ClockAndZone) {
+  const auto date = libbh_SetDate, time = libbh_SetTime;
+  const timeval summer = {1151706600, 0};  // 2006-07-01 00:30:00 local
+  DateTime now = {}, winter = {2006, 12, 24, 18, 30, 15};
+  settimeofday(&summer, nullptr);
+  Zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  EXPECT_EQ(date(0, 2000, 12, 31) + date(0, 2100, 2, 29) + date(0, 2001, 4, 31), -303);
+  EXPECT_EQ(date(0, 2001, 2, 29) + date(0, 2001, 0, 1) + date(0, 2001, 13, 1), -303);
+  EXPECT_EQ(time(0, 24, 0, 0) + time(0, -1, 0, 0) + time(0, 0, 60, 0) + time(0, 0, 0, -1), -404);
+  EXPECT_EQ(date(1, 2001, 1, 31) + date(1, 2004, 2, 29) + libbh_SetDateAndTime(1, &winter), 0);
+  EXPECT_EQ((libbh_GetDateAndTime(&now), now.hour), 0);
+  EXPECT_EQ(libbh_SetDateAndTime(0, &winter), 0);
+  EXPECT_TRUE(ReadFile(kCallLog).ends_with(" 1166981415.000000\n/usr/local/bin/time_set.sh\n"));
+  Zone("<-03>3");  // as another process does
+  EXPECT_EQ((libbh_GetDateAndTime(&now), now.hour), 14);
+  libbh_lock();
+  EXPECT_EQ((Ints{libbh_SetTimeZoneName(""), libbh_SetTimeZoneName("a/b/c")}), (Ints{-1, 0}));
+  EXPECT_EQ(std::filesystem::read_symlink(ZONE), "/usr/share/zoneinfo/a/b/c");
+  EXPECT_EQ(Fill(libbh_GetTimeZoneName, {5, 6}), "-5!!!!!!0a/b/c\0"s);
+  const char *piece = nullptr;
+  EXPECT_TRUE(libbh_SplitString(1, "ab//c/d", "/", &piece) == 1 && piece == "c/d"s);
+}
