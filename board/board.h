@@ -7,6 +7,10 @@
 //   std::optional<board::Board> board = board::Boot({}, &why);
 //   board::Result result = board::Run(*board, {.argv = {"/bin/hostname"}});
 //   board::Halt(*board);
+//
+//   std::vector<board::Board> boards = board::BootAll(board::Network(32), &why);
+//   ...;  // the client's interface, which reaches all of them, is board::kBridge
+//   board::HaltAll(boards);
 
 #pragma once
 
@@ -28,6 +32,8 @@ struct Interface {
   std::string mac = "02:0b:4a:00:00:10";
   std::string address = "192.168.40.2/24";  // of the board; empty: no IPv4 address
   std::string client = "192.168.40.1/24";   // of the wire's end at the caller; may be empty too
+  std::string bridge = {};  // at the caller: the wire ends at this bridge, which has `client` as
+                            // its address. It comes with the first wire and goes with the last.
 };
 
 struct Config {
@@ -58,11 +64,23 @@ bool EnterLab(std::string *why);
 // calling thread. Requires EnterLab.
 std::optional<Board> Boot(const Config &config, std::string *why);
 
+// Boots all of them side by side, or none: then nothing is returned.
+std::vector<Board> BootAll(const std::vector<Config> &configs, std::string *why);
+
+// Up to kMaxNetwork appliances on one bridge, kBridge, at which the client is 192.168.40.1/23. Each
+// is as `like`, with a host name of its own (brackenhold-1, -2, ...), and a MAC and an address
+// counted up from 02:0b:4a:00:00:10 and 192.168.40.2 on the first interface. No address in `like`
+// there: none on any of them.
+inline constexpr char kBridge[] = "bridge0";
+inline constexpr int kMaxNetwork = 500;
+std::vector<Config> Network(int count, const Config &like = {});
+
 // A board booted by another process of this lab, for entering it.
 Board Attach(pid_t init);
 
 // Kills all that runs on the board and waits until it and its wires are gone.
 void Halt(Board &board);
+void HaltAll(std::vector<Board> &boards);  // quicker than one by one
 
 // A program to run on the board.
 struct Command {

@@ -1,13 +1,15 @@
-// boot: boots a simulated board and runs a command on it, a shell if none is given. The board lives
-// as long as the command.
+// boot: boots a simulated board and runs a command on it, a shell if none is given; or many boards
+// on one network, and the command at their client's end. The boards live as long as the command.
 
 #include <getopt.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,6 +18,8 @@
 #include "board/pieces.h"
 
 namespace {
+
+using Boards = std::vector<board::Board>;
 
 constexpr int kUsage = 2;
 constexpr int kNoBoard = 125;  // what neither shells nor commands end with by themselves
@@ -26,6 +30,7 @@ struct Options {
   std::optional<std::string> address;
   std::vector<std::pair<std::string, std::string>> files;
   std::vector<std::string> command;
+  int boards = 0;  // on a bridge; 0: one, on a wire of its own
   bool daemon = false;
   bool demo = false;
   bool enter = false;
@@ -41,18 +46,25 @@ constexpr struct {
     {"--product ID", "the board's product ID, such as 0x2001"},
     {"--interface NAME", "an interface of that name; may be repeated (default: eth0)"},
     {"--file PATH=TEXT", "a file on the board; may be repeated"},
+    {"--boards N", "N boards on one bridge, bridge0; the command runs at the client's end"},
     {"--run-daemon", "start the daemon on every interface first"},
-    {"--demo", "start the daemon and ping it, then a shell beside the board"},
-    {"--enter", "run the command on the board of this shell (BH_BOARD_PID)"},
+    {"--demo", "start the daemon and ping it, then a shell at the client's end"},
+    {"--enter", "run the command on the (first) board of this shell (BH_BOARD_PID)"},
     {"--help", "this text"},
 };
 
 constexpr struct option kOptions[] = {
-    {"address", required_argument, nullptr, 'a'}, {"no-address", no_argument, nullptr, 'n'},
-    {"product", required_argument, nullptr, 'p'}, {"interface", required_argument, nullptr, 'i'},
-    {"file", required_argument, nullptr, 'f'},    {"run-daemon", no_argument, nullptr, 'r'},
-    {"demo", no_argument, nullptr, 'd'},          {"enter", no_argument, nullptr, 'e'},
-    {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+    {"address", required_argument, nullptr, 'a'},
+    {"no-address", no_argument, nullptr, 'n'},
+    {"product", required_argument, nullptr, 'p'},
+    {"interface", required_argument, nullptr, 'i'},
+    {"file", required_argument, nullptr, 'f'},
+    {"run-daemon", no_argument, nullptr, 'r'},
+    {"demo", no_argument, nullptr, 'd'},
+    {"enter", no_argument, nullptr, 'e'},
+    {"boards", required_argument, nullptr, 'b'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
 };
 
 void PrintHelp(std::FILE *to) {
@@ -71,6 +83,16 @@ bool AddFile(const std::string &argument, Options *options) {
   return true;
 }
 
+bool SetBoards(const std::string &argument, Options *options) {
+  char *end = nullptr;
+  const long count = std::strtol(argument.c_str(), &end, 10);
+  options->boards = static_cast<int>(count);
+  if (*end == '\0' && count >= 1 && count <= board::kMaxNetwork) return true;
+  std::fprintf(stderr, "boot: --boards wants 1 to %d, not %s\n", board::kMaxNetwork,
+               argument.c_str());
+  return false;
+}
+
 bool TakeOption(int letter, Options *options) {
   const std::string argument = optarg == nullptr ? "" : optarg;
   switch (letter) {
@@ -86,6 +108,8 @@ bool TakeOption(int letter, Options *options) {
       return true;
     case 'f':
       return AddFile(argument, options);
+    case 'b':
+      return SetBoards(argument, options);
     case 'r':
       return options->daemon = true;
     case 'd':
@@ -124,6 +148,11 @@ bool ReadOptions(int argc, char **argv, Options *options) {
     std::fputs("boot: a board has at most 10 interfaces\n", stderr);
     return false;
   }
+  if (options->boards > 0 &&
+      (options->interfaces.size() > 1 || !options->address.value_or("").empty())) {
+    std::fputs("boot: --boards gives each board one interface and its address\n", stderr);
+    return false;
+  }
   AddInterfaces(options);
   options->command.assign(argv + optind, argv + argc);
   return true;
@@ -148,108 +177,178 @@ int RunHere(const board::Board &board, const std::vector<std::string> &command) 
 
 // How many sockets are bound to the daemon's port. The pid file is there a moment before.
 int BoundServers(const board::Board &board) {
-  const board::Result table =
-      board::Run(board, {.argv = {"grep", "-c", ":5998 ", "/proc/net/udp"}});
-  return static_cast<int>(std::strtol(table.output.c_str(), nullptr, 10));
+  std::ifstream table("/proc/" + std::to_string(board.init) + "/net/udp");
+  int count = 0;
+  for (std::string line; std::getline(table, line);)
+    count += line.find(":5998 ") != std::string::npos ? 1 : 0;
+  return count;
 }
 
-// Starts the daemon on the `number`-th interface (from 1) and waits until it can be asked.
-bool StartDaemon(const board::Board &board, int number) {
-  const std::string &interface = board.config.interfaces[static_cast<size_t>(number) - 1].name;
-  const board::Result result = board::Run(board, {.argv = {"bh_servd", "-i", interface}});
-  if (result.exit_code == 0 && board::WaitFor([&] { return BoundServers(board) >= number; }))
-    return true;
-  std::fprintf(stderr, "boot: bh_servd has not started on %s (exit status %d)\n%s",
-               interface.c_str(), Status(result), result.output.c_str());
-  return false;
-}
-
-bool StartDaemons(const board::Board &board) {
-  const int count = static_cast<int>(board.config.interfaces.size());
-  for (int number = 1; number <= count; number++)
-    if (!StartDaemon(board, number)) return false;
+// Starts the daemon on the `number`-th interface (from 1) of all boards and waits until they can be
+// asked.
+bool StartDaemon(const Boards &boards, int number) {
+  const std::string &name = boards[0].config.interfaces[static_cast<size_t>(number) - 1].name;
+  const board::Descriptor said(memfd_create("said", MFD_CLOEXEC));
+  std::vector<pid_t> starts;
+  starts.reserve(boards.size());
+  for (const board::Board &board : boards)
+    starts.push_back(
+        board::Spawn(board, {.argv = {"bh_servd", "-i", name}, .out = said.fd, .err = said.fd}));
+  for (size_t i = 0; i < boards.size(); i++) {
+    const board::Result result = board::Wait(starts[i]);
+    if (result.exit_code == 0 && board::WaitFor([&] { return BoundServers(boards[i]) >= number; }))
+      continue;
+    std::fprintf(stderr, "boot: bh_servd has not started on %s of %s (exit status %d)\n%s",
+                 name.c_str(), boards[i].config.host_name.c_str(), Status(result),
+                 board::ReadAll(said.fd).c_str());
+    return false;
+  }
   return true;
 }
 
-// A shell at the caller's end of the wire, in which `board` runs its arguments on the board.
-int ClientShell(const board::Board &board) {
-  const std::string directory = board::ProgramDirectory();
-  const char *path = std::getenv("PATH");
-  setenv("PATH", (directory + ":" + (path == nullptr ? "/usr/bin:/bin" : path)).c_str(), 1);
-  setenv("BH_BOARD_PID", std::to_string(board.init).c_str(), 1);
-  setenv("BASH_FUNC_board%%", ("() { '" + directory + "/boot' --enter -- \"$@\"; }").c_str(), 1);
-  setenv("PS1", "client$ ", 1);
-  const pid_t shell = fork();
-  if (shell == 0) {
-    execlp("bash", "bash", "--norc", "-i", nullptr);
-    execl("/bin/sh", "sh", "-i", nullptr);
-    _exit(127);
-  }
-  std::signal(SIGINT, SIG_IGN);
-  return shell < 0 ? 1 : Status(board::Wait(shell));
+bool StartDaemons(const Boards &boards) {
+  const int count = static_cast<int>(boards[0].config.interfaces.size());
+  for (int number = 1; number <= count; number++)
+    if (!StartDaemon(boards, number)) return false;
+  return true;
 }
 
-int Demo(const board::Board &board) {
-  const board::Interface &first = board.config.interfaces[0];
-  std::printf("A board is up: %s, %s on %s, wired to %s here.\n", board.config.host_name.c_str(),
-              first.address.empty() ? "no address" : first.address.c_str(), first.name.c_str(),
-              board.wires[0].c_str());
-  if (!StartDaemon(board, 1)) return 1;
-  const std::string ping = board::ProgramDirectory() + "/bhctl";
-  std::printf("bh_servd serves %s. Asking it with: bhctl -i %s ping\n", first.name.c_str(),
-              board.wires[0].c_str());
-  std::fflush(stdout);
-  const pid_t client = fork();
-  if (client == 0) {
-    execl(ping.c_str(), "bhctl", "-i", board.wires[0].c_str(), "ping", nullptr);
-    std::perror(ping.c_str());
+bool Bridged(const Boards &boards) {
+  return !boards[0].config.interfaces[0].bridge.empty();
+}
+
+// The caller's interface that leads to the boards.
+std::string Near(const Boards &boards) {
+  return Bridged(boards) ? boards[0].config.interfaces[0].bridge : boards[0].wires[0];
+}
+
+// At the caller's end bhctl is on the path, and in a shell `board` runs its arguments on the board,
+// or on the one that its first argument gives the number of.
+void SetClientEnvironment(const Boards &boards) {
+  const std::string directory = board::ProgramDirectory();
+  const char *path = std::getenv("PATH");
+  std::string inits;
+  for (const board::Board &board : boards)
+    inits += std::to_string(board.init) + ' ';
+  std::string function = "() { ";
+  if (Bridged(boards))
+    function +=
+        "local all=(none $BH_BOARD_PID) n=${1:?which board}; shift; "
+        "BH_BOARD_PID=${all[n]} ";
+  function += "'" + directory + "/boot' --enter -- \"$@\"; }";
+  setenv("PATH", (directory + ":" + (path == nullptr ? "/usr/bin:/bin" : path)).c_str(), 1);
+  setenv("BH_BOARD_PID", inits.c_str(), 1);
+  setenv("BASH_FUNC_board%%", function.c_str(), 1);
+  setenv("PS1", "client$ ", 1);
+}
+
+[[noreturn]] void ExecAtClient(const Boards &boards, std::vector<std::string> command) {
+  SetClientEnvironment(boards);
+  std::vector<char *> argv;
+  argv.reserve(command.size() + 1);
+  for (std::string &argument : command)
+    argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  if (!command.empty()) {
+    execvp(argv[0], argv.data());
+    std::perror(argv[0]);
     _exit(127);
   }
-  if (client < 0 || Status(board::Wait(client)) != 0) {
+  execlp("bash", "bash", "--norc", "-i", nullptr);
+  execl("/bin/sh", "sh", "-i", nullptr);
+  _exit(127);
+}
+
+// Runs a command at the caller's end, a shell if it is empty. An interrupt is the command's.
+int RunAtClient(const Boards &boards, const std::vector<std::string> &command) {
+  std::fflush(nullptr);
+  const pid_t client = fork();
+  if (client < 0) return 1;
+  if (client == 0) ExecAtClient(boards, command);
+  std::signal(SIGINT, SIG_IGN);
+  const int status = Status(board::Wait(client));
+  std::signal(SIGINT, SIG_DFL);
+  return status;
+}
+
+std::string Describe(const board::Board &board) {
+  const std::string &address = board.config.interfaces[0].address;
+  return board.config.host_name + ", " + (address.empty() ? "no address" : address);
+}
+
+void SayWhatIsUp(const Boards &boards) {
+  const char *name = boards[0].config.interfaces[0].name.c_str();
+  if (Bridged(boards))
+    std::printf("%zu boards are up, on %s here:\n  %s, to\n  %s\n", boards.size(),
+                Near(boards).c_str(), Describe(boards[0]).c_str(), Describe(boards.back()).c_str());
+  else
+    std::printf("A board is up: %s on %s, wired to %s here.\n", Describe(boards[0]).c_str(), name,
+                Near(boards).c_str());
+}
+
+int Demo(const Boards &boards) {
+  const std::string near = Near(boards);
+  SayWhatIsUp(boards);
+  if (!StartDaemon(boards, 1)) return 1;
+  std::printf("bh_servd serves %s. Asking with: bhctl -i %s ping\n",
+              boards[0].config.interfaces[0].name.c_str(), near.c_str());
+  if (RunAtClient(boards, {"bhctl", "-i", near, "ping"}) != 0) {
     std::fputs("boot: the ping was not answered. The board's syslog:\n", stderr);
-    std::fputs(board::ReadFile(board, board::kSyslog).c_str(), stderr);
+    std::fputs(board::ReadFile(boards[0], board::kSyslog).c_str(), stderr);
     return 1;
   }
   if (isatty(STDIN_FILENO) == 0) return 0;
+  const std::string board = Bridged(boards) ? "board 1" : "board";
   std::printf(
       "This shell is at the other end of the wire. Try `bhctl -i %s raid`, and\n"
-      "`board` or `board cat /var/log/syslog` to be on the board. `exit` switches it off.\n",
-      board.wires[0].c_str());
-  std::fflush(stdout);
-  return ClientShell(board);
+      "`%s` or `%s cat /var/log/syslog` to be on the board. `exit` switches all off.\n",
+      near.c_str(), board.c_str(), board.c_str());
+  return RunAtClient(boards, {});
 }
 
 int Enter(const Options &options) {
   const char *init = std::getenv("BH_BOARD_PID");
-  if (init != nullptr)
-    return RunHere(board::Attach(static_cast<pid_t>(std::strtol(init, nullptr, 10))),
-                   options.command);
-  std::fputs("boot: --enter is for the shell of boot --demo (BH_BOARD_PID is not set)\n", stderr);
+  const long number = init == nullptr ? 0 : std::strtol(init, nullptr, 10);
+  if (number > 0) return RunHere(board::Attach(static_cast<pid_t>(number)), options.command);
+  std::fputs(init == nullptr
+                 ? "boot: --enter is for the client's shell of boot (BH_BOARD_PID is not set)\n"
+                 : "boot: there is no such board\n",
+             stderr);
   return kUsage;
 }
 
-// What is to happen on the booted board; returns the exit status.
-int Use(const board::Board &board, const Options &options) {
+bool WriteFiles(const board::Board &board, const Options &options) {
   for (const auto &[path, text] : options.files) {
     if (board::WriteFile(board, path, text)) continue;
     std::fprintf(stderr, "boot: cannot write %s on the board\n", path.c_str());
-    return kNoBoard;
+    return false;
   }
-  if (options.demo) return Demo(board);
-  if (options.daemon && !StartDaemons(board)) return kNoBoard;
-  return RunHere(board, options.command);
+  return true;
+}
+
+// What is to happen with the booted boards; returns the exit status.
+int Use(const Boards &boards, const Options &options) {
+  for (const board::Board &board : boards)
+    if (!WriteFiles(board, options)) return kNoBoard;
+  if (options.demo) return Demo(boards);
+  if (options.daemon && !StartDaemons(boards)) return kNoBoard;
+  return options.boards > 0 ? RunAtClient(boards, options.command)
+                            : RunHere(boards[0], options.command);
 }
 
 int BootAndRun(const Options &options) {
   std::string why;
-  std::optional<board::Board> board;
-  if (board::EnterLab(&why)) board = board::Boot(options.config, &why);
-  if (!board) {
+  Boards boards;
+  if (board::EnterLab(&why))
+    boards = board::BootAll(options.boards > 0 ? board::Network(options.boards, options.config)
+                                               : std::vector<board::Config>{options.config},
+                            &why);
+  if (boards.empty()) {
     std::fprintf(stderr, "boot: %s\n", why.c_str());
     return kNoBoard;
   }
-  const int status = Use(*board, options);
-  board::Halt(*board);
+  const int status = Use(boards, options);
+  board::HaltAll(boards);
   return status;
 }
 

@@ -7,7 +7,6 @@
 
 #include <fcntl.h>
 #include <linux/sched.h>
-#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -19,13 +18,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "board/pieces.h"
 
@@ -178,37 +181,90 @@ static std::string Receive(int init) {
   return {text.data(), static_cast<size_t>(size)};
 }
 
-static std::string BootFromOutside(Board *board, int init) {
-  std::string answer = Receive(init);
-  if (answer != "n") return answer.substr(1);
-  std::string why = MakeWires(board->config, board->init, &board->wires);
-  if (!why.empty()) return why;
-  if (send(init, "w", 1, MSG_NOSIGNAL) != 1) return Failure("the board has died");
-  answer = Receive(init);
-  if (answer != "r") return answer.substr(1);
-  for (const std::string &wire : board->wires)
-    if (!WaitForCarrier(wire)) return wire + " has no carrier";
-  return "";
-}
+// The caller's ends of the sockets to the first processes of boards that are booting.
+using Inits = std::deque<Descriptor>;
 
-std::optional<Board> Boot(const Config &config, std::string *why) {
+// So many boards at a time keep a few processors busy, and none of them waits long for its turn.
+constexpr size_t kSideBySide = 32;
+
+static std::string Start(const Config &config, std::vector<Board> *boards, Inits *inits) {
   Board board;
   board.config = Complete(config);
   const std::string shim = board.config.products + "/libshim.so";
-  if (access(shim.c_str(), R_OK) != 0) return *why = Failure(shim), std::nullopt;
+  if (access(shim.c_str(), R_OK) != 0) return Failure(shim);
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
-    return *why = Failure("socketpair"), std::nullopt;
+    return Failure("socketpair");
+  inits->emplace_back(pair[0]);
   board.init = CloneInit();
   if (board.init == 0) RunInit(board.config, pair[1]);
-  const Descriptor init(pair[0]);
+  std::string why = board.init < 0 ? Failure("cannot clone a board's namespaces") : "";
   close(pair[1]);
-  if (board.init < 0) return *why = Failure("cannot clone a board's namespaces"), std::nullopt;
   board.root = "/proc/" + std::to_string(board.init) + "/root";
-  *why = BootFromOutside(&board, init.fd);
-  if (why->empty()) return board;
-  Halt(board);
-  return std::nullopt;
+  if (why.empty()) boards->push_back(board);
+  return why;
+}
+
+// Each board goes ahead by itself; what the caller has to do is done for all of them at once.
+static std::string BootFromOutside(std::vector<Board> *boards, const Inits &inits) {
+  for (const Descriptor &init : inits)
+    if (const std::string answer = Receive(init.fd); answer != "n") return answer.substr(1);
+  std::string why = MakeWires(boards);
+  if (!why.empty()) return why;
+  for (const Descriptor &init : inits)
+    if (send(init.fd, "w", 1, MSG_NOSIGNAL) != 1) return Failure("the board has died");
+  for (const Descriptor &init : inits)
+    if (const std::string answer = Receive(init.fd); answer != "r") return answer.substr(1);
+  for (const Board &board : *boards)
+    if (std::string late = AwaitWires(board); !late.empty()) return late;
+  return "";
+}
+
+static std::string BootGroup(std::span<const Config> configs, std::vector<Board> *boards) {
+  std::vector<Board> group;
+  Inits inits;
+  std::string why;
+  for (const Config &config : configs)
+    if (why.empty()) why = Start(config, &group, &inits);
+  if (why.empty()) why = BootFromOutside(&group, inits);
+  boards->insert(boards->end(), group.begin(), group.end());
+  return why;
+}
+
+std::vector<Board> BootAll(const std::vector<Config> &configs, std::string *why) {
+  std::vector<Board> boards;
+  std::span<const Config> rest = configs;
+  why->clear();
+  while (why->empty() && !rest.empty()) {
+    const size_t count = std::min(rest.size(), kSideBySide);
+    *why = BootGroup(rest.first(count), &boards);
+    rest = rest.subspan(count);
+  }
+  if (!why->empty()) HaltAll(boards);
+  return boards;
+}
+
+std::optional<Board> Boot(const Config &config, std::string *why) {
+  const std::vector<Board> boards = BootAll({config}, why);
+  return boards.empty() ? std::nullopt : std::make_optional(boards[0]);
+}
+
+std::vector<Config> Network(int count, const Config &like) {
+  std::vector<Config> configs(static_cast<size_t>(count), like);
+  for (int i = 0; i < count; i++) {
+    Config &config = configs[static_cast<size_t>(i)];
+    Interface &interface = config.interfaces[0];
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "02:0b:4a:00:%02x:%02x", (0x10 + i) >> 8 & 0xff,
+                  (0x10 + i) & 0xff);
+    interface.mac = text.data();
+    std::snprintf(text.data(), text.size(), "192.168.%d.%d/23", 40 + (2 + i) / 256, (2 + i) % 256);
+    if (!interface.address.empty()) interface.address = text.data();
+    interface.client = "192.168.40.1/23";
+    interface.bridge = kBridge;
+    config.host_name = "brackenhold-" + std::to_string(i + 1);
+  }
+  return configs;
 }
 
 Board Attach(pid_t init) {
@@ -224,9 +280,17 @@ void Halt(Board &board) {
   kill(board.init, SIGKILL);
   CollectChildren(board.init);
   waitpid(board.init, nullptr, 0);
-  for (const std::string &wire : board.wires)
-    WaitFor([&] { return if_nametoindex(wire.c_str()) == 0; });
+  ReleaseWires(board);
   board = Board{};
+}
+
+// The kernel removes networks of boards that have died together in one go.
+void HaltAll(std::vector<Board> &boards) {
+  for (const Board &board : boards)
+    if (board.init > 0) kill(board.init, SIGKILL);
+  for (Board &board : boards)
+    Halt(board);
+  boards.clear();
 }
 
 }  // namespace board

@@ -40,10 +40,10 @@ std::string ProgramDirectory() {
   return program.substr(0, program.rfind('/'));
 }
 
-static bool RaiseLoopback() {
+bool Raise(const std::string &interface) {
   const Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   struct ifreq request {};
-  std::strcpy(request.ifr_name, "lo");
+  interface.copy(request.ifr_name, sizeof request.ifr_name - 1);
   if (ioctl(socket_fd.fd, SIOCGIFFLAGS, &request) != 0) return false;
   request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
   return ioctl(socket_fd.fd, SIOCSIFFLAGS, &request) == 0;
@@ -55,7 +55,7 @@ bool PrepareNetwork(const std::string &proc) {
     if (access(ipv6.c_str(), F_OK) == 0 && !WriteText(ipv6, "1")) return false;
     if (!WriteText(proc + "/sys/net/ipv4/conf/" + which + "/rp_filter", "0")) return false;
   }
-  return RaiseLoopback();
+  return Raise("lo");
 }
 
 // Every id of this process's user namespace as itself: the file /proc/self/uid_map has lines of

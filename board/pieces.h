@@ -31,6 +31,9 @@ std::string Failure(std::string_view what);
 // Writes a text into an existing file with one write, as the files of /proc want it.
 bool WriteText(const std::string &path, std::string_view text);
 
+// Brings an interface of this process's network namespace up.
+bool Raise(const std::string &interface);
+
 // Brings `lo` up, switches IPv6 off and lets replies with foreign source addresses through, in the
 // network namespace that this process is in. `proc` is where procfs is mounted.
 bool PrepareNetwork(const std::string &proc);
@@ -58,12 +61,22 @@ std::string BuildRoot(const Config &config);
 
 // --- wire.cpp
 
-// At the caller: one veth pair an interface, its far end in the namespace of `init`. Appends the
-// near ends' names to `wires`.
-std::string MakeWires(const Config &config, pid_t init, std::vector<std::string> *wires);
+// At the caller: one veth pair an interface, its far end on the board, and the bridges that the
+// near ends belong to. Fills in the boards' `wires`.
+std::string MakeWires(std::vector<Board> *boards);
+
+// At the caller, when the board's ends are up: waits until frames pass on each of its wires.
+std::string AwaitWires(const Board &board);
+
+// At the caller, when the board has died: waits until its wires are gone, and removes the bridges
+// on which they were the last.
+void ReleaseWires(const Board &board);
 
 // On the board: gives the interfaces their addresses and brings them up.
 std::string RaiseInterfaces(const Config &config);
+
+// What a file holds, from its start.
+std::string ReadAll(int file);
 
 // Runs a program to its end with `input` as its standard input. Returns an empty text when it
 // succeeded, else what it said.
@@ -71,6 +84,7 @@ std::string RunTool(const std::vector<std::string> &argv, std::string_view input
 
 // Waits until the interface exists and has its carrier.
 bool WaitForCarrier(const std::string &name);
+
 // --- spawn.cpp
 
 // Collects the caller's children on the board, which are dying with it.

@@ -1,4 +1,5 @@
-// Wires: a veth pair for each interface of a board, one end on the board and one at the caller.
+// Wires: a veth pair for each interface of a board, one end on the board and one at the caller,
+// where it stands by itself or belongs to a bridge that joins several boards' wires.
 
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -9,6 +10,7 @@
 
 #include <array>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -16,7 +18,7 @@
 
 namespace board {
 
-static std::string ReadAll(int file) {
+std::string ReadAll(int file) {
   std::string text;
   std::array<char, 1024> buffer{};
   ssize_t size = 0;
@@ -69,19 +71,64 @@ static std::string AddressLine(const std::string &address, const std::string &de
   return "address add " + address + " dev " + device + " brd +\n";
 }
 
-std::string MakeWires(const Config &config, pid_t init, std::vector<std::string> *wires) {
+// The bridges at this caller, and how many wires each has.
+static std::map<std::string, int> bridges;
+
+// A bridge of ports that come and go would change its MAC with them and leave it unknown to those
+// who have just asked for it. It is up before it has ports: when the first one brings it a carrier,
+// the kernel reports that at once, while a bridge that is raised with a carrier has to wait up to a
+// second for it. It has no use for the groups of multicast that it could listen for.
+static std::string BridgeLines(const std::string &bridge, const std::string &client) {
+  return "link add name " + bridge +
+         " up address 02:0b:4a:00:00:01 type bridge stp_state 0 forward_delay 0 mcast_snooping "
+         "0\n" +
+         AddressLine(client, bridge);
+}
+
+static std::string WireLines(const Interface &interface, const std::string &wire, int index,
+                             pid_t init) {
+  const bool bridged = !interface.bridge.empty();
+  std::string lines;
+  if (bridged && bridges[interface.bridge]++ == 0)
+    lines = BridgeLines(interface.bridge, interface.client);
+  lines += "link add " + wire + " index " + std::to_string(index) + " up" +
+           (bridged ? " master " + interface.bridge : "") + " type veth peer name " +
+           interface.name + " address " + interface.mac + " netns " + std::to_string(init) + "\n";
+  return bridged ? lines : lines + AddressLine(interface.client, wire);
+}
+
+std::string MakeWires(std::vector<Board> *boards) {
   static int next = 0;
   std::string batch;
-  for (const Interface &interface : config.interfaces) {
-    const std::string wire = "wire" + std::to_string(next);
-    wires->push_back(wire);
-    batch += "link add " + wire + " index " + std::to_string(kFirstWireIndex + next++) +
-             " type veth peer name " + interface.name + " address " + interface.mac + " netns " +
-             std::to_string(init) + "\n";
-    batch += AddressLine(interface.client, wire);
-    batch += "link set " + wire + " up\n";
+  for (Board &board : *boards) {
+    for (const Interface &interface : board.config.interfaces) {
+      board.wires.push_back("wire" + std::to_string(next));
+      batch += WireLines(interface, board.wires.back(), kFirstWireIndex + next++, board.init);
+    }
   }
   return RunTool({"ip", "-batch", "-"}, batch);
+}
+
+// A wire shows its carrier a moment before its bridge forwards to it; both happen under the
+// kernel's network lock, which raising an interface that is up waits for.
+std::string AwaitWires(const Board &board) {
+  for (size_t i = 0; i < board.wires.size(); i++) {
+    const std::string &bridge = board.config.interfaces[i].bridge;
+    if (!WaitForCarrier(board.wires[i])) return board.wires[i] + " has no carrier";
+    if (!bridge.empty() && (!Raise(bridge) || !WaitForCarrier(bridge)))
+      return bridge + " has no carrier";
+  }
+  return "";
+}
+
+void ReleaseWires(const Board &board) {
+  for (size_t i = 0; i < board.wires.size(); i++) {
+    WaitFor([&] { return if_nametoindex(board.wires[i].c_str()) == 0; });
+    const std::string &bridge = board.config.interfaces[i].bridge;
+    if (bridge.empty() || --bridges[bridge] > 0) continue;
+    RunTool({"ip", "link", "delete", bridge}, "");
+    bridges.erase(bridge);
+  }
 }
 
 std::string RaiseInterfaces(const Config &config) {

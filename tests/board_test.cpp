@@ -1,11 +1,14 @@
 // The simulated board itself: that it is the appliance which tests take it for, and that nothing of
 // it reaches the machine or stays there.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <sys/reboot.h>
 #include <sys/resource.h>
 #include <sys/sem.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -162,6 +165,45 @@ TEST_F(BoardTest, NotesWhatIsRun) {
   EXPECT_EQ(board::ReadFile(*board_, board::kCallLog), "reboot 0x4321fedc\n");
 }
 
+// Opens UDP port 5000, or another if that is taken, and broadcasts `name` to port 5000 of all
+// boards.
+int Shout(const std::string &name) {
+  const struct sockaddr_in all = {AF_INET, htons(5000), {inet_addr("192.168.41.255")}, {}};
+  const auto *const address = reinterpret_cast<const struct sockaddr *>(&all);
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+  static_cast<void>(bind(fd, address, sizeof all));
+  sendto(fd, name.data(), name.size(), 0, address, sizeof all);
+  return fd;
+}
+
+bool Hears(int fd, char name) {
+  char heard = 0;
+  return board::WaitFor([&] { return recv(fd, &heard, 1, 0) == 1 && heard == name; });
+}
+
+TEST_F(BoardTest, ManyShareABridge) {
+  std::string why;
+  std::vector<board::Board> boards = board::BootAll(board::Network(3), &why);
+  ASSERT_EQ(boards.size(), 3U) << why;
+  const int client = Shout("c");
+  std::vector<pid_t> listeners;
+  for (const char *name : {"1", "2", "3"}) {
+    listeners.push_back(board::Fork(boards[listeners.size()]));
+    if (listeners.back() == 0) _exit(Hears(Shout(name), 'C') ? 0 : 1);
+    EXPECT_TRUE(Hears(client, *name)) << name;
+  }
+  close(Shout("C"));
+  for (const pid_t listener : listeners)
+    EXPECT_EQ(board::Wait(listener).exit_code, 0);
+  close(client);
+  board::Halt(boards[0]), board::Halt(boards[2]);
+  EXPECT_NE(if_nametoindex("bridge0"), 0U);
+  board::Halt(boards[1]);
+  EXPECT_EQ(if_nametoindex("bridge0"), 0U);
+}
+
 bool NamespaceInUse(const std::string &name) {
   std::error_code error;
   for (const fs::directory_entry &process : fs::directory_iterator("/proc", error))
@@ -253,6 +295,8 @@ TEST(BootTest, SaysWhyThereIsNoBoard) {
       {{"--address", "1.2.3/99", "--", "true"}, nullptr, 125, "1.2.3/99"},
       {{"--file", "noslash", "--", "true"}, nullptr, 2, "--file wants /PATH=TEXT"},
       {{"--enter"}, nullptr, 2, "BH_BOARD_PID is not set"},
+      {{"--boards", "501"}, nullptr, 2, "--boards wants 1 to 500, not 501"},
+      {{"--boards", "2", "--", "bash", "-c", "board 2 hostname"}, nullptr, 0, "brackenhold-2\n"},
   };
   for (const auto &one : cases) {
     const board::Result result = EndOf(StartBoot(0, one.arguments, one.limit));
