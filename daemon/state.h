@@ -19,7 +19,7 @@ constexpr uint32_t MODE_NOSTANDALONE = 0x2;     // nothing is served
 constexpr uint32_t MODE_NOFORK = 0x4;           // serve in the foreground, trace to the terminal
 constexpr uint32_t MODE_COMMAND_ENABLED = 0x8;  // remote commands are accepted
 
-struct RequesterKey;
+struct KeyEntry;
 
 struct DaemonState {
   int sock = -1;  // service UDP socket
@@ -46,7 +46,7 @@ struct DaemonState {
   char zip_part[64];
   char zip_pass[512];
   int recv_fd, listen_fd, accept_fd, max_fd;  // of the image receiver
-  RequesterKey *key_list;
+  KeyEntry *key_list;
   uint8_t mac_buffer[6];  // address last parsed by the MAC programming
 
   // Who may clean up, and when: see daemon/signals.
