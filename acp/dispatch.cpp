@@ -16,6 +16,7 @@
 #include "daemon/process.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "handlers/discover.h"
 #include "handlers/status.h"
 #include "lib/libbh.h"
 
@@ -47,6 +48,7 @@ constexpr char UPDATE_START[] = "Firmware Update start.\n";
 constexpr char UPDATE_END[] = "Firmware Update end.\n";
 
 const Command COMMANDS[] = {
+    {ACP_DISCOVER, nullptr, "-- ACP_DISCOVER_\r\n", ACP_Discover_Reply},
     {ACP_PING, nullptr, "-- ACP_PING\r\n", AnswerPing},
     {ACP_INFO, nullptr, "-- ACP_INFO\n", nullptr},
     {ACP_INFO_HDD, nullptr, "-- ACP_INFO_HDD\n", ACP_Info_HDD_Reply},
@@ -55,7 +57,6 @@ const Command COMMANDS[] = {
     {ACP_DISCOVER_REPLY, nullptr, "-- ACP_DISCOVER_REPLY\r\n", nullptr},
 
     // Recognised, and not answered as long as their handlers are not built.
-    {ACP_DISCOVER, nullptr, "-- ACP_DISCOVER_\r\n", nullptr},
     {ACP_CHANGE_IP, nullptr, "-- ACP_CHANGE_IP\r\n", nullptr},
     {ACP_FIRMUP_END, UPDATE_END, "-- ACP_FIRMUP_END\r\n", nullptr},
     {ACP_FIRMUP2, UPDATE_START, "-- ACP_FIRMUP2\r\n", nullptr},

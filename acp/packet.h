@@ -84,6 +84,77 @@ enum AcpState : uint32_t {
   ACP_STATE_BAD_FIRM_TYPE = 0x80000011,
 };
 
+// Bits of DiscoverInfo's status.
+enum DiscoverStatus : uint32_t {
+  DISCOVER_DHCP_LEASE = 0x02,   // the served interface has its address by DHCP
+  DISCOVER_DHCP_SERVER = 0x04,  // the appliance's DHCP server runs
+  DISCOVER_INITIALIZED = 0x10,  // a client has marked the appliance as initialised
+  DISCOVER_TIMER_SLEEP = 0x40,
+  DISCOVER_TIMER_BACKUP = 0x80,
+};
+
+// What system the appliance runs, in DiscoverInfo's product_state.
+enum DiscoverProductState : uint8_t {
+  PRODUCT_STATE_UNKNOWN = 0,
+  PRODUCT_STATE_NORMAL = 1,
+  PRODUCT_STATE_EMERGENCY = 2,
+};
+
+// Body of ACP_DISCOVER_REPLY. A text as long as its field has no NUL in it. Addresses are numbers
+// whose most significant byte is the first octet of the dotted form.
+struct DiscoverInfo {
+  uint32_t address;  // of the served interface
+  uint32_t netmask;
+  uint32_t status;  // DiscoverStatus
+  uint8_t key[4];   // requester's key, most significant byte first, never converted
+  char host_name[16];
+  char workgroup[16];
+  char product_name[64];
+  uint16_t reserved1;
+  uint16_t daemon_version;  // major version in the high byte, minor in the low one
+  uint8_t reserved2[8];
+  uint16_t year;  // this and the next five: local date and time
+  uint16_t month;
+  uint16_t day;
+  uint16_t hour;
+  uint16_t minute;
+  uint16_t second;
+  uint32_t gateway;  // 0 when there is none
+  uint32_t reserved3[4];
+  uint8_t firmware_major;  // of the installed firmware
+  uint8_t firmware_minor;
+  uint8_t reserved4[2];
+  uint32_t product_id;
+  char firmware_build_date[24];
+  char firmware_sub_version[31];
+  uint8_t reserved5;
+  uint8_t system_major;  // of the running system
+  uint8_t system_minor;
+  uint8_t product_state;  // DiscoverProductState
+  char system_sub_version[31];
+  uint8_t reserved6;
+  char system_build_date[24];
+  uint8_t eth0_mac[MAC_SIZE];  // eth0's, whichever interface is served
+  uint8_t reserved7[3];
+};
+static_assert(sizeof(DiscoverInfo) == 288);
+static_assert(offsetof(DiscoverInfo, key) == 12);
+static_assert(offsetof(DiscoverInfo, host_name) == 16);
+static_assert(offsetof(DiscoverInfo, workgroup) == 32);
+static_assert(offsetof(DiscoverInfo, product_name) == 48);
+static_assert(offsetof(DiscoverInfo, daemon_version) == 114);
+static_assert(offsetof(DiscoverInfo, year) == 124);
+static_assert(offsetof(DiscoverInfo, gateway) == 136);
+static_assert(offsetof(DiscoverInfo, firmware_major) == 156);
+static_assert(offsetof(DiscoverInfo, product_id) == 160);
+static_assert(offsetof(DiscoverInfo, firmware_build_date) == 164);
+static_assert(offsetof(DiscoverInfo, firmware_sub_version) == 188);
+static_assert(offsetof(DiscoverInfo, system_major) == 220);
+static_assert(offsetof(DiscoverInfo, product_state) == 222);
+static_assert(offsetof(DiscoverInfo, system_sub_version) == 223);
+static_assert(offsetof(DiscoverInfo, system_build_date) == 255);
+static_assert(offsetof(DiscoverInfo, eth0_mac) == 279);
+
 // Body of ACP_INFO_HDD_REPLY: the drive's identification words as the kernel publishes them.
 struct DiskInfo {
   uint16_t words[256];

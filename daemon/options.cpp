@@ -12,9 +12,6 @@
 
 namespace {
 
-constexpr unsigned VERSION_MAJOR = 2;
-constexpr unsigned VERSION_MINOR = 37;
-
 // -a has no long form, --nofork and --help have no short one.
 constexpr char SHORT_OPTIONS[] = "a:cndi:t:v";
 constexpr int OPTION_NOFORK = 0;

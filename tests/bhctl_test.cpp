@@ -10,8 +10,10 @@
 #include <tuple>
 #include <vector>
 
+#include "tools/bhctl/discover.h"
 #include "tools/bhctl/drive.h"
 #include "tools/bhctl/print.h"
+#include "tools/bhctl/session.h"
 #include "tools/bhctl/text.h"
 #include "tools/bhctl/wire.h"
 
@@ -29,6 +31,7 @@ constexpr auto Bytes = [](const string &s) { return std::vector<uint8_t>(s.begin
 
 TEST(BhctlRequest, BytesOnTheWire) {
   const std::pair<Request, string> CASES[] = {
+      {DiscoverRequest(), "\x20\x80\0\0"s},
       {PingRequest(), "\x40\x80\0\0"s},
       {RaidRequest(), "\xE0\x80\0\0"s},
       {PartitionRequest("dddd"), "\xD0\x80\5\0"s + D(4, 1)},
@@ -69,6 +72,7 @@ TEST(BhctlReply, MalformedAndForeignOnesDoNotCount) {
   EXPECT_FALSE(Accepted(ReplyText("\xE0\xC0\xDF\x02", D(735)), RaidRequest()));
   EXPECT_FALSE(Accepted(ReplyText("\xD0\xC0\x5B\0"s, D(91)), PartitionRequest("/")));
   EXPECT_FALSE(Accepted(ReplyText("\x90\xC0\xFF\1", D(511)), DiskRequest("")));
+  EXPECT_FALSE(Accepted(ReplyText("\x20\xC0\x1F\1", D(287)), DiscoverRequest()));
   EXPECT_FALSE(Accepted(ReplyText("\x40\xC0\4\0"s, D(1)), PingRequest()));
   EXPECT_TRUE(Accepted(ReplyText("\x40\xC0\4\0"s, ""), PingRequest()));  // an echo of the header
 }
@@ -111,6 +115,89 @@ TEST(BhctlDrive, TextsAndCapacityComeFromTheWords) {
   EXPECT_TRUE(HasDriveInformation(DecodeDiskInfo(Bytes(D(0, 511) + "\x12"))));
 }
 
+string F(string text, size_t width) {
+  text.resize(width);
+  return text;
+}
+
+// The appliance's answer; texts fill their fields, hold control characters or bytes of no text.
+string DiscoverBody() {
+  return "\x0B\x0C\xA8\xC0\0\xFE\xFF\xFF\x52\0\0\0\x01\x23\x45\x67"s + "host-of-16-bytes" +
+         F("WORK\xFF\x1B", 16) + F("Bracken\x1B[1m\xFF", 64) + "\0\0\x25\x02\0\0\0\0\0\0\0\0"s +
+         "\xE8\x07\2\0\x1D\0\x17\0\x3B\0\x3A\0"s + "\x01\x0C\xA8\xC0"s + F("", 16) +
+         "\x01\x0A\0\0\x01\x20\xAA\xBB"s + F("2024/2/28 9:08:07", 24) + D(31, 1) + "\x02\x03\x01"s +
+         F("HDD 0.9", 31) + "\0"s + "2023/12/31 23:59:59 long" + "\x02\xBB\0\0\0\x02\0\0\0"s;
+}
+
+Sighting Seen(uint8_t mac, const string &body, uint32_t state = ACP_STATE_OK) {
+  return Sightings({{{mac}, {}, "", state, Bytes(body), {}}}).front();
+}
+
+string Shown(const std::vector<Sighting> &sightings, bool json, bool with_changes) {
+  testing::internal::CaptureStdout();
+  ShowSightings(sightings, json, with_changes);
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST(BhctlDiscover, ShowsEveryFieldOfAnAnswer) {
+  const string datagram = ReplyText("\x20\xC0\x20\x01", DiscoverBody());
+  ASSERT_TRUE(Accepted(datagram, DiscoverRequest()));
+  const std::vector<uint8_t> body = DecodeReply(Bytes(datagram))->body;
+  const std::vector<Sighting> seen = Sightings({{APPLIANCE, {}, "", ACP_STATE_OK, body, {}}});
+  const string table = Shown(seen, false, false);
+  EXPECT_EQ(table.substr(table.find("\n192")),
+            "\n192.168.12.11  255.255.254.0  host-of-16-bytes  Bracken?[1m?  1.10 (" + D(31) +
+                ")  02:bb:00:00:00:01  yes   normal, sleep  2024-02-29 23:59:58\n");
+  EXPECT_EQ(
+      Shown(seen, true, false),
+      R"({"mac":"02:bb:00:00:00:01","state":"ACP_STATE_OK","address":"192.168.12.11","netmask":)"
+      R"("255.255.254.0","status":82,"dhcp":true,"dhcp_server":false,"initialized":true,)"
+      R"("timer_sleep":true,"timer_backup":false,"key":"0x01234567","host_name":)"
+      R"("host-of-16-bytes","workgroup":"WORK\ufffd\u001b","product_name":"Bracken\u001b[1m\ufffd")"
+      R"(,"daemon_version":"2.37","time":"2024-02-29T23:59:58","gateway":"192.168.12.1",)"
+      R"("firmware_major":1,"firmware_minor":10,"product_id":3148488705,"firmware_build_date":)"
+      R"("2024/2/28 9:08:07","firmware_sub_version":"ddddddddddddddddddddddddddddddd",)"
+      R"("system_major":2,"system_minor":3,"product_state":"normal","system_sub_version":"HDD 0.9")"
+      R"(,"system_build_date":"2023/12/31 23:59:59 long","eth0_mac":"02:bb:00:00:00:02"})"
+      "\n");
+}
+
+TEST(BhctlDiscover, MarksWhatCameWentAndMoved) {
+  const string body = F("\x02\0\0\x0A"s, 288);
+  const string nearer = F("\x03\0\0\x09"s, 288);
+  const string named = F(body.substr(0, 16) + "n", 288);
+  const std::vector<Sighting> before = {Seen(1, body), Seen(2, body), Seen(3, body), Seen(4, body)};
+  const std::vector<Sighting> now = Compare(
+      before, {Seen(5, body), Seen(4, body), Seen(2, nearer), Seen(3, named), Seen(6, body, 9)});
+  string marks;
+  for (const Sighting &sighting : now)
+    marks += std::to_string(sighting.mac[0]) + "_+-~"[static_cast<size_t>(sighting.change)];
+  EXPECT_EQ(marks, "2~1-3~4_5+6+");  // by address, then by MAC
+  const string table = Shown(now, false, true);
+  EXPECT_NE(table.find("\n-  10.0.0.2  0.0.0.0  -          -  "), string::npos) << table;
+  EXPECT_EQ(table.find("06:00:"), string::npos) << table;  // refused, has nothing to tell
+  EXPECT_EQ(Shown({now[1], now[5]}, true, true).find(R"({"change":"gone","mac":"01:)"), 0U);
+}
+
+TEST(BhctlSession, PasswordsAreEncodedOnlyWhereTheApplianceDecodesThem) {
+  const string XS = "\x6A\x44\x5A\x8A\x6C\xE8\x4C\x4C";
+  const std::tuple<string, uint32_t, string> CASES[] = {
+      {"", 0x12345678, "\x12\x44\x22\x8A\x6C\x90\x4C\x34"},
+      {"FernGate", 0x12345678, "\x54\x70\x65\x8D\x63\xF1\x47\x51"},
+      {"12345678", 0x31E54147, "\0\x72\xE2\x03\xE3\xC5\xA4\xD7"s},  // the first block always
+      {"123456789", 0x1132D8FB, "refused"},  // the zero is byte 7 of the encoded text, then 8, 9
+      {"123456789", 0x3988EC52, "refused"},
+      {"123456789", 0x1D93819, "\x30\x3B\x15\x21\x30\x96\xC6\xEB\x38\0\x20\x18\x38\xA0\xC0\xD9"s},
+      {string(32, 'x'), 0x12345678, XS + XS + XS + XS},
+      {string(33, 'x'), 0x12345678, "refused"},
+      {"a\0b"s, 0x12345678, "refused"},
+  };
+  for (const auto &[password, key, wanted] : CASES) {
+    const auto encoded = EncodePassword({password}, key).value_or(Bytes("refused"));
+    EXPECT_EQ(encoded, Bytes(wanted)) << password << std::hex << key;
+  }
+}
+
 TEST(BhctlText, IsShortAndCommandsNoTerminal) {
   using Texts = std::vector<string>;
   EXPECT_EQ((Texts{SizeText(999), SizeText(1000), SizeText(999'999), SizeText(UINT64_MAX)}),
@@ -145,6 +232,9 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
       {"frobnicate", 2, "unknown command 'frobnicate'\n"},
       {"-i lo ping ping", 2, "unexpected argument 'ping'"},
       {"-i lo raid --colour", 2, "unknown option '--colour'"},
+      {"-i lo discover --watch=no", 2, "watch"},
+      {"-i lo discover 192.168.11.1", 2, "unexpected argument '192.168.11.1'"},
+      {"-i bh-no-such-if discover --watch", 2, "no such interface: bh-no-such-if"},
       {"-i lo disk " + D(1401), 2, "DIRECTORY must have 1 to 1400 bytes"},
       {"-i lo partition", 2, "PATH is required"},
       {"-i lo partition ''", 2, "PATH must have 1 to 1400 bytes"},

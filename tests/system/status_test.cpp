@@ -188,6 +188,8 @@ TEST_F(Status, WithoutMemoryForAReplyNoneIsSent) {
       {kPing, "bh_servd/calloc=32:0", "ACP_Ping_Reply fail to allocate Memory\n"},
       {kDisk, "bh_servd/calloc=544:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
       {kRaid, "bh_servd/calloc=768:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
+      {"20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00", "bh_servd/calloc=320:0",
+       "ACP_Discover_Reply fail to allocate Memory\r\n"},
       {kPartition, "bh_servd/calloc=124:0", "ACP_Partition_Reply fail to allocate Memory\r\n"},
   };
   for (const auto &test : cases) {

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/sock_diag.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <netpacket/packet.h>
@@ -16,7 +17,9 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
+#include <utility>
 
 #include "tools/bhctl/print.h"
 
@@ -27,14 +30,15 @@ using Clock = std::chrono::steady_clock;
 
 // Answers to a broadcast come in a burst; this long a silence ends it.
 constexpr std::chrono::milliseconds SILENCE{250};
-// Room for the burst of a large network in the socket.
-constexpr int RECEIVE_BUFFER = 1024 * 1024;
+// Room in the socket for the burst of a large network. The kernel counts 1 to 2.5 KB for a
+// datagram, however short, and grants twice what is asked for.
+constexpr int RECEIVE_BUFFER = 4 * 1024 * 1024;
 
 struct Interface {
   std::string name;
   int index = 0;
   unsigned int flags = 0;  // IFF_*
-  Mac mac = {};
+  Mac mac = {};            // that requests name as the requester
   bool has_ipv4 = false;
 };
 
@@ -130,12 +134,21 @@ int ChooseInterfaces(const std::string &name, std::vector<Interface> *interfaces
   return EXIT_NO_ANSWER;
 }
 
+// Beyond the system's limit only the administrator gets room.
+void WidenReceiveBuffer(const Descriptor &socket) {
+  constexpr socklen_t SIZE = sizeof RECEIVE_BUFFER;
+  if (setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, SIZE) != 0)
+    setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, SIZE);
+}
+
 // The port is the system's choice: the appliance answers to the port that it was asked from.
 // Bound to `interface` unless that is empty.
 int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   const int on = 1;
   if (socket.fd < 0) return SystemFailure("cannot open a socket", errno);
-  setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+  WidenReceiveBuffer(socket);
+  if (setsockopt(socket.fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) != 0)
+    return SystemFailure("cannot learn the interface of answers", errno);
   if (setsockopt(socket.fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0)
     return SystemFailure("cannot broadcast", errno);
   if (!interface.empty() && setsockopt(socket.fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
@@ -174,60 +187,107 @@ bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> 
   return sendmsg(socket.fd, &message, 0) >= 0;
 }
 
-// Returns the hardware addresses that the request went out with.
-std::vector<Mac> SendRequest(const Descriptor &socket, const std::vector<Interface> &interfaces,
-                             const Request &request, const Mac &dst_mac) {
-  std::vector<Mac> own_macs;
-  for (const Interface &interface : interfaces)
+// Leaves the interfaces that the request went out on.
+void SendRequest(const Descriptor &socket, const Request &request, const Mac &dst_mac,
+                 std::vector<Interface> *interfaces) {
+  std::erase_if(*interfaces, [&](const Interface &interface) {
     if (SendOn(socket, interface.index, EncodeRequest(request, interface.mac, dst_mac)))
-      own_macs.push_back(interface.mac);
-    else
-      PrintError("cannot send on " + interface.name + ": " + std::strerror(errno));
-  return own_macs;
+      return false;
+    PrintError("cannot send on " + interface.name + ": " + std::strerror(errno));
+    return true;
+  });
 }
 
-// Waits for one datagram until `deadline`; nothing when it is malformed or none came.
-std::optional<Reply> ReceiveReply(const Descriptor &socket, Clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-  pollfd readable = {socket.fd, POLLIN, 0};
-  if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0)
-    return std::nullopt;
+// Takes a datagram out of the socket if one is there; its length, or less than 0.
+ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int *interface_index) {
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+  iovec part = {datagram.data(), datagram.size()};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  const ssize_t length = recvmsg(socket.fd, &message, MSG_DONTWAIT);
+  const cmsghdr *header = length < 0 ? nullptr : CMSG_FIRSTHDR(&message);
+  if (header == nullptr || header->cmsg_type != IP_PKTINFO) return length;
+  in_pktinfo info = {};
+  std::memcpy(&info, CMSG_DATA(header), sizeof info);
+  *interface_index = info.ipi_ifindex;
+  return length;
+}
+
+// Waits for one datagram until `deadline`; nothing when it is malformed or none came. In a burst
+// the socket is emptied without a wait between two datagrams.
+std::optional<Reply> ReceiveReply(const Descriptor &socket, Clock::time_point deadline,
+                                  int *interface_index) {
   uint8_t datagram[LARGEST_REPLY + 1];  // one more, so that a longer one shows
-  const ssize_t length = recv(socket.fd, datagram, sizeof datagram, MSG_DONTWAIT);
+  ssize_t length = ReceiveNow(socket, datagram, interface_index);
+  if (length < 0) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd readable = {socket.fd, POLLIN, 0};
+    if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0)
+      return std::nullopt;
+    length = ReceiveNow(socket, datagram, interface_index);
+  }
   if (length < 0 || static_cast<size_t>(length) > LARGEST_REPLY) return std::nullopt;
   return DecodeReply(Bytes(datagram, static_cast<size_t>(length)));
 }
 
+// The interface whose request named `mac`. Virtual interfaces may share an address; then the one
+// that the reply came in on.
+std::string AnsweredInterface(const std::vector<Interface> &asked, const Mac &mac, int index) {
+  const Interface *found = nullptr;
+  for (const Interface &interface : asked)
+    if (interface.mac == mac && (found == nullptr || interface.index == index)) found = &interface;
+  return found == nullptr ? "" : found->name;
+}
+
 // False for an appliance that has answered already: one that several interfaces lead to does so
 // once for each.
-bool AddAnswer(const Reply &reply, std::chrono::microseconds round_trip,
-               std::vector<Answer> *answers) {
-  Answer answer;
+bool AddAnswer(const Reply &reply, Answer answer, std::vector<Answer> *answers) {
   std::copy_n(reply.header.src_mac, MAC_SIZE, answer.mac.begin());
-  answer.state = reply.header.result;
-  answer.body = reply.body;
-  answer.round_trip = round_trip;
   if (std::any_of(answers->begin(), answers->end(),
                   [&](const Answer &other) { return other.mac == answer.mac; }))
     return false;
-  answers->push_back(answer);
+  answer.state = reply.header.result;
+  answer.body = reply.body;
+  answers->push_back(std::move(answer));
   return true;
 }
 
+void WarnOfOverflow(const Descriptor &socket) {
+  uint32_t memory[SK_MEMINFO_VARS] = {};
+  socklen_t size = sizeof memory;
+  if (getsockopt(socket.fd, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
+      memory[SK_MEMINFO_DROPS] != 0)
+    PrintError("answers are missing: they came faster than this machine took them");
+}
+
+std::vector<Mac> OwnMacs(const std::vector<Interface> &asked) {
+  std::vector<Mac> macs(asked.size());
+  std::transform(asked.begin(), asked.end(), macs.begin(),
+                 [](const Interface &interface) { return interface.mac; });
+  return macs;
+}
+
 void Collect(const Descriptor &socket, const Options &options, const Request &request,
-             const std::vector<Mac> &own_macs, Clock::time_point sent,
+             const std::vector<Interface> &asked, Clock::time_point sent,
              std::vector<Answer> *answers) {
+  const std::vector<Mac> own_macs = OwnMacs(asked);
   const Clock::time_point last = sent + options.timeout;
   Clock::time_point deadline = last;
   while (Clock::now() < deadline) {
-    const std::optional<Reply> reply = ReceiveReply(socket, deadline);
+    int index = 0;
+    const std::optional<Reply> reply = ReceiveReply(socket, deadline, &index);
     if (!reply || !AnswersRequest(*reply, request, own_macs, options.mac)) continue;
     const Clock::time_point now = Clock::now();
-    if (!AddAnswer(*reply, std::chrono::duration_cast<std::chrono::microseconds>(now - sent),
-                   answers))
-      continue;
+    Answer answer;
+    answer.round_trip = std::chrono::duration_cast<std::chrono::microseconds>(now - sent);
+    std::copy_n(reply->header.dst_mac, MAC_SIZE, answer.src_mac.begin());
+    answer.interface = AnsweredInterface(asked, answer.src_mac, index);
+    if (!AddAnswer(*reply, std::move(answer), answers)) continue;
     if (options.mac) return;
-    deadline = std::min(last, now + SILENCE);
+    if (!request.whole_timeout) deadline = std::min(last, now + SILENCE);
   }
 }
 
@@ -240,11 +300,13 @@ int Ask(const Options &options, const Request &request, std::vector<Answer> *ans
   const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   status = PrepareSocket(socket, options.interface);
   if (status != EXIT_DONE) return status;
+  for (Interface &interface : interfaces)
+    interface.mac = options.src_mac.value_or(interface.mac);
   const Clock::time_point sent = Clock::now();
-  const std::vector<Mac> own_macs =
-      SendRequest(socket, interfaces, request, options.mac.value_or(BROADCAST_MAC));
-  if (own_macs.empty()) return EXIT_NO_ANSWER;
-  Collect(socket, options, request, own_macs, sent, answers);
+  SendRequest(socket, request, options.mac.value_or(BROADCAST_MAC), &interfaces);
+  if (interfaces.empty()) return EXIT_NO_ANSWER;
+  Collect(socket, options, request, interfaces, sent, answers);
+  if (!options.mac || answers->empty()) WarnOfOverflow(socket);
   if (!answers->empty()) return EXIT_DONE;
   PrintError("no answer");
   return EXIT_NO_ANSWER;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/bhctl/discover.h"
 #include "tools/bhctl/options.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/status.h"
@@ -21,9 +22,10 @@ namespace bhctl {
 namespace {
 
 struct Argument {
-  const char *name;  // "PATH" is told by its position, "--type" by name
+  const char *name;  // "PATH" is told by its position, "--type" and flags by name
   const char *description;
   bool required;
+  bool flag = false;  // has no value
 };
 
 struct SubCommand {
@@ -34,6 +36,10 @@ struct SubCommand {
 };
 
 const SubCommand COMMANDS[] = {
+    {"discover",
+     "Find appliances and show what they tell of themselves",
+     {{"--watch", "ask again and again, mark what is new (+), gone (-) or moved (~)", false, true}},
+     Discover},
     {"ping", "Check which appliances answer", {}, Ping},
     {"disk",
      "Show a drive's model, serial number and capacity",
@@ -100,9 +106,12 @@ void DeclareCommands(CLI::App &app, CommandLine *line) {
     declared->footer("Global options and exit status: see 'bhctl --help'.");
     for (const Argument &argument : command.arguments) {
       std::string &value = line->arguments[command.name][argument.name];
-      declared->add_option(argument.name, value, argument.description)
-          ->type_name("")
-          ->required(argument.required);
+      if (argument.flag)
+        declared->add_flag(argument.name, value, argument.description)->disable_flag_override();
+      else
+        declared->add_option(argument.name, value, argument.description)
+            ->type_name("")
+            ->required(argument.required);
     }
   }
 }

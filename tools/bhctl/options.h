@@ -20,8 +20,9 @@ enum ExitStatus : int {
 };
 
 struct Options {
-  std::string interface;   // empty: every interface that can broadcast
-  std::optional<Mac> mac;  // unset: every appliance
+  std::string interface;       // empty: every interface that can broadcast
+  std::optional<Mac> mac;      // unset: every appliance
+  std::optional<Mac> src_mac;  // named as the requester; unset: the interface's own address
   std::chrono::microseconds timeout{0};
   bool json = false;
   std::string pass_phrase;

@@ -49,8 +49,14 @@ std::string InUnit(uint64_t bytes, const SizeUnit &unit) {
   return std::to_string(bytes / unit.bytes) + "." + std::to_string(tenths) + " " + unit.name;
 }
 
+// Characters without a width of their own, or that turn the direction of those around them.
+bool Reorders(uint32_t code) {
+  return (code >= 0x200B && code <= 0x200F) || (code >= 0x202A && code <= 0x202E) ||
+         (code >= 0x2066 && code <= 0x2069);
+}
+
 // Length of the well-formed multi-byte UTF-8 character that `text` begins with; 0 when there is
-// none, or when it is one of the control characters U+0080 to U+009F.
+// none, or when it is one of the control characters U+0080 to U+009F or one that reorders.
 size_t Utf8Length(std::string_view text) {
   const auto lead = static_cast<uint8_t>(text[0]);
   if (lead < 0xC2 || lead > 0xF4) return 0;
@@ -63,7 +69,7 @@ size_t Utf8Length(std::string_view text) {
     code = code << 6 | (byte & 0x3FU);
   }
   constexpr uint32_t LOWEST[] = {0, 0, 0xA0, 0x800, 0x10000};
-  if (code < LOWEST[length] || code > 0x10FFFF) return 0;
+  if (code < LOWEST[length] || code > 0x10FFFF || Reorders(code)) return 0;
   return code >= 0xD800 && code <= 0xDFFF ? 0 : length;
 }
 
@@ -89,6 +95,11 @@ std::string MacText(const Mac &mac) {
   std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
                 mac[4], mac[5]);
   return text;
+}
+
+std::string AddressText(uint32_t address) {
+  return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xFF) + "." +
+         std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
 }
 
 std::string StateName(uint32_t state) {
@@ -131,6 +142,12 @@ std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avai
 std::string HexText(uint32_t number) {
   char text[11];
   std::snprintf(text, sizeof text, "0x%" PRIx32, number);
+  return text;
+}
+
+std::string KeyText(uint32_t key) {
+  char text[11];
+  std::snprintf(text, sizeof text, "0x%08" PRIx32, key);
   return text;
 }
 

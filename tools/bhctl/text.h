@@ -17,6 +17,9 @@ namespace bhctl {
 std::optional<Mac> ParseMac(std::string_view text);
 std::string MacText(const Mac &mac);
 
+// Dotted form of an address whose most significant byte is its first octet.
+std::string AddressText(uint32_t address);
+
 // The state code's name; "0x" and eight digits for a code without one.
 std::string StateName(uint32_t state);
 
@@ -33,6 +36,7 @@ std::string GigabytesText(uint64_t bytes);
 std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avail);
 
 std::string HexText(uint32_t number);
+std::string KeyText(uint32_t key);  // "0x" and eight digits
 std::string MillisecondsText(std::chrono::microseconds time);
 
 }  // namespace bhctl

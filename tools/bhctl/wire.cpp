@@ -38,6 +38,13 @@ void GetText(Bytes bytes, size_t at, char (&text)[SIZE]) {
   text[SIZE - 1] = '\0';
 }
 
+// The field as it is, with or without a NUL in it.
+template <typename BYTE, size_t SIZE>
+void GetField(Bytes bytes, size_t at, BYTE (&field)[SIZE]) {
+  for (size_t i = 0; i < SIZE; ++i)
+    field[i] = static_cast<BYTE>(GetU8(bytes, at + i));
+}
+
 bool SameMac(const uint8_t (&field)[MAC_SIZE], const Mac &mac) {
   return std::equal(mac.begin(), mac.end(), field);
 }
@@ -67,7 +74,33 @@ RaidInfoEntry DecodeRaidEntry(Bytes bytes, size_t at) {
   return entry;
 }
 
+void DecodeTime(Bytes body, DiscoverInfo *info) {
+  info->year = GetU16(body, offsetof(DiscoverInfo, year));
+  info->month = GetU16(body, offsetof(DiscoverInfo, month));
+  info->day = GetU16(body, offsetof(DiscoverInfo, day));
+  info->hour = GetU16(body, offsetof(DiscoverInfo, hour));
+  info->minute = GetU16(body, offsetof(DiscoverInfo, minute));
+  info->second = GetU16(body, offsetof(DiscoverInfo, second));
+}
+
+void DecodeVersions(Bytes body, DiscoverInfo *info) {
+  info->daemon_version = GetU16(body, offsetof(DiscoverInfo, daemon_version));
+  info->firmware_major = GetU8(body, offsetof(DiscoverInfo, firmware_major));
+  info->firmware_minor = GetU8(body, offsetof(DiscoverInfo, firmware_minor));
+  GetField(body, offsetof(DiscoverInfo, firmware_build_date), info->firmware_build_date);
+  GetField(body, offsetof(DiscoverInfo, firmware_sub_version), info->firmware_sub_version);
+  info->system_major = GetU8(body, offsetof(DiscoverInfo, system_major));
+  info->system_minor = GetU8(body, offsetof(DiscoverInfo, system_minor));
+  GetField(body, offsetof(DiscoverInfo, system_sub_version), info->system_sub_version);
+  GetField(body, offsetof(DiscoverInfo, system_build_date), info->system_build_date);
+}
+
 }  // namespace
+
+// Every answer counts, and an appliance takes its time: it reads a dozen files for one.
+Request DiscoverRequest() {
+  return {ACP_DISCOVER, ACP_DISCOVER_REPLY, sizeof(DiscoverInfo), {}, true};
+}
 
 Request PingRequest() {
   return {ACP_PING, ACP_PING_REPLY, 0, {}};
@@ -119,10 +152,36 @@ std::optional<Reply> DecodeReply(Bytes datagram) {
 bool AnswersRequest(const Reply &reply, const Request &request, std::span<const Mac> own_macs,
                     const std::optional<Mac> &wanted) {
   if (reply.header.command != request.reply_command) return false;
-  if (reply.body.size() < request.reply_body) return false;
+  const bool refusal = reply.header.result != ACP_STATE_OK && reply.body.empty();
+  if (!refusal && reply.body.size() < request.reply_body) return false;
   if (wanted && !SameMac(reply.header.src_mac, *wanted)) return false;
   return std::any_of(own_macs.begin(), own_macs.end(),
                      [&](const Mac &mac) { return SameMac(reply.header.dst_mac, mac); });
+}
+
+DiscoverInfo DecodeDiscoverInfo(Bytes body) {
+  DiscoverInfo info = {};
+  info.address = GetU32(body, offsetof(DiscoverInfo, address));
+  info.netmask = GetU32(body, offsetof(DiscoverInfo, netmask));
+  info.status = GetU32(body, offsetof(DiscoverInfo, status));
+  GetField(body, offsetof(DiscoverInfo, key), info.key);
+  GetField(body, offsetof(DiscoverInfo, host_name), info.host_name);
+  GetField(body, offsetof(DiscoverInfo, workgroup), info.workgroup);
+  GetField(body, offsetof(DiscoverInfo, product_name), info.product_name);
+  info.gateway = GetU32(body, offsetof(DiscoverInfo, gateway));
+  info.product_id = GetU32(body, offsetof(DiscoverInfo, product_id));
+  info.product_state = GetU8(body, offsetof(DiscoverInfo, product_state));
+  GetField(body, offsetof(DiscoverInfo, eth0_mac), info.eth0_mac);
+  DecodeTime(body, &info);
+  DecodeVersions(body, &info);
+  return info;
+}
+
+uint32_t DiscoverKey(const DiscoverInfo &info) {
+  uint32_t key = 0;
+  for (const uint8_t byte : info.key)
+    key = key << 8 | byte;
+  return key;
 }
 
 DiskInfo DecodeDiskInfo(Bytes body) {

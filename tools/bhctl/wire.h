@@ -29,6 +29,7 @@ struct Request {
   uint16_t reply_command = 0;
   size_t reply_body = 0;  // a reply with fewer bytes of body is not one
   std::vector<uint8_t> body;
+  bool whole_timeout = false;  // answers are waited for to the end, even when they have ceased
 };
 
 struct Reply {
@@ -36,6 +37,7 @@ struct Reply {
   std::vector<uint8_t> body;
 };
 
+Request DiscoverRequest();
 Request PingRequest();
 Request RaidRequest();
 // Texts are at most MAX_REQUEST_TEXT bytes and hold no NUL; an empty directory leaves the choice of
@@ -54,6 +56,8 @@ bool AnswersRequest(const Reply &reply, const Request &request, std::span<const 
                     const std::optional<Mac> &wanted);
 
 // Bodies of replies; what lies past the end of a short body reads as zero.
+DiscoverInfo DecodeDiscoverInfo(Bytes body);
+uint32_t DiscoverKey(const DiscoverInfo &info);
 DiskInfo DecodeDiskInfo(Bytes body);
 RaidInfo DecodeRaidInfo(Bytes body);
 PartitionInfo DecodePartitionInfo(Bytes body);

@@ -1,0 +1,255 @@
+// One broadcast a round; all answers of a round are shown together.
+
+#include "tools/bhctl/discover.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <thread>
+#include <tuple>
+
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char *PRODUCT_STATE_NAMES[] = {"unknown", "normal", "emergency"};
+constexpr const char *CHANGE_MARKS[] = {" ", "+", "-", "~"};  // by Change
+constexpr const char *CHANGE_NAMES[] = {"none", "new", "gone", "moved"};
+
+template <size_t SIZE>
+std::string FieldText(const char (&field)[SIZE]) {
+  return {field, strnlen(field, SIZE)};
+}
+
+template <size_t SIZE>
+std::string FieldCell(const char (&field)[SIZE]) {
+  const std::string text = SafeText(FieldText(field));
+  return text.empty() ? "-" : text;
+}
+
+std::string VersionText(unsigned int major, unsigned int minor) {
+  return std::to_string(major) + "." + std::to_string(minor);
+}
+
+std::string TimeText(const DiscoverInfo &info, char separator) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u%c%02u:%02u:%02u", info.year, info.month,
+                info.day, separator, info.hour, info.minute, info.second);
+  return text;
+}
+
+std::string ProductStateName(uint8_t state) {
+  return state < std::size(PRODUCT_STATE_NAMES) ? PRODUCT_STATE_NAMES[state]
+                                                : std::to_string(state);
+}
+
+std::string StateCell(const DiscoverInfo &info) {
+  std::string text = ProductStateName(info.product_state);
+  if ((info.status & DISCOVER_INITIALIZED) == 0) text += ", not initialized";
+  if ((info.status & DISCOVER_TIMER_SLEEP) != 0) text += ", sleep";
+  if ((info.status & DISCOVER_TIMER_BACKUP) != 0) text += ", backup";
+  return text;
+}
+
+std::string FirmwareCell(const DiscoverInfo &info) {
+  const std::string version = VersionText(info.firmware_major, info.firmware_minor);
+  const std::string sub_version = SafeText(FieldText(info.firmware_sub_version));
+  return sub_version.empty() ? version : version + " (" + sub_version + ")";
+}
+
+std::vector<std::string> Row(const Sighting &sighting) {
+  const DiscoverInfo &info = sighting.info;
+  return {AddressText(info.address),
+          AddressText(info.netmask),
+          FieldCell(info.host_name),
+          FieldCell(info.product_name),
+          FirmwareCell(info),
+          MacText(sighting.mac),
+          (info.status & DISCOVER_DHCP_LEASE) != 0 ? "yes" : "no",
+          StateCell(info),
+          TimeText(info, ' ')};
+}
+
+void AddStatusJson(uint32_t status, Json *object) {
+  (*object)["status"] = status;
+  (*object)["dhcp"] = (status & DISCOVER_DHCP_LEASE) != 0;
+  (*object)["dhcp_server"] = (status & DISCOVER_DHCP_SERVER) != 0;
+  (*object)["initialized"] = (status & DISCOVER_INITIALIZED) != 0;
+  (*object)["timer_sleep"] = (status & DISCOVER_TIMER_SLEEP) != 0;
+  (*object)["timer_backup"] = (status & DISCOVER_TIMER_BACKUP) != 0;
+}
+
+void AddVersionsJson(const DiscoverInfo &info, Json *object) {
+  (*object)["firmware_major"] = info.firmware_major;
+  (*object)["firmware_minor"] = info.firmware_minor;
+  (*object)["product_id"] = info.product_id;
+  (*object)["firmware_build_date"] = FieldText(info.firmware_build_date);
+  (*object)["firmware_sub_version"] = FieldText(info.firmware_sub_version);
+  (*object)["system_major"] = info.system_major;
+  (*object)["system_minor"] = info.system_minor;
+  (*object)["product_state"] = ProductStateName(info.product_state);
+  (*object)["system_sub_version"] = FieldText(info.system_sub_version);
+  (*object)["system_build_date"] = FieldText(info.system_build_date);
+}
+
+void AddInfoJson(const DiscoverInfo &info, Json *object) {
+  (*object)["address"] = AddressText(info.address);
+  (*object)["netmask"] = AddressText(info.netmask);
+  AddStatusJson(info.status, object);
+  (*object)["key"] = KeyText(DiscoverKey(info));
+  (*object)["host_name"] = FieldText(info.host_name);
+  (*object)["workgroup"] = FieldText(info.workgroup);
+  (*object)["product_name"] = FieldText(info.product_name);
+  (*object)["daemon_version"] = VersionText(info.daemon_version >> 8, info.daemon_version & 0xFFU);
+  (*object)["time"] = TimeText(info, 'T');
+  (*object)["gateway"] = AddressText(info.gateway);
+  AddVersionsJson(info, object);
+  (*object)["eth0_mac"] = MacText(std::to_array(info.eth0_mac));
+}
+
+void ShowJson(const Sighting &sighting, bool with_changes) {
+  Json object;
+  if (with_changes) object["change"] = CHANGE_NAMES[static_cast<size_t>(sighting.change)];
+  object["mac"] = MacText(sighting.mac);
+  object["state"] = StateName(sighting.state);
+  if (sighting.state == ACP_STATE_OK) AddInfoJson(sighting.info, &object);
+  PrintJson(object);
+}
+
+void ShowTable(const std::vector<Sighting> &sightings, bool with_changes) {
+  std::vector<std::vector<std::string>> rows = {
+      {"ADDRESS", "NETMASK", "HOST NAME", "PRODUCT", "FIRMWARE", "MAC", "DHCP", "STATE", "TIME"}};
+  if (with_changes) rows[0].insert(rows[0].begin(), " ");
+  for (const Sighting &sighting : sightings) {
+    if (sighting.state != ACP_STATE_OK) continue;
+    rows.push_back(Row(sighting));
+    if (!with_changes) continue;
+    std::vector<std::string> &row = rows.back();
+    row.insert(row.begin(), CHANGE_MARKS[static_cast<size_t>(sighting.change)]);
+  }
+  if (rows.size() > 1) PrintTable(rows);
+}
+
+bool ComesBefore(const Sighting &a, const Sighting &b) {
+  return std::tie(a.info.address, a.mac) < std::tie(b.info.address, b.mac);
+}
+
+using ByMac = std::map<Mac, const Sighting *>;
+
+ByMac Index(const std::vector<Sighting> &sightings) {
+  ByMac index;
+  for (const Sighting &sighting : sightings)
+    index.emplace(sighting.mac, &sighting);
+  return index;
+}
+
+const Sighting *Find(const ByMac &index, const Mac &mac) {
+  const auto found = index.find(mac);
+  return found == index.end() ? nullptr : found->second;
+}
+
+Change ChangeSince(const Sighting *before, const Sighting &now) {
+  if (before == nullptr) return Change::kNew;
+  const bool same = before->info.address == now.info.address &&
+                    FieldText(before->info.host_name) == FieldText(now.info.host_name);
+  return same ? Change::kNone : Change::kMoved;
+}
+
+// Signals are let in only where nothing is half written.
+void HoldInterrupt(int how) {
+  sigset_t interrupt;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  sigprocmask(how, &interrupt, nullptr);
+}
+
+void EndAtInterrupt() {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { _exit(EXIT_DONE); };
+  sigaction(SIGINT, &action, nullptr);
+  HoldInterrupt(SIG_UNBLOCK);
+}
+
+// False when standard output takes no more.
+bool ShowRound(const std::vector<Sighting> &sightings, bool json) {
+  HoldInterrupt(SIG_BLOCK);
+  ShowSightings(sightings, json, true);
+  if (!json && !sightings.empty()) PrintLine("");
+  const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  HoldInterrupt(SIG_UNBLOCK);
+  return written;
+}
+
+int Watch(const Options &options) {
+  EndAtInterrupt();
+  std::vector<Sighting> before;
+  for (bool first = true;; first = false) {
+    const Clock::time_point end = Clock::now() + options.timeout;
+    std::vector<Answer> answers;
+    const int status = Ask(options, DiscoverRequest(), &answers);
+    if (first && status == EXIT_USAGE) return status;  // later the interface may come back
+    const std::vector<Sighting> now = Sightings(answers);
+    if (!ShowRound(Compare(before, now), options.json)) return EXIT_NO_ANSWER;
+    before = now;
+    std::this_thread::sleep_until(end);
+  }
+}
+
+}  // namespace
+
+std::vector<Sighting> Sightings(const std::vector<Answer> &answers) {
+  std::vector<Sighting> sightings;
+  sightings.reserve(answers.size());
+  for (const Answer &answer : answers)
+    sightings.push_back({answer.mac, answer.state, DecodeDiscoverInfo(answer.body)});
+  std::sort(sightings.begin(), sightings.end(), ComesBefore);
+  return sightings;
+}
+
+std::vector<Sighting> Compare(const std::vector<Sighting> &before, std::vector<Sighting> now) {
+  const ByMac known = Index(before);
+  const ByMac seen = Index(now);
+  std::vector<Sighting> gone;
+  for (const Sighting &earlier : before)
+    if (Find(seen, earlier.mac) == nullptr) gone.push_back(earlier);
+  for (Sighting &sighting : now)
+    sighting.change = ChangeSince(Find(known, sighting.mac), sighting);
+  for (Sighting &sighting : gone) {
+    sighting.change = Change::kGone;
+    now.push_back(sighting);
+  }
+  std::sort(now.begin(), now.end(), ComesBefore);
+  return now;
+}
+
+int ShowSightings(const std::vector<Sighting> &sightings, bool json, bool with_changes) {
+  int status = EXIT_DONE;
+  for (const Sighting &sighting : sightings) {
+    if (sighting.state != ACP_STATE_OK) status = EXIT_REFUSED;
+    if (json)
+      ShowJson(sighting, with_changes);
+    else if (sighting.state != ACP_STATE_OK)
+      PrintError(MacText(sighting.mac) + " refused: " + StateName(sighting.state));
+  }
+  if (!json) ShowTable(sightings, with_changes);
+  return status;
+}
+
+int Discover(const Options &options) {
+  if (options.arguments.contains("--watch")) return Watch(options);
+  std::vector<Answer> answers;
+  const int status = Ask(options, DiscoverRequest(), &answers);
+  if (status != EXIT_DONE) return status;
+  return ShowSightings(Sightings(answers), options.json, false);
+}
+
+}  // namespace bhctl
