@@ -4,5 +4,6 @@
 #define BH_BENCH_BENCHES_H_
 
 void RegisterPing();
+void RegisterDiscover();
 
 #endif  // BH_BENCH_BENCHES_H_
