@@ -113,7 +113,9 @@ TEST_F(Core, ServesUntilItIsTerminated) {
   expect_order(
       {"<24>stop_daemon() exit kv_servd.\n", "<30>Stopping bh_servd that is bound to eth0\n"});
   EXPECT_NE(Trace().find("listen device name = eth0\n"), std::string::npos);
-  EXPECT_NE(Trace().find("kv_serv_exit() exit kv_servd. code=15\n"), std::string::npos);
+  EXPECT_TRUE(board::WaitFor([this] {  // written after the log line
+    return Trace().ends_with("kv_serv_exit() exit kv_servd. code=15\n");
+  }));
   EXPECT_FALSE(board::Exists(board, kPidFile));
   ASSERT_TRUE(AwaitServers(0));
   StartDaemon();
