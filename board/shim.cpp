@@ -5,27 +5,50 @@
 // the offset kept in /run/board-clock (nanoseconds, in the machine's byte order). Waiting for a
 // point of time is left to the kernel's own clock.
 //
+// The drivers of the appliance are a few ioctls, noted in /var/log/calls with their number, their
+// device or interface and the bytes of their argument. Regular files below /dev stand for devices:
+//
+//   any            BLKSSZGET and BLKGETSIZE, by the file's size or by what /run/block-size/NAME
+//                  holds: the count of 512-byte units and, if it is not 512, the sector's bytes;
+//                  they change nothing and are not noted
+//   /dev/idtinfo   keeps the address that it is given in its file, and reads it back to verify
+//   /dev/fl3       notes the first bytes that it holds before and after a write
+//   sockets        0x89f5, the EEPROM's: notes command, length and address
+//
+// No kernel has the socket families IPX, AX.25 and AppleTalk any more; asking for one is noted.
+//
+// While there is a file /run/fast-sleep, a select without descriptors is over at once: it is noted
+// and the board's clock is set on by its time. /run/board-ticks, if there is one, has what times()
+// returns.
+//
 // Failing on demand: the environment variable BOARD_FAIL lists calls to fail, parted by commas:
 //
 //   program/call[=argument][:n[:error]]      bh_servd/fork:1:EAGAIN,bh_servd/calloc=544
 //
 // The n-th such call (default 1; 0: every one) of a program of that name ("*": any) fails with the
-// error (default ENOMEM for calloc, else EIO). The argument is the path of an open or fopen and the
-// number of bytes of a calloc; then only calls with it count. Calls are counted in each process
-// image; a fork takes the count along. The calls that can fail are those of WRAP and WRAP_PATH, and
-// open, fork, calloc and settimeofday.
+// error (default ENOMEM for calloc, else EIO). The argument is the path of an open or fopen, the
+// number of bytes of a calloc, a socket's family, or an ioctl's number as the call log has it; then
+// only calls with it count. Calls are counted in each process image; a fork takes the count along,
+// and a program that changes the variable starts anew. The calls that can fail are those of WRAP
+// and WRAP_PATH, and open, fork, calloc, socket, ioctl and settimeofday.
 //
 // The shim is loaded into programs of any language: it uses nothing of the C++ library.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/reboot.h>
+#include <sys/select.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/times.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -89,20 +112,26 @@ void ReadPlan(char *item) {
                          item == nullptr ? usual : ErrorNumber(item), 0};
 }
 
+// Reads the variable if it is not what it was.
 void ReadPlans() {
-  static char items[1024];
-  const char *list = std::getenv("BOARD_FAIL");
-  if (list == nullptr) return;
+  static char known[1024];
+  static char items[sizeof known];
+  const char *set = std::getenv("BOARD_FAIL");
+  const char *list = set == nullptr ? "" : set;
+  if (std::strcmp(list, known) == 0) return;
+  plan_count = 0;
   const size_t size = std::strlen(list) + 1;
   if (size > sizeof items) Refuse(list);
+  std::memcpy(known, list, size);
   std::memcpy(items, list, size);
-  char *rest = items;
+  char *rest = size > 1 ? items : nullptr;
   while (rest != nullptr)
     ReadPlan(strsep(&rest, ","));
 }
 
 // Whether this call is one to fail; errno is then set.
 bool Fails(const char *call, const char *argument = nullptr) {
+  ReadPlans();
   for (size_t i = 0; i < plan_count; i++) {
     Plan &plan = plans[i];
     if (std::strcmp(plan.call, call) != 0) continue;
@@ -184,6 +213,111 @@ int SetBoardTime(int64_t wanted) {
   return 0;
 }
 
+// Moves a decimal number off the front of a file of the board into `number`, and another one into
+// `second` if there is one. False, with nothing moved, when there is no such file.
+bool ReadNumbers(const char *path, long *number, long *second = nullptr) {
+  char text[64] = "";
+  const int file = openat(AT_FDCWD, path, O_RDONLY | O_CLOEXEC);
+  const ssize_t length = file < 0 ? -1 : read(file, text, sizeof text - 1);
+  if (file >= 0) close(file);
+  if (length <= 0) return false;
+  char *rest = text;
+  *number = static_cast<long>(std::strtoll(rest, &rest, 10));
+  char *end = rest;
+  const auto further = static_cast<long>(std::strtoll(rest, &end, 10));
+  if (second != nullptr && end != rest) *second = further;
+  return true;
+}
+
+// Notes an ioctl with up to 16 bytes of what it is about.
+void LogIoctl(unsigned long request, const char *subject, const uint8_t *bytes, size_t size) {
+  char line[256];
+  int used = std::snprintf(line, sizeof line, "ioctl %#lx %.128s%s", request, subject,
+                           size == 0 ? "" : " ");
+  for (size_t i = 0; i < size && i < 16; i++)
+    used += std::snprintf(line + used, sizeof line - static_cast<size_t>(used), "%02x", bytes[i]);
+  std::snprintf(line + used, sizeof line - static_cast<size_t>(used), "\n");
+  LogCall(line);
+}
+
+// The network driver's request: the EEPROM's address anew.
+int EepromIoctl(unsigned long request, const void *argument) {
+  struct {
+    uint8_t command;
+    const uint8_t *address;
+    uint32_t length;
+  } block{};
+  struct ifreq named {};
+  std::memcpy(&named, argument, sizeof named);
+  std::memcpy(&block, &named.ifr_ifru, sizeof block);
+  char subject[64];
+  std::snprintf(subject, sizeof subject, "%.*s %u %u", IFNAMSIZ, named.ifr_name, block.command,
+                block.length);
+  LogIoctl(request, subject, block.address, block.length);
+  return 0;
+}
+
+int BlockIoctl(int fd, const char *device, unsigned long request, void *argument) {
+  struct stat info {};
+  fstat(fd, &info);
+  long units = static_cast<long>(info.st_size / 512);
+  long sector = 512;
+  char side[64];
+  std::snprintf(side, sizeof side, "/run/block-size/%.32s", device + std::strlen("/dev/"));
+  ReadNumbers(side, &units, &sector);
+  const int bytes = static_cast<int>(sector);
+  if (request == BLKSSZGET) {
+    std::memcpy(argument, &bytes, sizeof bytes);
+  } else {
+    std::memcpy(argument, &units, sizeof units);
+  }
+  return 0;
+}
+
+int IdIoctl(int fd, const char *device, unsigned long request, void *argument) {
+  const bool has_address = request == 0x80065A04 || request == 0x80065A06;
+  LogIoctl(request, device, static_cast<const uint8_t *>(argument), has_address ? 6 : 0);
+  if (request == 0x80065A04 && pwrite(fd, argument, 6, 0) != 6) return -1;
+  if (request == 0x80065A06 && pread(fd, argument, 6, 0) < 0) return -1;
+  return 0;
+}
+
+int FlashIoctl(const char *device, unsigned long request) {
+  uint8_t head[4] = {};
+  const int file = openat(AT_FDCWD, device, O_RDONLY | O_CLOEXEC);
+  const ssize_t length = file < 0 ? 0 : read(file, head, sizeof head);
+  if (file >= 0) close(file);
+  LogIoctl(request, device, head, length < 0 ? 0 : static_cast<size_t>(length));
+  return 0;
+}
+
+// Whether a driver of the board has answered.
+bool DriverAnswers(int fd, unsigned long request, void *argument, int *result) {
+  char link[32];
+  char device[64] = "";
+  struct stat info {};
+  if (fstat(fd, &info) != 0) return false;
+  if (S_ISSOCK(info.st_mode) && request == 0x89F5) {
+    *result = EepromIoctl(request, argument);
+    return true;
+  }
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  if (!S_ISREG(info.st_mode) || readlink(link, device, sizeof device - 1) < 0) return false;
+  if (std::strncmp(device, "/dev/", 5) != 0) return false;
+  const bool is_id = std::strcmp(device, "/dev/idtinfo") == 0;
+  const bool is_flash = std::strcmp(device, "/dev/fl3") == 0;
+  if (request == BLKSSZGET || request == BLKGETSIZE) {
+    *result = BlockIoctl(fd, device, request, argument);
+  } else if (is_id && (request >> 8 == 0x20005A || request >> 8 == 0x80065A)) {
+    *result = IdIoctl(fd, device, request, argument);
+  } else if (is_flash && (request == 0x20001273 || request == 0x2000125D)) {
+    *result = FlashIoctl(device, request);
+  } else {
+    return false;
+  }
+  return true;
+}
+
 // The look-up of the real calloc may itself ask for memory, which it never gives back.
 void *EarlyMemory(size_t size) {
   alignas(std::max_align_t) static char memory[2048];
@@ -204,7 +338,6 @@ extern "C" {
     return Fails(#name) ? (failure) : real arguments;    \
   }
 
-WRAP(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
 WRAP(int, setsockopt, -1, (int fd, int level, int name, const void *value, socklen_t length),
      (fd, level, name, value, length))
 WRAP(int, bind, -1, (int fd, const struct sockaddr *address, socklen_t length),
@@ -247,6 +380,60 @@ int OpenFor32(const char *path, int flags, mode_t mode) {
 int OpenFor64(const char *path, int flags, mode_t mode) {
   static auto *const real = FindReal(&open64, "open64");
   return Fails("open", path) ? -1 : real(path, flags, mode);
+}
+
+int socket(int domain, int type, int protocol) {
+  static auto *const real = FindReal(&socket, "socket");
+  char family[16];
+  char line[32];
+  std::snprintf(family, sizeof family, "%d", domain);
+  std::snprintf(line, sizeof line, "socket %d\n", domain);
+  if (Fails("socket", family)) return -1;
+  if (domain != AF_IPX && domain != AF_AX25 && domain != AF_APPLETALK)
+    return real(domain, type, protocol);
+  LogCall(line);
+  return Refusal(EAFNOSUPPORT);
+}
+
+// As with open, a further argument that the caller has not passed does no harm.
+int IoctlFor(int fd, unsigned long request, void *argument) __asm__("ioctl");
+
+int IoctlFor(int fd, unsigned long request, void *argument) {
+  static auto *const real = FindReal(&ioctl, "ioctl");
+  char number[24];
+  std::snprintf(number, sizeof number, "%#lx", request);
+  int result = 0;
+  const int error = errno;
+  if (Fails("ioctl", number)) return -1;
+  if (DriverAnswers(fd, request, argument, &result)) return result;
+  errno = error;
+  return real(fd, request, argument);
+}
+
+int select(int count, fd_set *in, fd_set *out, fd_set *err, struct timeval *time) {
+  static auto *const real = FindReal(&select, "select");
+  const int error = errno;
+  if (count != 0 || time == nullptr || faccessat(AT_FDCWD, "/run/fast-sleep", F_OK, 0) != 0) {
+    errno = error;
+    return real(count, in, out, err, time);
+  }
+  char line[64];
+  std::snprintf(line, sizeof line, "select %lld.%06ld\n", static_cast<long long>(time->tv_sec),
+                static_cast<long>(time->tv_usec));
+  LogCall(line);
+  if (clock_offset != nullptr)
+    __atomic_add_fetch(clock_offset, time->tv_sec * kSecond + time->tv_usec * 1000,
+                       __ATOMIC_SEQ_CST);
+  return 0;
+}
+
+clock_t times(struct tms *used) {
+  static auto *const real = FindReal(&times, "times");
+  const int error = errno;
+  long ticks = real(used);
+  ReadNumbers("/run/board-ticks", &ticks);
+  errno = error;
+  return ticks;
 }
 
 pid_t fork() {
