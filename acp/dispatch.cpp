@@ -16,6 +16,7 @@
 #include "daemon/process.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "handlers/command.h"
 #include "handlers/discover.h"
 #include "handlers/status.h"
 #include "lib/libbh.h"
@@ -26,7 +27,7 @@ namespace {
 // waited for: any other child may live long, and its status is somebody else's.
 int32_t AnswerPing(const AcpRequest &request) {
   const ChildHold hold = HoldChildren();
-  const pid_t child = ForkChild(hold);
+  const pid_t child = ForkChild();
   if (child == 0) {
     ACP_Ping_Reply(request);
     close(request.sock);
@@ -53,6 +54,8 @@ const Command COMMANDS[] = {
     {ACP_INFO, nullptr, "-- ACP_INFO\n", nullptr},
     {ACP_INFO_HDD, nullptr, "-- ACP_INFO_HDD\n", ACP_Info_HDD_Reply},
     {ACP_PART, nullptr, "-- ACP_PART\r\n", ACP_Partition_Reply},
+    {ACP_CMD, nullptr, "-- ACP_CMD\r\n", ACP_command_reply},
+    {ACP_RESULT, nullptr, "-- ACP_RESULT\r\n", ACP_result_reply},
     {ACP_INFO_RAID, nullptr, "-- ACP_INFO_RAID\n", ACP_Info_RAID_Reply},
     {ACP_DISCOVER_REPLY, nullptr, "-- ACP_DISCOVER_REPLY\r\n", nullptr},
 
@@ -62,8 +65,6 @@ const Command COMMANDS[] = {
     {ACP_FIRMUP2, UPDATE_START, "-- ACP_FIRMUP2\r\n", nullptr},
     {ACP_FIRMUP3, UPDATE_START, "-- ACP_FIRMUP3\r\n", nullptr},
     {ACP_SPECIAL, nullptr, "-- ACP_SPECIAL\r\n", nullptr},
-    {ACP_CMD, nullptr, "-- ACP_CMD\r\n", nullptr},
-    {ACP_RESULT, nullptr, "-- ACP_RESULT\r\n", nullptr},
 };
 
 bool IsZeroMac(const uint8_t *mac) {

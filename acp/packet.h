@@ -210,4 +210,24 @@ struct PartitionInfo {
 static_assert(sizeof(PartitionInfo) == 92);
 static_assert(offsetof(PartitionInfo, path) == 28);
 
+// How an ACP_CMD request wants its command run.
+enum AcpCommandType : uint32_t {
+  COMMAND_BACKGROUND = 0,  // its words, and nobody waits
+  COMMAND_WAITED = 1,      // its words; the reply's result is the wait status
+  COMMAND_TO_FILE = 2,     // by a shell, its output for ACP_RESULT
+  COMMAND_CAPTURED = 3,    // by a shell, its output in the reply
+};
+
+// What the bodies of ACP_CMD, of its reply to COMMAND_CAPTURED and of ACP_RESULT_REPLY begin with.
+// A text follows, and as many bytes, its NUL first, as stand below.
+struct CommandHeader {
+  uint32_t length;  // of the text without its NUL; 0 in the reply to ACP_CMD
+  uint32_t type;    // AcpCommandType; 0 in replies
+};
+static_assert(sizeof(CommandHeader) == 8);
+constexpr size_t COMMAND_TAIL = 3;    // of the request
+constexpr size_t OUTPUT_TAIL = 3;     // of a captured reply
+constexpr size_t RESULT_TAIL = 4;     // of a line's reply
+constexpr size_t MOST_OUTPUT = 1427;  // bytes that a captured reply holds
+
 #endif  // BH_ACP_PACKET_H_

@@ -1,7 +1,8 @@
-// Children of the server: whoever forks one under a hold gets its status.
+// Children of the server: whoever forks one under a hold gets its status. And the ways to run a
+// command.
 //
 //   const ChildHold hold = HoldChildren();
-//   const pid_t pid = ForkChild(hold);
+//   const pid_t pid = ForkChild();
 //   if (pid == 0) { ...; _exit(0); }
 //   ... store the pid, or WaitForChild(pid, &status) ...
 //   ReleaseChildren(hold);
@@ -12,24 +13,49 @@
 #include <sys/types.h>
 
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 struct ChildHold {
   sigset_t previous;
 };
 
 // Holds back SIGCHLD and SIGUSR1, so that their handlers cannot reap a child before its pid is
-// stored or its status collected.
+// stored or its status collected. Holds nest.
 ChildHold HoldChildren();
 void ReleaseChildren(const ChildHold &hold);
 
-// Forks under `hold`. The child starts with the previous signal mask; a handler's child must leave
-// with _exit. An exit that the server has been asked for is not the child's.
+// Forks under a hold. The child starts with no signal held back; a handler's child must leave with
+// _exit. An exit that the server has been asked for is not the child's.
 // Returns its pid, 0 in the child, -1 with errno set.
-pid_t ForkChild(const ChildHold &hold);
+pid_t ForkChild();
 
 // Waits until the child `pid` has ended and stores its status, if `status` is not null. Returns
 // `pid`, or -1 when there is no such child (any more).
 pid_t WaitForChild(pid_t pid, int *status);
+
+// Runs a command line in a shell and waits for it. Its wait status, -1 when it cannot be started.
+int RunCommandLine(const std::string &command);
+
+// Whether exec1 and exec2 take the command: they have room for 511 characters (exec2: with " > "
+// and the file's name) and exec1 for 31 words.
+bool FitsExec1(const std::string &command);
+bool FitsExec2(const std::string &command, const char *outfile);
+
+// Runs the command's words, parted by single spaces, without a shell. Once the child is there the
+// status word is -1; without `wait` the result is then the child's pid, and the caller holds the
+// children until it has stored that. With `wait` the status word becomes the wait status, and the
+// result 0, or -1 when the wait failed. -1 as well when the fork failed, with the status word
+// untouched; for what does not fit, with the status word -1; and for a null `status`.
+int32_t exec1(const char *command, int32_t wait, int32_t *status);
+
+// The same through a shell, with the output in `outfile`. The child's exit status is the low 8 bits
+// of the shell's own wait status. 0 after waiting, also when the wait failed.
+int32_t exec2(const char *command, int32_t wait, const char *outfile, int32_t *status);
+
+// Runs a command line in a shell and fills `buffer` (`size` bytes, all zeroed first) with the first
+// size - 1 bytes of its output. Waits for its end. 0, or -1 when it cannot be started.
+int32_t exec_capture(const char *command, char *buffer, size_t size);
 
 #endif  // BH_DAEMON_PROCESS_H_

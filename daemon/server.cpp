@@ -102,7 +102,7 @@ int32_t ServeInBackground(const char *ifname, int32_t sock, const uint8_t *if_ma
   if (pipe2(launched, O_CLOEXEC) != 0) launched[0] = launched[1] = -1;
 
   const ChildHold hold = HoldChildren();
-  const pid_t server = ForkChild(hold);
+  const pid_t server = ForkChild();
   if (server == 0) {
     RunServerChild(ifname, sock, if_mac, launched);
     return 0;

@@ -2,10 +2,6 @@
 
 #include "handlers/status.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -30,17 +26,6 @@ constexpr size_t MOUNTS_FOR_USB = 1023;  // characters of the mount table that a
 constexpr size_t MOUNTS_FOR_STAT = 1499;
 constexpr size_t IDENTIFY_LINES = 32;
 constexpr size_t WORDS_PER_LINE = 8;
-
-// A client names the directory: a FIFO or a device in it must neither stop the server nor notice.
-FilePtr OpenRegularFile(const std::string &path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) return nullptr;
-  struct stat status = {};
-  const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-  FilePtr stream(regular ? fdopen(fd, "r") : nullptr);
-  if (!stream) close(fd);
-  return stream;
-}
 
 // False when the file cannot be read; `text` then stays empty.
 bool ReadStart(const char *path, size_t limit, std::string &text) {
@@ -229,7 +214,7 @@ int32_t ACP_Partition_Reply(const AcpRequest &request) {
 int32_t ReadIdentify(const char *directory, uint16_t *words) {
   std::string path = directory;
   path += path.ends_with('/') ? "identify" : "/identify";
-  const FilePtr stream = OpenRegularFile(path);
+  const FilePtr stream = OpenRegularFile(path.c_str());
   if (!stream) return -1;
 
   char line[256];

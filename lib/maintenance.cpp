@@ -66,11 +66,10 @@ int32_t libbh_LoadConfig() {
 // Piece by piece: a file may be larger than the memory. The size is the one at the start; what a
 // shrinking file lacks counts as zeros.
 uint16_t libbh_FileChksum(const char *path) {
+  const FilePtr file = path == nullptr ? nullptr : OpenRegularFile(path);
   struct stat status = {};
-  if (path == nullptr || stat(path, &status) != 0 || status.st_size > INT32_MAX) return NO_CHECKSUM;
-  if (!S_ISREG(status.st_mode)) return NO_CHECKSUM;  // a FIFO would keep us waiting
-  const FilePtr file(fopen(path, "re"));
-  if (!file) return NO_CHECKSUM;
+  if (!file || fstat(fileno(file.get()), &status) != 0 || status.st_size > INT32_MAX)
+    return NO_CHECKSUM;
   size_t left = static_cast<size_t>(status.st_size);
   uint32_t sum = 0;
   uint8_t chunk[CHUNK];

@@ -2,7 +2,9 @@
 
 #include "lib/text.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,7 +24,26 @@ void MakeRoom(FILE *file, std::string &content) {
     content.reserve(static_cast<size_t>(std::min(status.st_size, MOST_ROOM_AHEAD)));
 }
 
+// A stream over `fd`, which may be -1, if it is a regular file; closes it otherwise.
+FilePtr IfRegular(int fd, const char *mode) {
+  if (fd < 0) return nullptr;
+  struct stat status = {};
+  const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  FilePtr stream(regular ? fdopen(fd, mode) : nullptr);
+  if (!stream) close(fd);
+  return stream;
+}
+
 }  // namespace
+
+FilePtr OpenRegularFile(const char *path) {
+  return IfRegular(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY), "r");
+}
+
+FilePtr CreateRegularFile(const char *path) {
+  constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW;
+  return IfRegular(open(path, FLAGS | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666), "w");
+}
 
 int ReadTextFile(const char *path, std::string &content) {
   content.clear();

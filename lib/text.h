@@ -30,6 +30,14 @@ using HeapText = std::unique_ptr<char, HeapRelease>;
 // Settings files are looked at in pieces of at most this many characters.
 constexpr size_t LONGEST_PIECE = 255;
 
+// Opens the file for reading if it is a regular one: a FIFO or a device in its place neither keeps
+// the caller waiting nor notices. Null otherwise.
+FilePtr OpenRegularFile(const char *path);
+
+// Creates or empties the file for writing if it is a regular one, and no symbolic link leads to it:
+// for directories in which others may leave things. Null otherwise.
+FilePtr CreateRegularFile(const char *path);
+
 // Reads the file whole into `content`. Returns 0, or the errno of the failed open or read (EISDIR
 // for a directory) with `content` empty.
 int ReadTextFile(const char *path, std::string &content);

@@ -49,7 +49,7 @@ void AwaitEnd(pid_t child) {
 
 pid_t StartSleeper() {
   const ChildHold hold = HoldChildren();
-  const pid_t child = ForkChild(hold);
+  const pid_t child = ForkChild();
   if (child == 0) {
     for (;;)
       pause();
@@ -68,7 +68,7 @@ int StatusOf(pid_t child) {
 
 TEST_F(Daemon, StatusOfAChildThatEndedFirstIsNotLost) {
   const ChildHold hold = HoldChildren();
-  const pid_t child = ForkChild(hold);
+  const pid_t child = ForkChild();
   if (child == 0) {
     kill(getppid(), SIGUSR1);  // as a receiver whose set-up failed does
     _exit(42);
@@ -85,7 +85,7 @@ TEST_F(Daemon, PidStoredAfterTheEndIsForgottenAgain) {
   const ChildHold hold = HoldChildren();
   pid_t children[3] = {};
   for (pid_t &child : children) {
-    child = ForkChild(hold);
+    child = ForkChild();
     if (child == 0) _exit(0);
     AwaitEnd(child);
   }
@@ -112,7 +112,7 @@ TEST_F(Daemon, PingWaitsForItsOwnChildOnly) {
 TEST_F(Daemon, FailedReceiverIsReapedAndNobodyElseWaitedFor) {
   const pid_t sleeper = StartSleeper();
   const ChildHold hold = HoldChildren();
-  const pid_t receiver = ForkChild(hold);
+  const pid_t receiver = ForkChild();
   if (receiver == 0) {
     kill(getppid(), SIGUSR1);
     _exit(1);
@@ -131,7 +131,7 @@ TEST_F(Daemon, FailedReceiverIsReapedAndNobodyElseWaitedFor) {
 TEST_F(Daemon, FailedReceiverHasTheLockGivenBack) {
   ASSERT_EQ(libbh_lock(), 0);
   const ChildHold hold = HoldChildren();
-  const pid_t receiver = ForkChild(hold);
+  const pid_t receiver = ForkChild();
   if (receiver == 0) {
     raise(SIGUSR1);  // here nothing is held, and the server's lock is its own
     kill(getppid(), SIGUSR1);
@@ -175,8 +175,8 @@ int ServerAfterSigterm(Then then) {
   if (!Exists(kPidFile)) return 1;
   daemon_state.fw_updating = then == Then::kWaitWhileUpdating ? 1 : 0;
   if (then == Then::kFork) {
-    const ChildHold hold = HoldChildren();
-    const pid_t child = ForkChild(hold);
+    HoldChildren();
+    const pid_t child = ForkChild();
     if (child == 0) {
       BeginWait();  // the server's exit is not the child's
       _exit(3);
@@ -199,7 +199,7 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
       {Then::kWait, 0, false}, {Then::kWaitWhileUpdating, 2, true}, {Then::kFork, 3, true}};
   for (const auto &test : cases) {
     const ChildHold hold = HoldChildren();
-    const pid_t server = ForkChild(hold);
+    const pid_t server = ForkChild();
     if (server == 0) _exit(ServerAfterSigterm(test.then));
     const int status = StatusOf(server);
     ReleaseChildren(hold);
@@ -236,7 +236,7 @@ TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
 
   for (const bool stuck_log : {false, true}) {
     const ChildHold hold = HoldChildren();
-    const pid_t server = ForkChild(hold);
+    const pid_t server = ForkChild();
     if (server == 0) {
       ClaimServer();
       WritePidFile("eth0", getpid());

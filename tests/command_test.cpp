@@ -1,0 +1,263 @@
+// Remote commands on a board: what each way of running one answers, what is refused, the result
+// file line by line, and children that end at the worst moment.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "acp/dispatch.h"
+#include "daemon/process.h"
+#include "daemon/signals.h"
+#include "daemon/state.h"
+#include "daemon/trace.h"
+#include "tests/files.h"
+#include "tests/system/wire.h"
+
+using std::string;
+using wire::Bytes;
+using wire::Hex;
+using wire::Number;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr char kResults[] = "/var/tmp/results.txt";
+constexpr uint32_t kRefused = 0xFFFFFFFF;
+
+void Append(Bytes &bytes, uint32_t number) {
+  for (int shift = 0; shift < 32; shift += 8)
+    bytes.push_back(static_cast<uint8_t>(number >> shift));
+}
+
+// `length` and `text` as given, the NUL and the two bytes behind it, and `more` of those.
+Bytes CommandOf(uint32_t type, const string &text, uint32_t length, int more = 0) {
+  Bytes body;
+  Append(body, length);
+  Append(body, type);
+  body.insert(body.end(), text.begin(), text.end());
+  body.resize(body.size() + static_cast<size_t>(3 + more));
+  Bytes request = wire::Request("20 00 00 00 07 00 01 00 10 8A 00 00 00 00 00 00", body);
+  request[10] = static_cast<uint8_t>(body.size());
+  request[11] = static_cast<uint8_t>(body.size() >> 8);
+  return request;
+}
+
+class Command : public testing::Test {
+ protected:
+  void SetUp() override {
+    daemon_state.ifname = "eth0";
+    daemon_state.enable_state = 0;
+    const Bytes mac = Hex("02 0b 4a 00 00 01");
+    memcpy(daemon_state.enable_mac, mac.data(), mac.size());
+    daemon_state.cmd_chpid = 0;
+    set_mode_flags(MODE_COMMAND_ENABLED | MODE_DEBUG);
+    ASSERT_EQ(open_trace_file("/tmp/trace"), 0);
+    InstallSignalHandlers();
+    ASSERT_EQ(InstallChildHandler(), 0);
+    ClaimServer();
+    client = wire::Open("eth0");
+    std::filesystem::create_directories("/var/tmp");
+    std::filesystem::remove_all(kResults);
+    alarm(60);
+  }
+  void TearDown() override {
+    wire::Close(client);
+  }
+
+  Bytes Ask(const Bytes &datagram) {
+    static AcpRequest request;
+    request.sock = -1;
+    request.peer_port = htons(client.port);
+    request.recvlen = static_cast<int32_t>(datagram.size());
+    memcpy(request.packet, datagram.data(), datagram.size());
+    client.frames.clear();
+    dispatch(request);
+    const std::vector<Bytes> replies = wire::ReplyFrames(client);
+    if (replies.size() != 1 || replies[0].size() < 74) return Bytes(44);
+    return {replies[0].begin() + 42, replies[0].end()};
+  }
+  uint32_t Run(uint32_t type, const string &text) {
+    return Number(Ask(CommandOf(type, text, static_cast<uint32_t>(text.size()))), 28);
+  }
+  // The line of a result reply, or "refused".
+  string FetchLine() {
+    const Bytes reply = Ask(wire::Request("20 00 00 00 07 00 01 00 20 8A 00 00 00 00 00 00"));
+    const size_t length = Number(reply, 32);
+    EXPECT_EQ(reply.size(), 44 + length);
+    EXPECT_EQ(reply[10] | reply[11] << 8, static_cast<int>(12 + length));
+    EXPECT_EQ(Bytes(reply.end() - 4, reply.end()), Bytes(4));
+    if (Number(reply, 28) != 0) return "refused";
+    return {reply.begin() + 40, reply.begin() + 40 + static_cast<std::ptrdiff_t>(length)};
+  }
+
+  wire::Client client;
+};
+
+void AwaitEnd(pid_t child) {
+  siginfo_t info = {};
+  while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+  }
+}
+
+string Repeat(const string &text, int count) {
+  string all;
+  while (count-- > 0)
+    all += text;
+  return all;
+}
+
+}  // namespace
+
+TEST_F(Command, AnswersWithTheStatusOfItsType) {
+  fixture::WriteFile("/tmp/two", "echo $# >> /tmp/ran\nexit 2\n");
+  const struct {
+    string text;
+    uint32_t type, result;
+  } cases[] = {
+      {"true", 1, 0},
+      {"false", 1, 0x100},
+      {"sh /tmp/two a  b ", 1, 0x200},  // three words, one of them empty
+      {"missing-program", 1, 0xFF00},
+      {" true", 1, 0xFF00},
+      {"", 1, 0xFF00},
+      {"sh /tmp/two " + string(499, 'x'), 1, 0x200},
+      {"sh /tmp/two " + string(500, 'x'), 1, kRefused},
+      {"sh" + Repeat(" /tmp/two", 30), 1, 0x200},
+      {"sh" + Repeat(" /tmp/two", 31), 1, kRefused},
+      {"sh" + Repeat(" /tmp/two", 49), 1, kRefused},
+      {"exit 2", 2, 0},  // the low bits of the shell's wait status
+      {"kill -9 $$", 2, 0x900},
+      {"sh /tmp/two " + string(476, 'x'), 2, 0},
+      {"sh /tmp/two " + string(477, 'x'), 2, kRefused},
+      {"exit 2", 3, 0},
+      {"sh /tmp/two " + string(1400, 'x'), 3, 0},
+      {"true", 4, kRefused},
+      {"true", 0xFFFFFFFF, kRefused},
+  };
+  fixture::RemoveFile("/tmp/ran");
+  for (const auto &test : cases)
+    EXPECT_EQ(Run(test.type, test.text), test.result) << test.type << " " << test.text;
+  EXPECT_EQ(fixture::ReadFile("/tmp/ran"), "3\n1\n29\n1\n1\n");
+
+  for (int i = 0; i < 20; ++i) {  // children that end before their pid is stored
+    EXPECT_EQ(Run(0, "true"), kRefused);
+    while (daemon_state.cmd_chpid != 0)
+      usleep(100);
+  }
+  testing::internal::CaptureStdout();
+  Run(1, "printf one  two");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "printf\none\n\none");
+}
+
+TEST_F(Command, CapturedOutputIsInTheReply) {
+  EXPECT_EQ(
+      Ask(CommandOf(3, "echo hi; ls /proc/self/fd | wc -l", 33)),
+      Hex("20 00 00 00 07 00 01 00 10 CA 10 00 00 00 00 00 02 0b 4a 00 00 10 02 0b 4a 00 00 01 "
+          "00 00 00 00 00 00 00 00 00 00 00 00 68 69 0A 34 0A 00 00 00"));
+  const Bytes most = Ask(CommandOf(3, "yes | head -c 9000000", 21));
+  EXPECT_EQ(most.size(), 1470U);
+  EXPECT_EQ(most[1466], 'y');
+  EXPECT_EQ(Bytes(most.end() - 3, most.end()), Bytes(3));
+  EXPECT_EQ(Ask(CommandOf(3, "printf 'ab\\0cd'", 15)).size(), 45U);
+  int input[2] = {};
+  ASSERT_EQ(pipe(input), 0);
+  dup2(input[0], STDIN_FILENO);
+  EXPECT_EQ(Ask(CommandOf(3, "cat", 3)).size(), 43U);  // it has nothing to read
+  EXPECT_EQ(Run(1, "cat") + Run(2, "cat"), 0U);
+  EXPECT_EQ(Run(3, "exec >&-; sleep .1; touch /tmp/waited"), 0U);
+  EXPECT_TRUE(std::filesystem::exists("/tmp/waited"));
+  const Bytes held = Ask(CommandOf(3, "grep SigBlk /proc/self/status", 29));
+  EXPECT_NE(string(held.begin(), held.end()).find("0000000000000000\n"), string::npos);
+}
+
+TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
+  const string touch = "touch /tmp/ran";
+  const uint32_t whole = static_cast<uint32_t>(touch.size());
+  fixture::RemoveFile("/tmp/ran");
+  for (const uint32_t length :
+       {0U, whole - 1, whole + 1, 0x7FFFFFFFU, 0x7FFFFFD5U, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFD5U})
+    EXPECT_EQ(Number(Ask(CommandOf(3, touch, length)), 28), kRefused) << length;
+  EXPECT_EQ(Number(Ask(CommandOf(3, touch, whole, -1)), 28), kRefused);
+  for (const char *line : {"recvlen(56)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(14)-1\n",
+                           "recvlen(57)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(2147483647)-1\n"})
+    EXPECT_NE(fixture::ReadFile("/tmp/trace").find(line), string::npos) << line;
+  daemon_state.enable_mac[5] = 2;
+  EXPECT_EQ(Run(1, touch), kRefused);
+  EXPECT_EQ(FetchLine(), "refused");
+  daemon_state.enable_mac[5] = 1;
+  EXPECT_EQ(Run(0, "sleep 1000"), kRefused);  // what a started one answers
+  const pid_t running = daemon_state.cmd_chpid;
+  EXPECT_GT(running, 0);
+  fixture::WriteFile(kResults, "line\n");
+  EXPECT_EQ(Run(1, touch), kRefused);
+  EXPECT_EQ(FetchLine(), "refused");
+  EXPECT_FALSE(std::filesystem::exists("/tmp/ran"));
+  kill(running, SIGKILL);
+  while (daemon_state.cmd_chpid != 0)
+    usleep(1000);
+  EXPECT_EQ(FetchLine(), "line\n");
+  EXPECT_EQ(Run(1, touch), 0U);
+  set_mode_flags(MODE_DEBUG);
+  EXPECT_EQ(FetchLine(), "refused");
+}
+
+TEST_F(Command, ResultFileIsTakenLineByLine) {
+  EXPECT_EQ(FetchLine(), "refused");
+  fixture::WriteFile(kResults, "old\n");
+  EXPECT_EQ(Run(2, "printf 'one\\n\\n%%s\\0x\\nend'"), 0U);
+  for (const char *line : {"one\n", "\n", "%s", "end", "", ""})
+    EXPECT_EQ(FetchLine(), line);
+  fixture::WriteFile(kResults, string(600, 'x') + "\nlast\n");
+  for (const string &line : {string(511, 'x'), string(89, 'x') + "\n", "last\n"s, ""s})
+    EXPECT_EQ(FetchLine(), line);
+  fixture::RemoveFile(kResults);
+  std::filesystem::create_directory(kResults);
+  EXPECT_EQ(FetchLine(), "refused");
+  EXPECT_TRUE(std::filesystem::is_directory(kResults));
+}
+
+TEST_F(Command, NeitherStatusesNorDescriptorsAreLost) {
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = descriptors();
+  for (int i = 0; i < 1000; ++i) {
+    int32_t status = 7;
+    char output[8];
+    ASSERT_EQ(exec1("false", 1, &status), 0);
+    ASSERT_EQ(status, 0x100);
+    ASSERT_EQ(exec_capture("echo x", output, sizeof(output)), 0);
+    ASSERT_STREQ(output, "x\n");
+    ASSERT_EQ(exec2("true", 2, kResults, &status), 0);
+    const ChildHold hold = HoldChildren();
+    const pid_t child = exec1("true", 0, &status);
+    ASSERT_GT(child, 0);
+    AwaitEnd(child);  // before anybody knows its pid
+    daemon_state.cmd_chpid = child;
+    ReleaseChildren(hold);
+    ASSERT_EQ(daemon_state.cmd_chpid, 0);
+  }
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
+  EXPECT_EQ(descriptors(), before);
+
+  // Refusals leave the result file to be fetched, a fork that fails does not.
+  fixture::WriteFile(kResults, "1\n2\n");
+  EXPECT_EQ(Run(1, string(512, 'x')), kRefused);
+  EXPECT_EQ(FetchLine(), "1\n");
+  setenv("BOARD_FAIL", "*/fork:0:EAGAIN", 1);
+  for (const uint32_t type : {0U, 1U, 2U, 3U}) {
+    EXPECT_EQ(Run(type, "true"), type == 3 ? kRefused : 0U) << type;
+    EXPECT_EQ(daemon_state.cmd_chpid, -1);
+    EXPECT_EQ(FetchLine(), "refused");
+  }
+#if !defined(__SANITIZE_ADDRESS__)  // its allocator does not pass the shim
+  setenv("BOARD_FAIL", "*/calloc=7500:0", 1);
+  EXPECT_EQ(Ask(CommandOf(3, "true", 4)).size(), 32U);
+#endif
+  unsetenv("BOARD_FAIL");
+}
