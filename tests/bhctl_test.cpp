@@ -12,6 +12,7 @@
 
 #include "tools/bhctl/discover.h"
 #include "tools/bhctl/drive.h"
+#include "tools/bhctl/exec.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/session.h"
 #include "tools/bhctl/text.h"
@@ -39,6 +40,9 @@ TEST(BhctlRequest, BytesOnTheWire) {
       {DiskRequest("d"), "\x90\x80\x40\0"s + D(1, 63)},  // looked at from 96 bytes on only
       {DiskRequest(D(64)), "\x90\x80\x41\0"s + D(64, 1)},
       {DiskRequest(D(1400)), "\x90\x80\x79\5"s + D(1400, 1)},
+      {CommandRequest("dddd", 3), "\x10\x8A\x0F\0\4\0\0\0\3\0\0\0"s + D(4, 3)},
+      {CommandRequest(D(300), 1), "\x10\x8A\x37\1\x2C\1\0\0\1\0\0\0"s + D(300, 3)},
+      {ResultRequest(), "\x20\x8A\0\0"s},
   };
   for (const auto &[request, text] : CASES) {
     const string macs = "\0\0\0\0\x02\xCC\0\0\0\x10\x02\xBB\0\0\0\x01\0\0\0\0"s;
@@ -74,6 +78,7 @@ TEST(BhctlReply, MalformedAndForeignOnesDoNotCount) {
   EXPECT_FALSE(Accepted(ReplyText("\x90\xC0\xFF\1", D(511)), DiskRequest("")));
   EXPECT_FALSE(Accepted(ReplyText("\x20\xC0\x1F\1", D(287)), DiscoverRequest()));
   EXPECT_FALSE(Accepted(ReplyText("\x40\xC0\4\0"s, D(1)), PingRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\x20\xCA\x0B\0"s, D(11)), ResultRequest()));
   EXPECT_TRUE(Accepted(ReplyText("\x40\xC0\4\0"s, ""), PingRequest()));  // an echo of the header
 }
 
@@ -198,6 +203,38 @@ TEST(BhctlSession, PasswordsAreEncodedOnlyWhereTheApplianceDecodesThem) {
   }
 }
 
+string OutcomeText(uint32_t type, uint32_t result, const string &body = "") {
+  const std::optional<CommandOutcome> outcome = ReadOutcome(type, result, Bytes(body));
+  if (!outcome) return "senseless";
+  return outcome->ran ? std::to_string(outcome->exit_status) + outcome->output : "refused";
+}
+
+TEST(BhctlExec, RepliesTellWhatTheirTypeSays) {
+  constexpr uint32_t NO = 0xFFFFFFFF;
+  const std::pair<string, std::vector<std::pair<uint32_t, uint32_t>>> CASES[] = {
+      {"0", {{0, NO}, {1, 0}, {2, 0}}},
+      {"255", {{1, 0xFF00}}},
+      {"139", {{1, 0x8B}, {2, 0x8B}, {2, 0x0B00}, {2, 0x8B00}}},
+      {"refused", {{0, 0}, {0, 8}, {1, NO}, {1, 0x10000}, {2, NO}, {2, 0xFF00}, {3, NO}, {3, 9}}},
+  };
+  for (const auto &[wanted, replies] : CASES)
+    for (const auto &[type, result] : replies)
+      EXPECT_EQ(OutcomeText(type, result), wanted) << type << " " << result;
+  EXPECT_EQ(OutcomeText(3, 0, D(8) + "a\nb\0c"s) + OutcomeText(3, 0, D(11)), "0a\nb0ddd");
+  EXPECT_EQ(OutcomeText(3, 0, D(0, 10)), "senseless");
+  const auto line = [](const string &size, const string &text) {
+    return DecodeResultLine(Bytes(size + D(4) + text)).value_or("none");
+  };
+  EXPECT_EQ(line("\3\0\0\0"s, "ab\n\0\0\0\0"s) + line("\3\0\0\0"s, "a\0\n1234"s), "ab\na");
+  for (const auto &[size, text] : {std::pair("\4\0\0\0"s, D(7)), {"\0\0\0\1"s, D(9)}, {"", D(7)}})
+    EXPECT_EQ(line(size, text), "none") << text;
+  string fits = FitsType("", 3) ? "1" : "0";
+  for (const auto &[size, type] : {std::pair(488U, 2U), {511, 1}, {511, 0}, {1400, 3}})
+    fits += std::to_string(FitsType(D(size), type)) + std::to_string(FitsType(D(size + 1), type));
+  EXPECT_EQ(fits, "010101010");
+  EXPECT_TRUE(FitsType(string(30, ' ') + "d", 0) && !FitsType(string(31, ' ') + "d", 1));
+}
+
 TEST(BhctlText, IsShortAndCommandsNoTerminal) {
   using Texts = std::vector<string>;
   EXPECT_EQ((Texts{SizeText(999), SizeText(1000), SizeText(999'999), SizeText(UINT64_MAX)}),
@@ -210,6 +247,7 @@ TEST(BhctlText, IsShortAndCommandsNoTerminal) {
             "?[31m??~/ \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 ??[ \xC2\xA0");
   EXPECT_EQ(SafeText("\x80 \xC3( \xC0\xAF \xE0\x80\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xFF \xC3"),
             "? ?( ?? ??? ??? ???? ? ?");
+  EXPECT_EQ(SafeLines("a\tb\n\x1B[1m\r\n\nc"), "a\tb\n?[1m?\n\nc");
   testing::internal::CaptureStdout();
   PrintJson({{"path", "\xC3\xA9\x1B\xFF"}, {"mac", MacText(APPLIANCE)}});
   PrintTable({{"\xC3\xA9", "B"}, {"long", "c", "d"}, {"e"}});
@@ -239,6 +277,8 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
       {"-i lo partition", 2, "PATH is required"},
       {"-i lo partition ''", 2, "PATH must have 1 to 1400 bytes"},
       {"partition -i lo -- -" + D(1400), 2, "PATH must have 1 to 1400 bytes"},
+      {"-i lo exec ls --type 4", 2, "--type must be 0, 1, 2 or 3, not '4'"},
+      {"-i bh-no-such-if exec --type 2 ping", 2, "no such interface"},
       {"-i lo --mac ping", 2, "not a MAC address: 'ping'"},
       {"-i lo ping --timeout 0", 2, "--timeout must be greater than 0"},
       {"-i lo ping --timeout nan", 2, "--timeout must be greater than 0"},

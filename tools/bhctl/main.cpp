@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "tools/bhctl/discover.h"
+#include "tools/bhctl/exec.h"
 #include "tools/bhctl/options.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/status.h"
@@ -33,6 +35,7 @@ struct SubCommand {
   const char *description;
   std::vector<Argument> arguments;
   int (*run)(const Options &options);
+  std::chrono::seconds timeout{2};  // when none is given
 };
 
 const SubCommand COMMANDS[] = {
@@ -50,6 +53,16 @@ const SubCommand COMMANDS[] = {
      "Show the file system that a path is on",
      {{"PATH", "path on the appliance", true}},
      Partition},
+    {"exec",
+     "Run a command on one appliance, whose command mode must be enabled",
+     {{"COMMAND", "the command line, one argument", true},
+      {"--type",
+       "0: its words in the background, 1: its words, 2: by a shell, its output for 'result', "
+       "3 (if not given): by a shell, its output is printed",
+       false}},
+     Exec,
+     std::chrono::seconds{60}},
+    {"result", "Fetch the output of a command that was run with --type 2", {}, Result},
 };
 
 constexpr const char *FOOTER =
@@ -57,7 +70,8 @@ constexpr const char *FOOTER =
     "  0  done\n"
     "  1  the appliance refused; its state code is printed\n"
     "  2  wrong usage, or no interface of the given name\n"
-    "  3  no answer came, or this machine could not send the request or write the result";
+    "  3  no answer came, or this machine could not send the request or write the result\n"
+    "  exec --type 1: the command's own; the above come with a message then";
 
 constexpr double LONGEST_TIMEOUT = 86400;  // seconds
 
@@ -80,7 +94,8 @@ int UsageError(const std::string &message) {
 void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
   app.add_option("-i,--interface", line->interface, "use this interface only")->type_name("NAME");
   app.add_option("--mac", line->mac, "address one appliance, not all")->type_name("MAC");
-  app.add_option("--timeout", line->timeout, "wait this long for answers, 2 if not given")
+  app.add_option("--timeout", line->timeout,
+                 "wait this long for answers; 2 if not given, for exec 60")
       ->type_name("SECONDS");
   app.add_flag("--json", options->json, "print one JSON object a line for each appliance");
   app.add_option("--pass-phrase", line->pass_phrase,
@@ -183,7 +198,8 @@ int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *op
   return EXIT_DONE;
 }
 
-int RunCommand(const CLI::App &chosen, const CommandLine &line, Options *options) {
+int RunCommand(const CLI::App &app, const CommandLine &line, Options *options) {
+  const CLI::App &chosen = *app.get_subcommands().front();
   const SubCommand *command =
       std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
                    [&](const SubCommand &each) { return chosen.get_name() == each.name; });
@@ -191,6 +207,7 @@ int RunCommand(const CLI::App &chosen, const CommandLine &line, Options *options
     if (chosen.count(argument.name) == 0) continue;
     options->arguments[argument.name] = line.arguments.at(command->name).at(argument.name);
   }
+  if (app.count("--timeout") == 0) options->timeout = command->timeout;
   const int status = command->run(*options);
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
   PrintError("cannot write to standard output");
@@ -218,7 +235,7 @@ int Run(int argc, char **argv) {
   }
   int status = CheckGlobalOptions(app, line, &options);
   if (status == EXIT_DONE) status = CheckLeftovers(app);
-  return status == EXIT_DONE ? RunCommand(*app.get_subcommands().front(), line, &options) : status;
+  return status == EXIT_DONE ? RunCommand(app, line, &options) : status;
 }
 
 }  // namespace

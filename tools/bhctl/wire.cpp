@@ -8,16 +8,6 @@
 namespace bhctl {
 namespace {
 
-void PutU16(std::vector<uint8_t> &out, size_t at, uint16_t value) {
-  out[at] = static_cast<uint8_t>(value & 0xFF);
-  out[at + 1] = static_cast<uint8_t>(value >> 8);
-}
-
-void PutU32(std::vector<uint8_t> &out, size_t at, uint32_t value) {
-  PutU16(out, at, static_cast<uint16_t>(value & 0xFFFF));
-  PutU16(out, at + 2, static_cast<uint16_t>(value >> 16));
-}
-
 uint8_t GetU8(Bytes bytes, size_t at) {
   return at < bytes.size() ? bytes[at] : uint8_t{0};
 }
@@ -26,8 +16,22 @@ uint16_t GetU16(Bytes bytes, size_t at) {
   return static_cast<uint16_t>(GetU8(bytes, at) | GetU8(bytes, at + 1) << 8);
 }
 
+}  // namespace
+
 uint32_t GetU32(Bytes bytes, size_t at) {
   return GetU16(bytes, at) | static_cast<uint32_t>(GetU16(bytes, at + 2)) << 16;
+}
+
+namespace {
+
+void PutU16(std::vector<uint8_t> &out, size_t at, uint16_t value) {
+  out[at] = static_cast<uint8_t>(value & 0xFF);
+  out[at + 1] = static_cast<uint8_t>(value >> 8);
+}
+
+void PutU32(std::vector<uint8_t> &out, size_t at, uint32_t value) {
+  PutU16(out, at, static_cast<uint16_t>(value & 0xFFFF));
+  PutU16(out, at + 2, static_cast<uint16_t>(value >> 16));
 }
 
 // Always leaves `text` terminated.

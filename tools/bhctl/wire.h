@@ -47,6 +47,9 @@ Request PartitionRequest(const std::string &path);
 
 std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, const Mac &dst_mac);
 
+// The number at byte `at`, its least significant byte first; what lies behind the end is 0.
+uint32_t GetU32(Bytes bytes, size_t at);
+
 // Nothing when the datagram is too short or its lengths contradict each other.
 std::optional<Reply> DecodeReply(Bytes datagram);
 
