@@ -33,7 +33,7 @@ constexpr uint32_t kManyKeys = 100'000;
 void DiscoverRoundTrip(benchmark::State &state, const std::vector<std::string> &server) {
   std::optional<board::Board> board = BootFor(state);
   if (!board) return;
-  MeasureRoundTrips(state, *board, StartQuietly(*board, server), kDiscover);
+  MeasureRoundTrips(state, *board, StartQuietly(*board, server), wire::Request(kDiscover));
   board::Halt(*board);
 }
 
@@ -76,7 +76,7 @@ void DiscoverWithKeys(benchmark::State &state, uint32_t count) {
   if (!board) return;
   const pid_t server = board::Fork(*board);
   if (server == 0) _exit(ServeWithKeys(count));
-  MeasureRoundTrips(state, *board, server, kDiscover);
+  MeasureRoundTrips(state, *board, server, wire::Request(kDiscover));
   board::Halt(*board);
 }
 

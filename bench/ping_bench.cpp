@@ -13,7 +13,7 @@ constexpr char kPing[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
 void PingRoundTrip(benchmark::State &state, const std::vector<std::string> &server) {
   std::optional<board::Board> board = BootFor(state);
   if (!board) return;
-  MeasureRoundTrips(state, *board, StartQuietly(*board, server), kPing);
+  MeasureRoundTrips(state, *board, StartQuietly(*board, server), wire::Request(kPing));
   board::Halt(*board);
 }
 

@@ -8,8 +8,6 @@
 
 #include <csignal>
 
-#include "tests/system/wire.h"
-
 namespace {
 
 bool Answers(const wire::Client &client, const wire::Bytes &request) {
@@ -45,10 +43,9 @@ pid_t StartQuietly(const board::Board &board, const std::vector<std::string> &ar
 }
 
 void MeasureRoundTrips(benchmark::State &state, const board::Board &board, pid_t server,
-                       std::string_view head) {
+                       const wire::Bytes &request) {
   const double before = ChildrenTime();
   wire::Client client = wire::Open(board.wires[0]);
-  const wire::Bytes request = wire::Request(head);
   if (!board::WaitFor([&] { return Answers(client, request); })) state.SkipWithError("no answer");
   while (wire::Receive(client, std::chrono::milliseconds(100))) {
     // answers to what was sent while the server started

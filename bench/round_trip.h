@@ -8,10 +8,10 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "board/board.h"
+#include "tests/system/wire.h"
 
 // Boots a board; without one the benchmark is marked as failed.
 std::optional<board::Board> BootFor(benchmark::State &state);
@@ -19,10 +19,10 @@ std::optional<board::Board> BootFor(benchmark::State &state);
 // Starts the program on the board, its output thrown away.
 pid_t StartQuietly(const board::Board &board, const std::vector<std::string> &argv);
 
-// Asks the server, a child of this process, one request after the other; then ends it. `head` is
-// the request's header up to the MAC addresses, in hexadecimal. Reports the processor time of a
-// request beside its round trip: the server's and its children's, without waits.
+// Asks the server, a child of this process, one request after the other; then ends it. Reports the
+// processor time of a request beside its round trip: the server's and its children's, without
+// waits.
 void MeasureRoundTrips(benchmark::State &state, const board::Board &board, pid_t server,
-                       std::string_view head);
+                       const wire::Bytes &request);
 
 #endif  // BH_BENCH_ROUND_TRIP_H_
