@@ -48,7 +48,7 @@ constexpr struct {
     {"--file PATH=TEXT", "a file on the board; may be repeated"},
     {"--boards N", "N boards on one bridge, bridge0; the command runs at the client's end"},
     {"--run-daemon", "start the daemon on every interface first"},
-    {"--demo", "start the daemon and ping it, then a shell at the client's end"},
+    {"--demo", "start the daemon and discover it, then a shell at the client's end"},
     {"--enter", "run the command on the (first) board of this shell (BH_BOARD_PID)"},
     {"--help", "this text"},
 };
@@ -290,10 +290,10 @@ int Demo(const Boards &boards) {
   const std::string near = Near(boards);
   SayWhatIsUp(boards);
   if (!StartDaemon(boards, 1)) return 1;
-  std::printf("bh_servd serves %s. Asking with: bhctl -i %s ping\n",
+  std::printf("bh_servd serves %s. Asking with: bhctl -i %s discover\n",
               boards[0].config.interfaces[0].name.c_str(), near.c_str());
-  if (RunAtClient(boards, {"bhctl", "-i", near, "ping"}) != 0) {
-    std::fputs("boot: the ping was not answered. The board's syslog:\n", stderr);
+  if (RunAtClient(boards, {"bhctl", "-i", near, "discover"}) != 0) {
+    std::fputs("boot: nobody answers. The board's syslog:\n", stderr);
     std::fputs(board::ReadFile(boards[0], board::kSyslog).c_str(), stderr);
     return 1;
   }
