@@ -1,10 +1,7 @@
 /* Answers ACP discover requests with what a reply cannot do without: each of the files that it
  * tells of read once, the host name asked for, one frame through a packet socket. */
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/if_packet.h>
-#include <net/ethernet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <stdio.h>
@@ -12,6 +9,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "bench/bare_server.h"
 
 enum { HEADERS = 42, REQUEST = 32, REPLY = 320 };
 
@@ -55,22 +54,6 @@ static void ReadInterface(unsigned char *mac, unsigned char *address, unsigned c
   close(fd);
 }
 
-static void SendFrame(const unsigned char *frame) {
-  const int on = 1;
-  struct sockaddr_ll link;
-  int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP));
-  setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-  memset(&link, 0, sizeof(link));
-  link.sll_family = AF_PACKET;
-  link.sll_protocol = htons(ETH_P_IP);
-  link.sll_ifindex = (int)if_nametoindex("eth0");
-  if (bind(fd, (struct sockaddr *)&link, sizeof(link)) != 0) _exit(1);
-  link.sll_halen = 6;
-  memset(link.sll_addr, 0xFF, 6);
-  sendto(fd, frame, HEADERS + REPLY, 0, (struct sockaddr *)&link, sizeof(link));
-  close(fd);
-}
-
 /* A frame that the client's stack accepts; a UDP checksum of 0 stands for none. */
 static void FillFrame(unsigned char *frame, const unsigned char *request, in_port_t port) {
   static const unsigned char headers[HEADERS] = {
@@ -88,15 +71,7 @@ static void FillFrame(unsigned char *frame, const unsigned char *request, in_por
 }
 
 int main(void) {
-  struct sockaddr_in own;
-  int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  memset(&own, 0, sizeof(own));
-  own.sin_family = AF_INET;
-  own.sin_port = htons(22936);
-  if (bind(sock, (struct sockaddr *)&own, sizeof(own)) != 0) {
-    close(sock);
-    return 1;
-  }
+  int sock = ListenForRequests();
   for (;;) {
     unsigned char request[7500], frame[HEADERS + REPLY];
     struct sockaddr_in peer;
@@ -104,6 +79,6 @@ int main(void) {
     if (recvfrom(sock, request, sizeof(request), 0, (struct sockaddr *)&peer, &length) < REQUEST)
       continue;
     FillFrame(frame, request, peer.sin_port);
-    SendFrame(frame);
+    SendFrame(frame, sizeof(frame));
   }
 }

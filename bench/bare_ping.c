@@ -1,9 +1,6 @@
 /* Answers ACP pings with the system calls of the daemon's way and nothing else: receive, fork, MAC
  * look-ups, packet socket, address look-up, send, wait. */
 
-#include <arpa/inet.h>
-#include <linux/if_packet.h>
-#include <net/ethernet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <string.h>
@@ -11,6 +8,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "bench/bare_server.h"
 
 enum { HEADERS = 42, PING = 32 };
 
@@ -21,27 +20,6 @@ static void ReadMac(unsigned char *mac) {
   strcpy(request.ifr_name, "eth0");
   ioctl(fd, SIOCGIFHWADDR, &request);
   memcpy(mac, request.ifr_hwaddr.sa_data, 6);
-  close(fd);
-}
-
-static void SendFrame(unsigned char *frame) {
-  const int on = 1;
-  struct ifreq request;
-  struct sockaddr_ll link;
-  int fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_IP));
-  setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-  memset(&link, 0, sizeof(link));
-  link.sll_family = AF_PACKET;
-  link.sll_protocol = htons(ETH_P_IP);
-  link.sll_ifindex = (int)if_nametoindex("eth0");
-  if (bind(fd, (struct sockaddr *)&link, sizeof(link)) != 0) _exit(1);
-  memset(&request, 0, sizeof(request));
-  strcpy(request.ifr_name, "eth0");
-  ioctl(fd, SIOCGIFADDR, &request);
-  link.sll_ifindex = (int)if_nametoindex("eth0");
-  link.sll_halen = 6;
-  memset(link.sll_addr, 0xFF, 6);
-  sendto(fd, frame, HEADERS + PING, 0, (struct sockaddr *)&link, sizeof(link));
   close(fd);
 }
 
@@ -58,15 +36,7 @@ static void FillFrame(unsigned char *frame, const unsigned char *request, in_por
 }
 
 int main(void) {
-  struct sockaddr_in own;
-  int sock = socket(AF_INET, SOCK_DGRAM, 0);
-  memset(&own, 0, sizeof(own));
-  own.sin_family = AF_INET;
-  own.sin_port = htons(22936);
-  if (bind(sock, (struct sockaddr *)&own, sizeof(own)) != 0) {
-    close(sock);
-    return 1;
-  }
+  int sock = ListenForRequests();
   for (;;) {
     unsigned char request[7500], frame[HEADERS + PING];
     struct sockaddr_in peer;
@@ -77,7 +47,7 @@ int main(void) {
     child = fork();
     if (child == 0) {
       FillFrame(frame, request, peer.sin_port);
-      SendFrame(frame);
+      SendFrame(frame, sizeof(frame));
       _exit(0);
     }
     waitpid(child, NULL, 0);
