@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <tuple>
 
+#include "daemon/process.h"
+#include "daemon/signals.h"
 #include "daemon/state.h"
 #include "handlers/factory.h"
 #include "handlers/mac_address.h"
@@ -88,6 +91,16 @@ TEST(Factory, EverySignalOfTheUpsPortHasToFollow) {
   WriteFile("/run/apc_sd", x.substr(1));
   EXPECT_EQ(Seen(kensa_50_upstest), miss + miss + miss + "-1\n" + apc + apc + apc);
   RemoveFile("/run/fast-sleep");
+}
+
+TEST(Factory, PortHasItsTimeWhateverChildEnds) {
+  using Clock = std::chrono::steady_clock;
+  int32_t status = 0;
+  ASSERT_EQ(InstallChildHandler(), 0);
+  EXPECT_GT(exec1("sleep 0.3", 0, &status), 0);
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(kensa_UpsPortCheck(), -1);  // after two seconds and one: the controller says nothing
+  EXPECT_GE(Clock::now() - start, std::chrono::seconds(3));
 }
 
 TEST(Factory, MarksAreWrittenWhereTheyAreMissing) {
