@@ -39,7 +39,9 @@ struct CommandRequest {
 CommandRequest ReadCommand(const AcpRequest &request) {
   const std::span<const uint8_t> body = RequestBody(request);
   CommandRequest command = {};
-  command.length = static_cast<int32_t>(BodyU32(body, offsetof(CommandHeader, length)));
+  // Without a body there is no command, not an empty one: no text is -1 bytes long.
+  command.length =
+      body.empty() ? -1 : static_cast<int32_t>(BodyU32(body, offsetof(CommandHeader, length)));
   command.type = BodyU32(body, offsetof(CommandHeader, type));
   command.text = BodyText(body, sizeof(CommandHeader));
   return command;

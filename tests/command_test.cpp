@@ -185,6 +185,11 @@ TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
   for (const char *line : {"recvlen(56)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(14)-1\n",
                            "recvlen(57)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(2147483647)-1\n"})
     EXPECT_NE(fixture::ReadFile("/tmp/trace").find(line), string::npos) << line;
+  Bytes elsewhere = CommandOf(0, touch, whole);  // its header is said to be a byte longer
+  ++elsewhere[0];
+  --elsewhere[10];
+  EXPECT_EQ(Number(Ask(elsewhere), 28), kRefused);
+  EXPECT_EQ(fixture::ReadFile("/tmp/trace").find("exec1>"), string::npos);
   daemon_state.enable_mac[5] = 2;
   EXPECT_EQ(Run(1, touch), kRefused);
   EXPECT_EQ(FetchLine(), "refused");
