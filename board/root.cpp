@@ -36,14 +36,33 @@ static constexpr struct {
   const char *path;
   mode_t mode;
 } kDirectories[] = {
-    {"/etc/atalk", 0755},      {"/etc/dhcpc", 0755},    {"/etc/tmp", 0755},
-    {"/root", 0700},           {"/var/log", 0755},      {"/var/tmp", 01777},
-    {"/tmp", 01777},           {"/run/lock", 01777},    {"/mnt/array1", 0755},
-    {"/mnt/array2", 0755},     {"/mnt/disk1", 0755},    {"/mnt/disk2", 0755},
-    {"/mnt/disk3", 0755},      {"/mnt/disk4", 0755},    {"/mnt/usbdisk1", 0755},
-    {"/mnt/usbdisk2", 0755},   {"/mnt/usbdisk3", 0755}, {"/mnt/usbdisk4", 0755},
-    {"/dev/pts", 0755},        {"/dev/shm", 01777},     {"/run/kernel-proc", 0555},
-    {"/run/mount-view", 0755}, {"/sys", 0555},
+    {"/etc/atalk", 0755},
+    {"/etc/dhcpc", 0755},
+    {"/etc/tmp", 0755},
+    {"/root", 0700},
+    {"/var/log", 0755},
+    {"/var/tmp", 01777},
+    {"/tmp", 01777},
+    {"/run/lock", 01777},
+    {"/mnt/array1", 0755},
+    {"/mnt/array2", 0755},
+    {"/mnt/disk1", 0755},
+    {"/mnt/disk2", 0755},
+    {"/mnt/disk3", 0755},
+    {"/mnt/disk4", 0755},
+    {"/mnt/usbdisk1", 0755},
+    {"/mnt/usbdisk2", 0755},
+    {"/mnt/usbdisk3", 0755},
+    {"/mnt/usbdisk4", 0755},
+    {"/mnt/hda1", 0755},
+    {"/mnt/hda3", 0755},
+    {"/run/disks/hda1", 0755},
+    {"/run/disks/hda3", 0755},
+    {"/dev/pts", 0755},
+    {"/dev/shm", 01777},
+    {"/run/kernel-proc", 0555},
+    {"/run/mount-view", 0755},
+    {"/sys", 0555},
 };
 
 static constexpr const char *kDevices[] = {"null", "zero", "full", "random", "urandom", "tty"};
@@ -175,6 +194,13 @@ static std::string BindProducts(const Config &config) {
   return "";
 }
 
+// The speed limit of rebuilding arrays would be the machine's.
+static bool MakeRaidLimit(const std::string &place) {
+  return mount("board", place.c_str(), "tmpfs", 0, "mode=755") == 0 &&
+         mkdir((place + "/raid").c_str(), 0755) == 0 &&
+         Touch(place + "/raid/speed_limit_max", 0644);
+}
+
 // The fresh procfs is read-only: much of it would be the machine's, and root's ids are its own
 // here. Only what belongs to the board's namespaces may be written.
 static std::string MountProc() {
@@ -185,6 +211,7 @@ static std::string MountProc() {
         "start it with --privileged or --security-opt systempaths=unconfined");
   for (const char *writable : {"/sys/net", "/sys/kernel/shmmax"})
     if (!Bind(proc + writable, proc + writable)) return Failure(writable);
+  if (!MakeRaidLimit(proc + "/sys/dev")) return Failure("/proc/sys/dev");
   if (!MakeReadOnly(proc)) return Failure("/proc");
   std::error_code error;
   for (const fs::directory_entry &entry : fs::directory_iterator(proc, error)) {

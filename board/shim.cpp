@@ -15,6 +15,9 @@
 //   /dev/fl3       notes the first bytes that it holds before and after a write
 //   sockets        0x89f5, the EEPROM's: notes command, length and address
 //
+// Mounting a partition, a device with an ext2 or ext3 file system, is noted, and binds the
+// directory /run/disks/NAME instead.
+//
 // No kernel has the socket families IPX, AX.25 and AppleTalk any more; asking for one is noted.
 //
 // While there is a file /run/fast-sleep, a select without descriptors is over at once: it is noted
@@ -27,10 +30,11 @@
 //
 // The n-th such call (default 1; 0: every one) of a program of that name ("*": any) fails with the
 // error (default ENOMEM for calloc, else EIO). The argument is the path of an open or fopen, the
-// number of bytes of a calloc, a socket's family, or an ioctl's number as the call log has it; then
-// only calls with it count. Calls are counted in each process image; a fork takes the count along,
-// and a program that changes the variable starts anew. The calls that can fail are those of WRAP
-// and WRAP_PATH, and open, fork, calloc, socket, ioctl and settimeofday.
+// number of bytes of a calloc, a socket's family, a mount's device, or an ioctl's number as the
+// call log has it; then only calls with it count. Calls are counted in each process image; a fork
+// takes the count along, and a program that changes the variable starts anew. The calls that can
+// fail are those of WRAP and WRAP_PATH, and open, fork, calloc, socket, ioctl, mount and
+// settimeofday.
 //
 // The shim is loaded into programs of any language: it uses nothing of the C++ library.
 
@@ -41,6 +45,7 @@
 #include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/reboot.h>
 #include <sys/select.h>
 #include <sys/sem.h>
@@ -408,6 +413,22 @@ int IoctlFor(int fd, unsigned long request, void *argument) {
   if (DriverAnswers(fd, request, argument, &result)) return result;
   errno = error;
   return real(fd, request, argument);
+}
+
+int mount(const char *device, const char *directory, const char *type, unsigned long flags,
+          const void *data) {
+  static auto *const real = FindReal(&mount, "mount");
+  if (Fails("mount", device)) return -1;
+  if (type == nullptr || std::strncmp(type, "ext", 3) != 0)
+    return real(device, directory, type, flags, data);
+  char line[256];
+  std::snprintf(line, sizeof line, "mount %s %s %s\n", device, directory, type);
+  LogCall(line);
+  const char *name = std::strrchr(device, '/');
+  char partition[128];
+  std::snprintf(partition, sizeof partition, "/run/disks/%.64s",
+                name == nullptr ? device : name + 1);
+  return real(partition, directory, nullptr, MS_BIND, nullptr);
 }
 
 int select(int count, fd_set *in, fd_set *out, fd_set *err, struct timeval *time) {

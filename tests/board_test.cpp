@@ -99,7 +99,8 @@ TEST_F(BoardTest, IsAnAppliance) {
 // The daemon looks for mount points in the first 1023 bytes of the table.
 TEST_F(BoardTest, ShowsItsStorageEarlyInTheMountTable) {
   EXPECT_EQ(Shell("cd /mnt && echo *"),
-            "array1 array2 disk1 disk2 disk3 disk4 usbdisk1 usbdisk2 usbdisk3 usbdisk4\n");
+            "array1 array2 disk1 disk2 disk3 disk4 hda1 hda3 usbdisk1 usbdisk2 usbdisk3 "
+            "usbdisk4\n");
   EXPECT_EQ(Shell("mount -t tmpfs stick /mnt/usbdisk2 && head -c 300 /proc/mounts | cut -c 1-20 | "
                   "tail -n 1"),
             "stick /mnt/usbdisk2 \n");

@@ -124,7 +124,7 @@ TEST(Factory, MarksAreWrittenWhereTheyAreMissing) {
     const auto set = bind(kensa_SetBootParam, root == "ram0");
     WriteFile("/dev/mtd2", string(257, '+'));
     EXPECT_EQ(Seen(set), "0\n/usr/sbin/eraseall /dev/mtd2\n");
-    EXPECT_EQ(ReadFile("/dev/mtd2"), boot + root + string(221 - root.size(), '\0') + "+");
+    EXPECT_EQ(ReadFile("/dev/mtd2"), boot + root + string(221 - root.size(), '\0') + "\xFF");
     EXPECT_TRUE(Seen(set, "*/open=/dev/mtd2").starts_with("could not open \"/dev/mtd2\": Input"));
   }
 }
