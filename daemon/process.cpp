@@ -22,8 +22,10 @@ constexpr size_t LONGEST_COMMAND = 511;  // characters
 constexpr size_t MOST_WORDS = 31;
 constexpr int EXEC_FAILED = 255;
 
-// In a child: a command that reads its input must not wait for somebody at the server's.
+// In a child: a command that wants input must not wait for somebody at the server's, or ask at its
+// terminal.
 void ReadNothing() {
+  setsid();
   const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (null < 0) return;
   dup2(null, STDIN_FILENO);

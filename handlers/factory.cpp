@@ -56,9 +56,9 @@ long TicksSince(clock_t start) {
 
 // `last` and `first` are badblocks' own: the run ends in front of the block `last`.
 bool TestBlocks(const char *test, const char *device, int64_t last, int64_t first) {
-  const std::string command =
-      FormatText("/sbin/badblocks -w -o %s %s %lld %lld", BAD_BLOCK_LIST, device,
-                 static_cast<long long>(last), static_cast<long long>(first));
+  const std::string command = FormatText(
+      "/sbin/badblocks -w -o %s %s %lld %lld", BAD_BLOCK_LIST, QuoteForShell(device).c_str(),
+      static_cast<long long>(last), static_cast<long long>(first));
   DebugPrint("%s cmd=[%s]\n", test, command.c_str());
   const clock_t start = Ticks();
   const int status = RunCommandLine(command);

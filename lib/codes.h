@@ -7,6 +7,7 @@
 #include <cstdint>
 
 constexpr int32_t NO_MEMORY = -1;
+constexpr int32_t NOW_LOCKING = -3;     // another process holds the configuration lock
 constexpr int32_t NOT_LOCKED = -20000;  // the caller does not hold the configuration lock
 
 constexpr int32_t BAD_DATE_OR_TIME = -101;

@@ -101,7 +101,7 @@ int32_t libbh_SetApHostName(int32_t mode, const char *name, int32_t restart, con
   if (mode != 0) return 0;
   const std::string old_name = WithoutNewline(FirstOutputLine(SHOW_HOST_NAME, LONGEST_OLD_NAME));
   if (old_name == name) return 0;
-  RunShell(FormatText("hostname %s", name));
+  RunShell(FormatText("hostname %s", QuoteForShell(name).c_str()));
   const int32_t result = ReplaceHostsName(old_name, name, ifname);
   if (result != 0) return result;
   if (restart != 0) {

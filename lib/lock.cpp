@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "lib/codes.h"
 #include "lib/libbh.h"
 
 namespace {
@@ -23,7 +24,6 @@ constexpr int OPEN_TO_ALL = 0666;
 
 constexpr int32_t LOCK_NO_KEY = -1;
 constexpr int32_t LOCK_NOT_READY = -2;
-constexpr int32_t NOW_LOCKING = -3;
 
 constexpr int LEVELS = 2;
 enum Level : unsigned short { MAIN = 0, INHERITED = 1 };

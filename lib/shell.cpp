@@ -20,6 +20,20 @@ std::string FormatText(const char *format, ...) {
   return length < 0 ? "" : std::string(text, static_cast<size_t>(length));
 }
 
+std::string QuoteForShell(const std::string &text) {
+  constexpr const char *PLAIN =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-+=%@:,./";
+  if (!text.empty() && text.find_first_not_of(PLAIN) == text.npos) return text;
+  std::string quoted = "'";
+  for (const char character : text) {
+    if (character == '\'')
+      quoted += "'\\''";
+    else
+      quoted += character;
+  }
+  return quoted + "'";
+}
+
 int RunShell(const std::string &command) {
   return system(command.c_str());
 }

@@ -9,6 +9,10 @@
 // printf into a text.
 std::string FormatText(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// The text as one word of a command line: in single quotes if the shell would act on any of its
+// characters, else as it is.
+std::string QuoteForShell(const std::string &text);
+
 // Runs the command line in a shell and waits for it. The status as system() returns it.
 int RunShell(const std::string &command);
 

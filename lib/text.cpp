@@ -40,9 +40,9 @@ FilePtr OpenRegularFile(const char *path) {
   return IfRegular(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY), "r");
 }
 
-FilePtr CreateRegularFile(const char *path) {
+FilePtr CreateRegularFile(const char *path, mode_t mode) {
   constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW;
-  return IfRegular(open(path, FLAGS | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666), "w");
+  return IfRegular(open(path, FLAGS | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode), "w");
 }
 
 int ReadTextFile(const char *path, std::string &content) {
@@ -101,8 +101,9 @@ std::string WithoutNewline(std::string line) {
 }
 
 bool FileExists(const char *path) {
-  struct stat status = {};
-  return stat(path, &status) == 0;
+  const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (file >= 0) close(file);
+  return file >= 0;
 }
 
 int32_t ToNumber(const char *text) {

@@ -4,6 +4,8 @@
 #ifndef BH_LIB_TEXT_H_
 #define BH_LIB_TEXT_H_
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -36,7 +38,7 @@ FilePtr OpenRegularFile(const char *path);
 
 // Creates or empties the file for writing if it is a regular one, and no symbolic link leads to it:
 // for directories in which others may leave things. Null otherwise.
-FilePtr CreateRegularFile(const char *path);
+FilePtr CreateRegularFile(const char *path, mode_t mode = 0666);
 
 // Reads the file whole into `content`. Returns 0, or the errno of the failed open or read (EISDIR
 // for a directory) with `content` empty.
@@ -66,6 +68,7 @@ bool Mentions(std::string_view text, std::string_view part);
 // `line` without its newline, if it has one.
 std::string WithoutNewline(std::string line);
 
+// Whether the file can be opened for reading; a FIFO does not keep the caller waiting.
 bool FileExists(const char *path);
 
 // Room for the digits of a number and their NUL, where a text is scanned for one.
