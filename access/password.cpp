@@ -80,8 +80,8 @@ std::optional<std::string> FindHash(const char *user) {
 }  // namespace
 
 int32_t CheckPassword(const char *password) {
-  const bool by_account = daemon_state.product_id == 0x2001 || daemon_state.product_id == 0x2002;
-  return by_account ? CheckPassword_NEW("admin", password) : CheckPassword_OLD("root", password);
+  return is_zeph_product() ? CheckPassword_NEW("admin", password)
+                           : CheckPassword_OLD("root", password);
 }
 
 int32_t CheckPassword_OLD(const char * /*user*/, const char *password) {

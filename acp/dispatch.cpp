@@ -16,6 +16,8 @@
 #include "daemon/process.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "firmware/update_end.h"
+#include "firmware/update_request.h"
 #include "handlers/command.h"
 #include "handlers/discover.h"
 #include "handlers/status.h"
@@ -38,6 +40,17 @@ int32_t AnswerPing(const AcpRequest &request) {
   return 0;
 }
 
+int32_t StartUpdate(const AcpRequest &request) {
+  const int32_t variant = RequestHeader(request).command == ACP_FIRMUP3 ? 3 : 2;
+  daemon_state.firm_down_chpid = is_zeph_product() ? ACP_Firmup_Zeph_Reply(request, variant)
+                                                   : ACP_Firmup_Reply(request, variant);
+  return 0;
+}
+
+int32_t EndUpdate(const AcpRequest &request) {
+  return ACP_firmup_end_reply(request, daemon_state.firm_down_chpid);
+}
+
 struct Command {
   uint16_t code;
   const char *notice;  // to syslog before the trace line; may be null
@@ -57,13 +70,13 @@ const Command COMMANDS[] = {
     {ACP_CMD, nullptr, "-- ACP_CMD\r\n", ACP_command_reply},
     {ACP_RESULT, nullptr, "-- ACP_RESULT\r\n", ACP_result_reply},
     {ACP_INFO_RAID, nullptr, "-- ACP_INFO_RAID\n", ACP_Info_RAID_Reply},
+    {ACP_FIRMUP_END, UPDATE_END, "-- ACP_FIRMUP_END\r\n", EndUpdate},
+    {ACP_FIRMUP2, UPDATE_START, "-- ACP_FIRMUP2\r\n", StartUpdate},
+    {ACP_FIRMUP3, UPDATE_START, "-- ACP_FIRMUP3\r\n", StartUpdate},
     {ACP_DISCOVER_REPLY, nullptr, "-- ACP_DISCOVER_REPLY\r\n", nullptr},
 
     // Recognised, and not answered as long as their handlers are not built.
     {ACP_CHANGE_IP, nullptr, "-- ACP_CHANGE_IP\r\n", nullptr},
-    {ACP_FIRMUP_END, UPDATE_END, "-- ACP_FIRMUP_END\r\n", nullptr},
-    {ACP_FIRMUP2, UPDATE_START, "-- ACP_FIRMUP2\r\n", nullptr},
-    {ACP_FIRMUP3, UPDATE_START, "-- ACP_FIRMUP3\r\n", nullptr},
     {ACP_SPECIAL, nullptr, "-- ACP_SPECIAL\r\n", nullptr},
 };
 

@@ -138,16 +138,21 @@ int32_t MakeReplyHeader(uint8_t *reply, uint16_t command, uint16_t option_size,
   return outcome;
 }
 
-void SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result) {
+int32_t SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result) {
   const uint16_t option_size = static_cast<uint16_t>(reply.length - ACP_HEADER_SIZE);
   MakeReplyHeader(reply.bytes.get(), command, option_size, RequesterMac(request), result);
-  SendPreparedReply(request, std::move(reply));
+  return SendPreparedReply(request, std::move(reply));
 }
 
-void SendPreparedReply(const AcpRequest &request, Reply reply) {
+int32_t SendPreparedReply(const AcpRequest &request, Reply reply) {
   SwapAcpHeader({reply.bytes.get(), reply.length}, Conversion::kToWire);
-  SendPacket(request.sock, request.peer_port, reply.bytes.get(), reply.length, BROADCAST_ADDRESS,
-             request.if_mac);
+  return SendPacket(request.sock, request.peer_port, reply.bytes.get(), reply.length,
+                    BROADCAST_ADDRESS, request.if_mac);
+}
+
+int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state) {
+  Reply reply = AllocateReply(0);
+  return reply.bytes ? SendReply(request, std::move(reply), command, state) : -1;
 }
 
 int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,

@@ -39,11 +39,14 @@ int32_t MakeReplyHeader(uint8_t *reply, uint16_t command, uint16_t option_size,
                         const uint8_t *requester_mac, uint32_t result);
 
 // Header, conversion, frame and release in one: the option size is what the reply holds behind the
-// header.
-void SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result);
+// header. Returns what SendPacket does.
+int32_t SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result);
 
 // The same for a reply that has its header already, in host order.
-void SendPreparedReply(const AcpRequest &request, Reply reply);
+int32_t SendPreparedReply(const AcpRequest &request, Reply reply);
+
+// The same for a reply that is its header alone. Without memory nothing is sent, and -1 returned.
+int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state);
 
 // Writes one Ethernet/IPv4/UDP frame to the served interface. `sock` is not used. Port and
 // address in network byte order; `dst_ip` 0xFFFFFFFF is the broadcast. `payload`: `length` bytes in

@@ -40,6 +40,10 @@ bool IsServer() {
   return daemon_state.server_pid == getpid();
 }
 
+bool IsInstalling() {
+  return daemon_state.installing != 0 || is_fw_updating() != 0;
+}
+
 void LogExit(int code) {
   syslog(LOG_EMERG, "kv_serv_exit() exit kv_servd. code=%d\n", code);
   DebugPrint("kv_serv_exit() exit kv_servd. code=%d\n", code);
@@ -82,6 +86,10 @@ void TellUpdating() {
 
 void ForgetChild(pid_t pid) {
   if (pid == daemon_state.cmd_chpid) daemon_state.cmd_chpid = 0;
+  if (pid == daemon_state.live_led) daemon_state.live_led = 0;
+  for (volatile pid_t &receiver : daemon_state.live_receivers) {
+    if (pid == receiver) receiver = 0;
+  }
 }
 
 void sigchld_handler(int) {
@@ -121,7 +129,7 @@ void kv_serv_exit(int code) {
   const int saved_errno = errno;
   if (code == SIGSEGV) {
     EndAfterCrash(code);
-  } else if (is_fw_updating() != 0) {
+  } else if (IsInstalling()) {
     TellUpdating();
   } else if (IsForkedChild()) {
     _exit(0);  // the pid file, the log line and the lock are the living server's
@@ -135,7 +143,7 @@ void kv_serv_exit(int code) {
 
 void BeginWait() {
   daemon_state.waiting = 1;
-  if (daemon_state.exit_pending != 0 && is_fw_updating() == 0) EndServer(daemon_state.exit_pending);
+  if (daemon_state.exit_pending != 0 && !IsInstalling()) EndServer(daemon_state.exit_pending);
 }
 
 void EndWait() {

@@ -15,3 +15,7 @@ void set_mode_flags(uint32_t value) {
 int is_fw_updating() {
   return daemon_state.fw_updating;
 }
+
+bool is_zeph_product() {
+  return daemon_state.product_id == 0x2001 || daemon_state.product_id == 0x2002;
+}

@@ -32,11 +32,12 @@ struct DaemonState {
   uint32_t product_id;
   FILE *trace_fp;  // trace file of -a
   uint8_t enable_mac[6];
-  int enable_state = -1;       // 0 while command mode is enabled for enable_mac
-  int password_verified = -1;  // 0 after the administrator password was verified
-  pid_t led_pid;
+  int enable_state = -1;              // 0 while command mode is enabled for enable_mac
+  int password_verified = -1;         // 0 after the administrator password was verified
+  pid_t led_pid;                      // last blink child
   pid_t firm_down_chpid;              // image receiver started by the last update request
   uint8_t own_mac[6];                 // destination filter of the dispatcher, read on first use
+  volatile sig_atomic_t installing;   // nonzero from an image's acceptance to the last reply
   volatile sig_atomic_t fw_updating;  // nonzero while a firmware image is being written
   char password_file[128];
   char firm_mem_path[128] = "/tmp/kv_firm_mem";
@@ -45,9 +46,14 @@ struct DaemonState {
   char system_part[64];  // mount directories of a disk installation
   char zip_part[64];
   char zip_pass[512];
-  int recv_fd, listen_fd, accept_fd, max_fd;  // of the image receiver
+  int recv_fd = -1, listen_fd = -1, accept_fd = -1, max_fd = -1;  // of the image receiver
   KeyEntry *key_list;
   uint8_t mac_buffer[6];  // address last parsed by the MAC programming
+
+  // Children that may be signalled and waited for; 0 once they are collected, when their numbers
+  // may already be somebody else's.
+  volatile pid_t live_led;
+  volatile pid_t live_receivers[4];  // of image uploads; more than one lives only for a moment
 
   // Who may clean up, and when: see daemon/signals.
   pid_t server_pid;                    // this server; 0 until the process serves
@@ -60,5 +66,9 @@ extern DaemonState daemon_state;
 uint32_t get_mode_flags();
 void set_mode_flags(uint32_t value);
 int is_fw_updating();
+
+// Whether this is a product of the ZEPH family, which keeps its administrator among the system's
+// accounts.
+bool is_zeph_product();
 
 #endif  // BH_DAEMON_STATE_H_

@@ -158,9 +158,7 @@ int32_t ACP_command_reply(const AcpRequest &request) {
     if (command.type == COMMAND_TO_FILE) result = RunToFile(command);
     if (command.type < COMMAND_TO_FILE) result = RunWords(command);
   }
-  Reply reply = AllocateReply(0);
-  if (reply.bytes)
-    SendReply(request, std::move(reply), ACP_CMD_REPLY, static_cast<uint32_t>(result));
+  SendState(request, ACP_CMD_REPLY, static_cast<uint32_t>(result));
   return 0;
 }
 

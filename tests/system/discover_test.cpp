@@ -10,8 +10,6 @@ using wire::Hex;
 
 namespace {
 
-constexpr char kDiscover[] = "20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00";
-
 void Put(Bytes &bytes, size_t offset, const Bytes &part) {
   std::copy(part.begin(), part.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
 }

@@ -2,12 +2,15 @@
 
 #include "tests/system/fixture.h"
 
+#include <arpa/inet.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+#include "access/cipher.h"
 
 namespace {
 
@@ -83,6 +86,30 @@ wire::Bytes SystemTest::Ask(const wire::Bytes &request) {
 
 void SystemTest::ExpectAlive() {
   EXPECT_EQ(Ask(wire::Request(kPing)).size(), 32U);
+}
+
+void SystemTest::TakeKey() {
+  discovered = Ask(wire::Request(kDiscover));
+  ASSERT_EQ(discovered.size(), 320U);
+}
+
+wire::Bytes SystemTest::Encoded(const std::string &password) {
+  const uint32_t key = htonl(wire::Number(discovered, 44));  // its first byte is the highest
+  wire::Bytes clear(password.begin(), password.end());
+  clear.resize((clear.size() / CIPHER_BLOCK + 1) * CIPHER_BLOCK);
+  wire::Bytes encoded(clear.size() + 1);
+  for (size_t at = 0; at < clear.size(); at += CIPHER_BLOCK)
+    EncryptBlock(encoded.data() + at, clear.data() + at, key);
+  return encoded;
+}
+
+std::string SystemTest::Bhctl(const std::string &arguments) {
+  const std::string options = " --mac 02:0b:4a:00:00:10 -i " + board.wires[0] + " ";
+  FILE *pipe = popen((BHCTL_PATH + options + arguments + " 2>&1 </dev/null").c_str(), "re");
+  std::string output;
+  for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe))
+    output += static_cast<char>(c);
+  return output + "exit " + std::to_string(WEXITSTATUS(pclose(pipe)));
 }
 
 std::string SystemTest::Syslog() {

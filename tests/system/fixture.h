@@ -32,16 +32,25 @@ class SystemTest : public testing::Test {
   wire::Bytes Ask(const wire::Bytes &request);
   void ExpectAlive();  // a ping is answered
 
+  // Discovers, and so has a key issued under which passwords are encoded.
+  void TakeKey();
+  wire::Bytes Encoded(const std::string &password);  // whole blocks and a zero byte
+
+  // Runs bhctl at the client's end: its output, errors too, and "exit N".
+  std::string Bhctl(const std::string &arguments);
+
   std::string Syslog();  // "<priority>message" a line
   std::string Trace();
   bool AwaitSyslog(const std::string &text);
 
   board::Board board;
   wire::Client client;
+  wire::Bytes discovered;  // by TakeKey
 };
 
 // Requests without a body, up to their MAC addresses.
 constexpr char kPing[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
+constexpr char kDiscover[] = "20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00";
 constexpr char kDisk[] = "20 00 00 00 07 00 01 00 90 80 00 00 00 00 00 00";
 
 #endif  // BH_TESTS_SYSTEM_FIXTURE_H_
