@@ -1,0 +1,149 @@
+// An upload of 64 MiB over the wire, beside a bare receive loop into a shared segment; and the
+// image's checksum beside a plain sum over the same memory.
+
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include "acp/packet.h"
+#include "bench/round_trip.h"
+#include "daemon/signals.h"
+#include "daemon/state.h"
+#include "firmware/image.h"
+#include "firmware/receiver.h"
+
+namespace {
+
+constexpr uint32_t kImageSize = 64 << 20;  // bytes
+constexpr size_t kPiece = 64 << 10;
+
+struct sockaddr_in Address(const char *dotted) {
+  struct sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(ACP_PORT);
+  inet_pton(AF_INET, dotted, &address.sin_addr);
+  return address;
+}
+
+// Each takes one upload, on the board, and gives the exit status.
+int ReceiveAsDaemon() {
+  daemon_state.ifname = "eth0";
+  if (!CreateImage(kImageSize) || InstallChildHandler() != 0) return 1;
+  const pid_t receiver = firm_recive(kImageSize);
+  while (receiver > 0 && daemon_state.live_receivers[0] != 0)
+    pause();
+  return ReceivedImage().size == kImageSize ? 0 : 1;
+}
+
+int ReceiveBare() {
+  const int id = shmget(IPC_PRIVATE, kImageSize, IPC_CREAT | 0600);
+  auto *const segment = static_cast<uint8_t *>(shmat(id, nullptr, 0));
+  shmctl(id, IPC_RMID, nullptr);
+  memset(segment, 0, kImageSize);
+  const int server = socket(AF_INET, SOCK_STREAM, 0);
+  const struct sockaddr_in address = Address("0.0.0.0");
+  const int on = 1;
+  setsockopt(server, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const bool bound =
+      bind(server, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0 &&
+      listen(server, 1) == 0;
+  const int peer = bound ? accept(server, nullptr, nullptr) : -1;
+  size_t received = 0;
+  ssize_t got = peer < 0 ? 0 : 1;
+  while (got > 0 && received < kImageSize) {
+    got = recv(peer, segment + received, kImageSize - received, 0);
+    if (got > 0) received += static_cast<size_t>(got);
+  }
+  if (peer >= 0) close(peer);
+  close(server);
+  return received == kImageSize ? 0 : 1;
+}
+
+int Connect(const char *dotted) {
+  const struct sockaddr_in address = Address(dotted);
+  int peer = -1;
+  const auto connected = [&] {
+    peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(peer, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0)
+      return true;
+    close(peer);
+    return false;
+  };
+  return board::WaitFor(connected) ? peer : -1;
+}
+
+void SendImage(int peer) {
+  static const std::vector<uint8_t> piece(kPiece, 0xA5);
+  ssize_t sent = 0;
+  for (size_t left = kImageSize; left > 0 && sent >= 0; left -= static_cast<size_t>(sent))
+    sent = send(peer, piece.data(), std::min(left, piece.size()), MSG_NOSIGNAL);
+}
+
+// From the first byte until the receiver knows that it has all.
+void Upload(benchmark::State &state, int (*receive)()) {
+  std::optional<board::Board> board = BootFor(state);
+  if (!board) return;
+  while (state.KeepRunning()) {
+    const pid_t server = board::Fork(*board);
+    if (server == 0) _exit(receive());
+    const int peer = Connect("192.168.40.2");
+    const auto start = std::chrono::steady_clock::now();
+    SendImage(peer);
+    if (board::Wait(server).exit_code != 0) state.SkipWithError("the image did not arrive");
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
+    close(peer);
+    state.SetIterationTime(time.count());
+  }
+  state.SetBytesProcessed(state.iterations() * int64_t{kImageSize});
+  board::Halt(*board);
+}
+
+void UploadToDaemon(benchmark::State &state) {
+  Upload(state, ReceiveAsDaemon);
+}
+
+void UploadBare(benchmark::State &state) {
+  Upload(state, ReceiveBare);
+}
+
+const std::vector<uint8_t> &ChecksumImage() {
+  static const std::vector<uint8_t> image(kImageSize, 0x5A);
+  return image;
+}
+
+void PlainSum(benchmark::State &state) {
+  const std::vector<uint8_t> &image = ChecksumImage();
+  while (state.KeepRunning()) {
+    uint32_t sum = 0;
+    for (size_t i = 0; i < image.size(); i += sizeof(sum)) {
+      uint32_t word = 0;
+      memcpy(&word, image.data() + i, sizeof(word));
+      sum += word;
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetBytesProcessed(state.iterations() * int64_t{kImageSize});
+}
+
+void Checksum(benchmark::State &state) {
+  while (state.KeepRunning())
+    benchmark::DoNotOptimize(ImageChecksum(ChecksumImage()));
+  state.SetBytesProcessed(state.iterations() * int64_t{kImageSize});
+}
+
+BENCHMARK(UploadBare)->Name("upload/bare")->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(UploadToDaemon)->Name("upload/receiver")->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(PlainSum)->Name("checksum/plain_sum")->Unit(benchmark::kMillisecond);
+BENCHMARK(Checksum)->Name("checksum/image")->Unit(benchmark::kMillisecond);
+
+}  // namespace
