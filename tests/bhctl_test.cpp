@@ -2,8 +2,11 @@
 // command line.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <string>
@@ -13,9 +16,12 @@
 #include "tools/bhctl/discover.h"
 #include "tools/bhctl/drive.h"
 #include "tools/bhctl/exec.h"
+#include "tools/bhctl/image.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/session.h"
 #include "tools/bhctl/text.h"
+#include "tools/bhctl/upgrade.h"
+#include "tools/bhctl/upload.h"
 #include "tools/bhctl/wire.h"
 
 namespace {
@@ -80,6 +86,8 @@ TEST(BhctlReply, MalformedAndForeignOnesDoNotCount) {
   EXPECT_FALSE(Accepted(ReplyText("\x40\xC0\4\0"s, D(1)), PingRequest()));
   EXPECT_FALSE(Accepted(ReplyText("\x20\xCA\x0B\0"s, D(11)), ResultRequest()));
   EXPECT_TRUE(Accepted(ReplyText("\x40\xC0\4\0"s, ""), PingRequest()));  // an echo of the header
+  EXPECT_FALSE(Accepted(ReplyText("\0\0\0\0"s, ""), PingRequest()));
+  EXPECT_TRUE(Accepted(ReplyText("\x71\xC0\0\0"s, ""), UpdateEndRequest(true)));
 }
 
 TEST(BhctlReply, FieldsAreLittleEndianAndTextsEnd) {
@@ -203,6 +211,49 @@ TEST(BhctlSession, PasswordsAreEncodedOnlyWhereTheApplianceDecodesThem) {
   }
 }
 
+TEST(BhctlUpgrade, RequestsOnTheWire) {
+  const string NOTHING = "\x12\x44\x22\x8A\x6C\x90\x4C\x34";
+  const string GATE = "\x54\x70\x65\x8D\x63\xF1\x47\x51";
+  string xs = "\x6A\x44\x5A\x8A\x6C\xE8\x4C\x4C";
+  xs += xs + xs + xs;
+  const string IMAGE = "\5\0\0\0\x34\x12\0\0\x78\x56\x34\x12\xCC\xCA\xC8\xC6"s + string(8, 0);
+  const std::tuple<uint16_t, Secret, std::optional<Secret>, string> CASES[] = {
+      {0x8080, {""}, {}, NOTHING + string(4, 0)},  // as long as the whole record
+      {0x8080, {string(32, 'x')}, {}, xs + "\0"s},
+      {0x8081, {"", 8}, {{"FernGate", 511}}, NOTHING + "\x08\0\0\0"s + GATE + "\0"s},
+      {0x8081, {"FernGate", 8}, {{string(64, 'x'), 511}}, GATE + "\x40\0\0\0"s + xs + xs + "\0"s},
+  };
+  for (const auto &[command, password, zip_password, rest] : CASES) {
+    const Update update = {5, 0x1234, 0x12345678, 0xC6C8CACC, password, zip_password};
+    const Request sent = UpdateRequest(update, 0x12345678);
+    EXPECT_EQ(std::tuple(sent.command, sent.body), std::tuple(command, Bytes(IMAGE + rest)));
+  }
+  EXPECT_EQ(EncodeRequest(UpdateEndRequest(false), CLIENT, APPLIANCE),
+            Bytes("\x20\0\0\0\x07\0\x01\0\x70\x80\0\0\0\0\0\0"
+                  "\x02\xCC\0\0\0\x10\x02\xBB\0\0\0\x01\1\0\0\0"s));
+}
+
+TEST(BhctlUpgrade, ImagesFitTheProtocolAndHaveAChecksum) {
+  const string path = testing::TempDir() + "bhctl-image-" + std::to_string(getpid());
+  const std::tuple<string, uint64_t, string, uint32_t> CASES[] = {
+      {"abc", 3, "", 0x61626300},
+      {"abcde", 5, "", 0xC6626364},
+      {"abcdefgh", 8, "", 0xC6C8CACC},
+      {string(65536, 1) + "abcde", 65541, "", 0x06A2A364},  // more than a piece
+      {"", 0, "empty", 0},
+      {"", 4294967040, "larger than the 4294967039 bytes that the protocol has room for", 0},
+  };
+  for (const auto &[content, size, refusal, checksum] : CASES) {
+    std::ofstream(path) << content;
+    std::filesystem::resize_file(path, size);  // beyond the content it takes no room
+    Image image;
+    string why;
+    EXPECT_EQ(OpenImage(path, &image, &why), refusal.empty()) << size;
+    EXPECT_EQ(std::tie(why, image.checksum), std::tie(refusal, checksum)) << size;
+  }
+  std::filesystem::remove(path);
+}
+
 string OutcomeText(uint32_t type, uint32_t result, const string &body = "") {
   const std::optional<CommandOutcome> outcome = ReadOutcome(type, result, Bytes(body));
   if (!outcome) return "senseless";
@@ -243,6 +294,10 @@ TEST(BhctlText, IsShortAndCommandsNoTerminal) {
             (Texts{"1%", "100%", "-", "0%"}));  // 0.1% counts as 1%
   EXPECT_EQ((Texts{GigabytesText(500'107'862'016), StateName(0x8000000A), StateName(0xABCDEF)}),
             (Texts{"500.1 GB", "ACP_STATE_NOT_PERMIT", "0x00ABCDEF"}));
+  EXPECT_EQ(ProgressText(12'345'678, 16'777'216, std::chrono::milliseconds(1250)),
+            "  12.3 MB of 16.7 MB  73%  9.8 MB/s  0:00 left");
+  EXPECT_EQ(ProgressText(1000, 4'294'967'039, std::chrono::milliseconds(100)),
+            "  1.0 kB of 4.2 GB  0%  10.0 kB/s  7158:16 left");
   EXPECT_EQ(SafeText("\x1B[31m\n\x7F~/ \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \xC2\x9B[ \xC2\xA0"),
             "?[31m??~/ \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 ??[ \xC2\xA0");
   EXPECT_EQ(SafeText("\x80 \xC3( \xC0\xAF \xE0\x80\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xFF \xC3"),
@@ -264,6 +319,7 @@ TEST(BhctlText, IsShortAndCommandsNoTerminal) {
 
 TEST(BhctlCommandLine, UsageErrorsAndHelp) {
   // Most name an interface that is refused: nothing is sent, not even when an error is overlooked.
+  const string IMAGE = "'" BHCTL_PATH "' --type 2 ";
   const std::tuple<string, int, string> CASES[] = {
       {"", 2, "a command is needed"},
       {"--json partitoin /", 2, "unknown command 'partitoin', did you mean 'partition'?\n"},
@@ -286,6 +342,16 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
       {"ping -i ''", 2, "--interface needs a name"},
       {"-i bh-no-such-if ping", 2, "no such interface: bh-no-such-if"},
       {"-i lo ping --password a --password-stdin", 2, "exclude each other"},
+      {"-i lo upgrade x", 2, "--type is required"},
+      {"-i lo upgrade x --type 0", 2, "--type must be a number from 1 to 0xffffffff, not '0'"},
+      {"-i lo upgrade x --type 0x2 --product 4294967296", 2, "--product must be a number from 0"},
+      {"-i lo upgrade x --type 2 --zip-password ''", 2, "--zip-password must not be empty"},
+      {"-i lo upgrade /no/image --type 2", 2, "cannot send /no/image: No such file"},
+      {"-i lo upgrade / --type 2", 2, "cannot send /: not a regular file"},
+      {"-i lo upgrade " + IMAGE + "--password " + D(33), 2, "can have at most 32 bytes"},
+      {"-i lo upgrade " + IMAGE + "--zip-password " + D(512), 2, "can have at most 511 bytes"},
+      {"-i lo upgrade " + IMAGE + "--zip-password a --password 123456789", 2, "at most 8 bytes"},
+      {"-i lo upgrade " + IMAGE + "--password-stdin", 2, "no password on standard input"},
       {"--help", 0, "  partition  "},
   };
   for (const auto &[arguments, status, wanted] : CASES) {

@@ -21,36 +21,20 @@
 #include <string>
 #include <utility>
 
+#include "tools/bhctl/interrupt.h"
 #include "tools/bhctl/print.h"
 
 namespace bhctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
 
 // Answers to a broadcast come in a burst; this long a silence ends it.
-constexpr std::chrono::milliseconds SILENCE{250};
+constexpr Milliseconds SILENCE{250};
 // Room in the socket for the burst of a large network. The kernel counts 1 to 2.5 KB for a
 // datagram, however short, and grants twice what is asked for.
 constexpr int RECEIVE_BUFFER = 4 * 1024 * 1024;
-
-struct Interface {
-  std::string name;
-  int index = 0;
-  unsigned int flags = 0;  // IFF_*
-  Mac mac = {};            // that requests name as the requester
-  bool has_ipv4 = false;
-};
-
-struct Descriptor {
-  int fd = -1;
-  explicit Descriptor(int descriptor) : fd(descriptor) {}
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
-  ~Descriptor() {
-    if (fd >= 0) close(fd);
-  }
-};
 
 struct IfAddrsDeleter {
   void operator()(ifaddrs *list) const {
@@ -216,18 +200,23 @@ ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int *i
   return length;
 }
 
-// Waits for one datagram until `deadline`; nothing when it is malformed or none came. In a burst
-// the socket is emptied without a wait between two datagrams.
-std::optional<Reply> ReceiveReply(const Descriptor &socket, Clock::time_point deadline,
-                                  int *interface_index) {
+bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
+                  Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+  pollfd watched[] = {{socket.fd, POLLIN, 0}, {interrupt.fd, POLLIN, 0}};
+  if (poll(watched, 2, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) return false;
+  return watched[0].revents != 0;
+}
+
+// Waits for one datagram until `deadline` or an interrupt; nothing when it is malformed or none
+// came. In a burst the socket is emptied without a wait between two datagrams.
+std::optional<Reply> ReceiveReply(const Exchange &exchange, Clock::time_point deadline,
+                                  const Descriptor &interrupt, int *interface_index) {
   uint8_t datagram[LARGEST_REPLY + 1];  // one more, so that a longer one shows
-  ssize_t length = ReceiveNow(socket, datagram, interface_index);
+  ssize_t length = ReceiveNow(exchange.socket, datagram, interface_index);
   if (length < 0) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd readable = {socket.fd, POLLIN, 0};
-    if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0)
-      return std::nullopt;
-    length = ReceiveNow(socket, datagram, interface_index);
+    if (!WaitReadable(exchange.socket, interrupt, deadline)) return std::nullopt;
+    length = ReceiveNow(exchange.socket, datagram, interface_index);
   }
   if (length < 0 || static_cast<size_t>(length) > LARGEST_REPLY) return std::nullopt;
   return DecodeReply(Bytes(datagram, static_cast<size_t>(length)));
@@ -242,17 +231,57 @@ std::string AnsweredInterface(const std::vector<Interface> &asked, const Mac &ma
   return found == nullptr ? "" : found->name;
 }
 
+Answer MakeAnswer(const Exchange &exchange, const Reply &reply, int index) {
+  Answer answer;
+  std::copy_n(reply.header.src_mac, MAC_SIZE, answer.mac.begin());
+  std::copy_n(reply.header.dst_mac, MAC_SIZE, answer.src_mac.begin());
+  answer.interface = AnsweredInterface(exchange.asked, answer.src_mac, index);
+  answer.state = reply.header.result;
+  answer.body = reply.body;
+  answer.round_trip =
+      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - exchange.sent);
+  answer.command = reply.header.command;
+  return answer;
+}
+
+std::vector<Mac> OwnMacs(const std::vector<Interface> &asked) {
+  std::vector<Mac> macs(asked.size());
+  std::transform(asked.begin(), asked.end(), macs.begin(),
+                 [](const Interface &interface) { return interface.mac; });
+  return macs;
+}
+
+std::optional<Answer> NextAnswer(const Exchange &exchange, Clock::time_point deadline,
+                                 const Descriptor &interrupt) {
+  const std::vector<Mac> own_macs = OwnMacs(exchange.asked);
+  while (Clock::now() < deadline && !Interrupted(interrupt)) {
+    int index = 0;
+    const std::optional<Reply> reply = ReceiveReply(exchange, deadline, interrupt, &index);
+    if (reply && AnswersRequest(*reply, exchange.request, own_macs, exchange.wanted))
+      return MakeAnswer(exchange, *reply, index);
+  }
+  return std::nullopt;
+}
+
 // False for an appliance that has answered already: one that several interfaces lead to does so
 // once for each.
-bool AddAnswer(const Reply &reply, Answer answer, std::vector<Answer> *answers) {
-  std::copy_n(reply.header.src_mac, MAC_SIZE, answer.mac.begin());
+bool AddAnswer(Answer answer, std::vector<Answer> *answers) {
   if (std::any_of(answers->begin(), answers->end(),
                   [&](const Answer &other) { return other.mac == answer.mac; }))
     return false;
-  answer.state = reply.header.result;
-  answer.body = reply.body;
   answers->push_back(std::move(answer));
   return true;
+}
+
+void Collect(const Exchange &exchange, std::chrono::microseconds timeout,
+             std::vector<Answer> *answers) {
+  const Clock::time_point last = exchange.sent + timeout;
+  Clock::time_point deadline = last;
+  while (std::optional<Answer> answer = NextAnswer(exchange, deadline, Descriptor())) {
+    if (!AddAnswer(std::move(*answer), answers)) continue;
+    if (exchange.wanted) return;
+    if (!exchange.request.whole_timeout) deadline = std::min(last, Clock::now() + SILENCE);
+  }
 }
 
 void WarnOfOverflow(const Descriptor &socket) {
@@ -263,50 +292,34 @@ void WarnOfOverflow(const Descriptor &socket) {
     PrintError("answers are missing: they came faster than this machine took them");
 }
 
-std::vector<Mac> OwnMacs(const std::vector<Interface> &asked) {
-  std::vector<Mac> macs(asked.size());
-  std::transform(asked.begin(), asked.end(), macs.begin(),
-                 [](const Interface &interface) { return interface.mac; });
-  return macs;
-}
-
-void Collect(const Descriptor &socket, const Options &options, const Request &request,
-             const std::vector<Interface> &asked, Clock::time_point sent,
-             std::vector<Answer> *answers) {
-  const std::vector<Mac> own_macs = OwnMacs(asked);
-  const Clock::time_point last = sent + options.timeout;
-  Clock::time_point deadline = last;
-  while (Clock::now() < deadline) {
-    int index = 0;
-    const std::optional<Reply> reply = ReceiveReply(socket, deadline, &index);
-    if (!reply || !AnswersRequest(*reply, request, own_macs, options.mac)) continue;
-    const Clock::time_point now = Clock::now();
-    Answer answer;
-    answer.round_trip = std::chrono::duration_cast<std::chrono::microseconds>(now - sent);
-    std::copy_n(reply->header.dst_mac, MAC_SIZE, answer.src_mac.begin());
-    answer.interface = AnsweredInterface(asked, answer.src_mac, index);
-    if (!AddAnswer(*reply, std::move(answer), answers)) continue;
-    if (options.mac) return;
-    if (!request.whole_timeout) deadline = std::min(last, now + SILENCE);
-  }
-}
-
 }  // namespace
 
-int Ask(const Options &options, const Request &request, std::vector<Answer> *answers) {
-  std::vector<Interface> interfaces;
-  int status = ChooseInterfaces(options.interface, &interfaces);
+int Begin(const Options &options, const Request &request, Exchange *exchange) {
+  int status = ChooseInterfaces(options.interface, &exchange->asked);
   if (status != EXIT_DONE) return status;
-  const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  status = PrepareSocket(socket, options.interface);
+  exchange->socket = Descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  status = PrepareSocket(exchange->socket, options.interface);
   if (status != EXIT_DONE) return status;
-  for (Interface &interface : interfaces)
+  for (Interface &interface : exchange->asked)
     interface.mac = options.src_mac.value_or(interface.mac);
-  const Clock::time_point sent = Clock::now();
-  SendRequest(socket, request, options.mac.value_or(BROADCAST_MAC), &interfaces);
-  if (interfaces.empty()) return EXIT_NO_ANSWER;
-  Collect(socket, options, request, interfaces, sent, answers);
-  if (!options.mac || answers->empty()) WarnOfOverflow(socket);
+  exchange->request = request;
+  exchange->wanted = options.mac;
+  exchange->sent = Clock::now();
+  SendRequest(exchange->socket, request, options.mac.value_or(BROADCAST_MAC), &exchange->asked);
+  return exchange->asked.empty() ? EXIT_NO_ANSWER : EXIT_DONE;
+}
+
+std::optional<Answer> Await(const Exchange &exchange, std::chrono::microseconds timeout,
+                            const Descriptor &interrupt) {
+  return NextAnswer(exchange, Clock::now() + timeout, interrupt);
+}
+
+int Ask(const Options &options, const Request &request, std::vector<Answer> *answers) {
+  Exchange exchange;
+  const int status = Begin(options, request, &exchange);
+  if (status != EXIT_DONE) return status;
+  Collect(exchange, options.timeout, answers);
+  if (!options.mac || answers->empty()) WarnOfOverflow(exchange.socket);
   if (!answers->empty()) return EXIT_DONE;
   PrintError("no answer");
   return EXIT_NO_ANSWER;

@@ -105,7 +105,7 @@ void AddInfoJson(const DiscoverInfo &info, Json *object) {
   (*object)["address"] = AddressText(info.address);
   (*object)["netmask"] = AddressText(info.netmask);
   AddStatusJson(info.status, object);
-  (*object)["key"] = KeyText(DiscoverKey(info));
+  (*object)["key"] = WordText(DiscoverKey(info));
   (*object)["host_name"] = FieldText(info.host_name);
   (*object)["workgroup"] = FieldText(info.workgroup);
   (*object)["product_name"] = FieldText(info.product_name);

@@ -19,8 +19,6 @@
 namespace bhctl {
 namespace {
 
-constexpr std::chrono::seconds DISCOVERY{2};  // at most; a command may take much longer
-
 // What an appliance has room for.
 constexpr std::ptrdiff_t MOST_WORDS = 31;
 constexpr size_t LONGEST_WORDS = 511;         // bytes
@@ -32,11 +30,6 @@ constexpr uint32_t HIGHEST_WAIT_STATUS = 0xFFFF;
 constexpr int SIGNALLED = 128;
 constexpr int SIGNAL_BITS = 0x7F;
 constexpr int NO_SHELL = 0xFF;  // the exit status of COMMAND_TO_FILE when system() gave -1
-
-void AddU32(std::vector<uint8_t> *out, uint32_t value) {
-  for (int shift = 0; shift < 32; shift += 8)
-    out->push_back(static_cast<uint8_t>(value >> shift & 0xFF));
-}
 
 // Up to the first NUL.
 std::string TextOf(Bytes bytes) {
@@ -122,10 +115,8 @@ bool ReadArguments(const Options &options, std::string *text, uint32_t *type) {
 // For one appliance over the interface that leads to it: two interfaces may well lead to the same
 // one, which would then run a command twice.
 int ChooseAppliance(const Options &options, Options *chosen) {
-  Options discovery = options;
-  discovery.timeout = std::min<std::chrono::microseconds>(options.timeout, DISCOVERY);
   Session session;
-  const int status = OpenSession(discovery, {}, &session);
+  const int status = OpenSession(options, {}, &session);
   *chosen = SessionOptions(options, session);
   return status;
 }

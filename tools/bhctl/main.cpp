@@ -10,6 +10,7 @@
 #include <exception>
 #include <map>
 #include <numeric>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/status.h"
 #include "tools/bhctl/text.h"
+#include "tools/bhctl/upgrade.h"
 
 namespace bhctl {
 namespace {
@@ -63,14 +65,24 @@ const SubCommand COMMANDS[] = {
      Exec,
      std::chrono::seconds{60}},
     {"result", "Fetch the output of a command that was run with --type 2", {}, Result},
+    {"upgrade",
+     "Install a firmware image on one appliance",
+     {{"IMAGE", "the image file", true},
+      {"--type", "kind of image, which says where the appliance installs it", true},
+      {"--product", "product ID that the image is for, the appliance's own if not given", false},
+      {"--zip-password", "password of an image that is an archive", false},
+      {"--dry-run", "check all that can be checked and tell, but change nothing", false, true}},
+     Upgrade,
+     std::chrono::seconds{600}},
 };
 
 constexpr const char *FOOTER =
     "Exit status:\n"
     "  0  done\n"
     "  1  the appliance refused; its state code is printed\n"
-    "  2  wrong usage, or no interface of the given name\n"
-    "  3  no answer came, or this machine could not send the request or write the result\n"
+    "  2  wrong usage, an image that cannot be sent, or no interface of the given name\n"
+    "  3  no answer came, or this machine could not send the request or the image, or write the "
+    "result\n"
     "  exec --type 1: the command's own; the above come with a message then";
 
 constexpr double LONGEST_TIMEOUT = 86400;  // seconds
@@ -95,7 +107,7 @@ void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
   app.add_option("-i,--interface", line->interface, "use this interface only")->type_name("NAME");
   app.add_option("--mac", line->mac, "address one appliance, not all")->type_name("MAC");
   app.add_option("--timeout", line->timeout,
-                 "wait this long for answers; 2 if not given, for exec 60")
+                 "wait this long for answers; 2 if not given, for exec 60, for upgrade 600")
       ->type_name("SECONDS");
   app.add_flag("--json", options->json, "print one JSON object a line for each appliance");
   app.add_option("--pass-phrase", line->pass_phrase,
@@ -170,9 +182,10 @@ int CheckLeftovers(const CLI::App &app) {
   return UsageError(UnknownCommand(word));
 }
 
-std::string Environment(const char *name) {
+std::optional<std::string> Environment(const char *name) {
   const char *value = std::getenv(name);
-  return value == nullptr ? "" : value;
+  if (value == nullptr) return std::nullopt;
+  return value;
 }
 
 int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *options) {
@@ -187,8 +200,9 @@ int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *op
   if (!(line.timeout > 0 && line.timeout <= LONGEST_TIMEOUT))
     return UsageError("--timeout must be greater than 0 and at most a day");
   options->timeout = std::chrono::microseconds(static_cast<int64_t>(std::ceil(line.timeout * 1e6)));
-  options->pass_phrase =
-      app.count("--pass-phrase") != 0 ? line.pass_phrase : Environment("BHCTL_PASS_PHRASE");
+  options->pass_phrase = app.count("--pass-phrase") != 0
+                             ? line.pass_phrase
+                             : Environment("BHCTL_PASS_PHRASE").value_or("");
   if (app.count("--password") != 0 && options->password_stdin)
     return UsageError("--password and --password-stdin exclude each other");
   if (app.count("--password") != 0)

@@ -26,7 +26,7 @@ struct Options {
   std::chrono::microseconds timeout{0};
   bool json = false;
   std::string pass_phrase;
-  std::string password;
+  std::optional<std::string> password;  // the administrator's; unset: none is given
   bool password_stdin = false;  // a command that needs the password reads it from standard input
   std::map<std::string, std::string> arguments;  // those given, by their names in the command table
 };

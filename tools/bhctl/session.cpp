@@ -15,8 +15,10 @@
 namespace bhctl {
 namespace {
 
-// About 1 key in 9 does not suit a password of four blocks; each password of a session counts.
-constexpr int MOST_KEYS = 8;
+constexpr std::chrono::seconds DISCOVERY{2};  // at most; the request may take much longer
+// About 1 key in 9 does not suit a password of four blocks, and only 1 in 8 suits one of 64; each
+// password of a session counts.
+constexpr int MOST_KEYS = 24;
 // Keys that are issued in the same second are equal; a little more than one, for the other's clock.
 constexpr std::chrono::milliseconds NEXT_SECOND{1100};
 
@@ -40,7 +42,8 @@ Mac InventMac() {
   return mac;
 }
 
-int DiscoverOne(const Options &options, Session *session) {
+int DiscoverOne(Options options, Session *session) {
+  options.timeout = std::min<std::chrono::microseconds>(options.timeout, DISCOVERY);
   std::vector<Answer> answers;
   const int status = Ask(options, DiscoverRequest(), &answers);
   if (status != EXIT_DONE) return status;
@@ -69,14 +72,14 @@ std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint3
   std::vector<uint8_t> encoded(clear.size());
   for (size_t at = 0; at < clear.size(); at += CIPHER_BLOCK)
     EncryptBlock(encoded.data() + at, clear.data() + at, key);
-  if (DecodePassword(encoded, key) != password.text) return std::nullopt;
+  if (DecodePassword(encoded, key, password.room + 1) != password.text) return std::nullopt;
   return encoded;
 }
 
 int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session *session) {
   for (const Secret &password : passwords) {
     if (IsPassword(password)) continue;
-    PrintError("this password can have at most " + std::to_string(password.room) +
+    PrintError(std::string(password.name) + " can have at most " + std::to_string(password.room) +
                " bytes and no NUL");
     return EXIT_USAGE;
   }

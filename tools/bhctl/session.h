@@ -28,6 +28,7 @@ struct Session {
 struct Secret {
   std::string text;
   size_t room = LONGEST_PASSWORD;
+  const char *name = "this password";  // in messages
 };
 
 // The password as a request carries it, in whole blocks of 8 bytes, at least one; a zero byte must
@@ -35,10 +36,10 @@ struct Secret {
 // all of it under this key, or for one that is too long or holds a NUL.
 std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint32_t key);
 
-// Discovers options.mac, or the only appliance that answers, and gets a key under which each of
-// `passwords` can be encoded; as long as the appliance's key is not such a one, discovers again as
-// another requester. Returns EXIT_DONE, or says on standard error what went wrong and returns
-// another ExitStatus.
+// Discovers options.mac, or the only appliance that answers, in at most 2 seconds, and gets a key
+// under which each of `passwords` can be encoded; as long as the appliance's key is not such a one,
+// discovers again as another requester. Returns EXIT_DONE, or says on standard error what went
+// wrong and returns another ExitStatus.
 int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session *session);
 
 // `options` for Ask() within the session: to its appliance alone, as its requester.

@@ -3,6 +3,7 @@
 #include "tools/bhctl/text.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 
@@ -139,15 +140,25 @@ std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avai
   return std::to_string((used * 100 + usable - 1) / usable) + "%";
 }
 
+std::optional<uint32_t> ParseU32(std::string_view text) {
+  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (hexadecimal) text.remove_prefix(2);
+  uint32_t number = 0;
+  const char *end = text.data() + text.size();
+  const auto [after, error] = std::from_chars(text.data(), end, number, hexadecimal ? 16 : 10);
+  if (error != std::errc() || after != end) return std::nullopt;
+  return number;
+}
+
 std::string HexText(uint32_t number) {
   char text[11];
   std::snprintf(text, sizeof text, "0x%" PRIx32, number);
   return text;
 }
 
-std::string KeyText(uint32_t key) {
+std::string WordText(uint32_t word) {
   char text[11];
-  std::snprintf(text, sizeof text, "0x%08" PRIx32, key);
+  std::snprintf(text, sizeof text, "0x%08" PRIx32, word);
   return text;
 }
 

@@ -35,8 +35,11 @@ std::string GigabytesText(uint64_t bytes);
 // Used part of what an unprivileged user could use, rounded up: "25%"; "-" where nothing is.
 std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avail);
 
+// The whole text is a decimal number, or a hexadecimal one that begins with "0x".
+std::optional<uint32_t> ParseU32(std::string_view text);
+
 std::string HexText(uint32_t number);
-std::string KeyText(uint32_t key);  // "0x" and eight digits
+std::string WordText(uint32_t word);  // "0x" and eight digits
 std::string MillisecondsText(std::chrono::microseconds time);
 
 }  // namespace bhctl

@@ -22,6 +22,11 @@ uint32_t GetU32(Bytes bytes, size_t at) {
   return GetU16(bytes, at) | static_cast<uint32_t>(GetU16(bytes, at + 2)) << 16;
 }
 
+void AddU32(std::vector<uint8_t> *out, uint32_t value) {
+  for (int shift = 0; shift < 32; shift += 8)
+    out->push_back(static_cast<uint8_t>(value >> shift & 0xFF));
+}
+
 namespace {
 
 void PutU16(std::vector<uint8_t> &out, size_t at, uint16_t value) {
@@ -138,6 +143,7 @@ std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, c
   PutU16(out, offsetof(ACPHeader, option_size), static_cast<uint16_t>(request.body.size()));
   std::copy(src_mac.begin(), src_mac.end(), out.begin() + offsetof(ACPHeader, src_mac));
   std::copy(dst_mac.begin(), dst_mac.end(), out.begin() + offsetof(ACPHeader, dst_mac));
+  PutU32(out, offsetof(ACPHeader, result), request.result);
   std::copy(request.body.begin(), request.body.end(), out.begin() + ACP_HEADER_SIZE);
   return out;
 }
@@ -155,7 +161,9 @@ std::optional<Reply> DecodeReply(Bytes datagram) {
 
 bool AnswersRequest(const Reply &reply, const Request &request, std::span<const Mac> own_macs,
                     const std::optional<Mac> &wanted) {
-  if (reply.header.command != request.reply_command) return false;
+  const uint16_t command = reply.header.command;
+  if (command == 0 || (command != request.reply_command && command != request.second_reply))
+    return false;
   const bool refusal = reply.header.result != ACP_STATE_OK && reply.body.empty();
   if (!refusal && reply.body.size() < request.reply_body) return false;
   if (wanted && !SameMac(reply.header.src_mac, *wanted)) return false;

@@ -30,6 +30,8 @@ struct Request {
   size_t reply_body = 0;  // a reply with fewer bytes of body is not one
   std::vector<uint8_t> body;
   bool whole_timeout = false;  // answers are waited for to the end, even when they have ceased
+  uint32_t result = 0;         // a parameter in the header
+  uint16_t second_reply = 0;   // its command code, if the request gets two; 0: none
 };
 
 struct Reply {
@@ -46,6 +48,9 @@ Request DiskRequest(const std::string &directory);
 Request PartitionRequest(const std::string &path);
 
 std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, const Mac &dst_mac);
+
+// Appends the number, its least significant byte first.
+void AddU32(std::vector<uint8_t> *out, uint32_t value);
 
 // The number at byte `at`, its least significant byte first; what lies behind the end is 0.
 uint32_t GetU32(Bytes bytes, size_t at);

@@ -1,0 +1,50 @@
+// A descriptor instead of a handler: a wait for it and for a socket is one poll, and no signal is
+// lost between a look and a wait.
+
+#include "tools/bhctl/interrupt.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <csignal>
+
+namespace bhctl {
+namespace {
+
+sigset_t Interrupts() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+      sigaddset(&set, signal);
+  }
+  return set;
+}
+
+}  // namespace
+
+Descriptor HoldInterrupts() {
+  const sigset_t set = Interrupts();
+  Descriptor held(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (held.fd >= 0) sigprocmask(SIG_BLOCK, &set, nullptr);
+  return held;
+}
+
+bool Interrupted(const Descriptor &held) {
+  pollfd readable = {held.fd, POLLIN, 0};
+  return held.fd >= 0 && poll(&readable, 1, 0) > 0;
+}
+
+void DropInterrupts(const Descriptor &held) {
+  signalfd_siginfo info = {};
+  while (held.fd >= 0 && read(held.fd, &info, sizeof info) > 0)
+    ;
+}
+
+void ReleaseInterrupts() {
+  const sigset_t set = Interrupts();
+  sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+}  // namespace bhctl

@@ -1,0 +1,296 @@
+// An update has five steps: a key, the request, the upload, its end, the installation's end. Once
+// the request is out, the appliance may have a receiver that waits for an upload and keeps the next
+// one from its port, so whoever gives up says so to the appliance.
+
+#include "tools/bhctl/upgrade.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "tools/bhctl/client.h"
+#include "tools/bhctl/image.h"
+#include "tools/bhctl/interrupt.h"
+#include "tools/bhctl/password.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/text.h"
+#include "tools/bhctl/upload.h"
+
+namespace bhctl {
+namespace {
+
+constexpr std::chrono::seconds STANDSTILL{30};  // of an upload, at most
+constexpr std::chrono::seconds GIVING_UP{15};   // a stopped receiver's end takes 11 s at most
+
+constexpr size_t UNUSED_BYTES = 8;       // before the password
+constexpr size_t SHORTEST_REQUEST = 36;  // bytes of body
+// These products take no password with the request: it must be confirmed before.
+constexpr uint32_t CONFIRMING_PRODUCTS[] = {0x2001, 0x2002};
+
+constexpr const char *FINISH = "finish";
+
+struct Hint {
+  uint32_t state;
+  const char *text;
+};
+
+constexpr Hint REQUEST_HINTS[] = {
+    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_PASSWORD_ERROR, "the administrator's password is wrong"},
+    {ACP_STATE_NOW_LOCKING, "another program changes its settings; try again later"},
+    {ACP_STATE_BAD_FIRM_TYPE, "it has no such --type of image"},
+    {ACP_STATE_NO_SPACE, "its array is not mounted or has less than 200 MB"},
+    {ACP_STATE_BAD_PRODUCT, "the image is for another product"},
+    {ACP_STATE_FAILURE,
+     "unknown --type, wrong product, no memory, or its partitions cannot be mounted"},
+};
+constexpr Hint END_HINTS[] = {
+    {ACP_STATE_FAILURE, "the image did not arrive whole or its checksum is wrong"}};
+constexpr Hint FINISH_HINTS[] = {{ACP_STATE_FAILURE, "the installation failed"}};
+constexpr const char *NOT_CONFIRMED =
+    "the command mode must be enabled for this machine and the administrator's password confirmed";
+
+// An update under way.
+struct Job {
+  Options options;  // of the session
+  Session session;
+  Image image;
+  Update update;
+  Descriptor interrupt;
+};
+
+bool MustConfirm(const Job &job) {
+  return std::count(std::begin(CONFIRMING_PRODUCTS), std::end(CONFIRMING_PRODUCTS),
+                    job.session.info.product_id) != 0;
+}
+
+std::string HintFor(std::span<const Hint> hints, uint32_t state) {
+  const auto found = std::find_if(hints.begin(), hints.end(),
+                                  [=](const Hint &hint) { return hint.state == state; });
+  return found == hints.end() ? "" : found->text;
+}
+
+int Fail(const char *step, const std::string &why, int status) {
+  PrintError("upgrade failed at the step " + std::string(step) + ": " + why);
+  return status;
+}
+
+Json Report(const Job &job, uint32_t state, const char *step) {
+  return {{"mac", MacText(job.session.mac)},
+          {"state", StateName(state)},
+          {"step", step},
+          {"product_id", job.update.product},
+          {"type", job.update.type},
+          {"size", job.image.size},
+          {"checksum", WordText(job.image.checksum)}};
+}
+
+int Refused(const Job &job, const char *step, uint32_t state, const std::string &hint) {
+  if (job.options.json) {
+    PrintJson(Report(job, state, step));
+    return EXIT_REFUSED;
+  }
+  Fail(step, MacText(job.session.mac) + " refused: " + StateName(state), EXIT_REFUSED);
+  if (!hint.empty()) PrintError(hint);
+  return EXIT_REFUSED;
+}
+
+std::optional<std::string> Given(const Options &options, const char *name) {
+  const auto found = options.arguments.find(name);
+  if (found == options.arguments.end()) return std::nullopt;
+  return found->second;
+}
+
+bool ReadNumber(const Options &options, const char *name, uint32_t lowest, uint32_t *number) {
+  const std::optional<std::string> text = Given(options, name);
+  if (!text) return true;
+  *number = ParseU32(*text).value_or(0);
+  if (ParseU32(*text) && *number >= lowest) return true;
+  PrintError(std::string(name) + " must be a number from " + std::to_string(lowest) +
+             " to 0xffffffff, not '" + *text + "'");
+  return false;
+}
+
+bool ReadZipPassword(const Options &options, Update *update) {
+  const std::optional<std::string> text = Given(options, "--zip-password");
+  if (!text) return true;
+  update->zip_password = {*text, LONGEST_ZIP_PASSWORD, "--zip-password"};
+  update->password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password the administrator's password"};
+  if (!text->empty()) return true;
+  PrintError("--zip-password must not be empty");
+  return false;
+}
+
+int ReadArguments(const Options &options, Job *job) {
+  job->update.password.name = "the administrator's password";
+  if (!ReadNumber(options, "--type", 1, &job->update.type) ||
+      !ReadNumber(options, "--product", 0, &job->update.product) ||
+      !ReadZipPassword(options, &job->update))
+    return EXIT_USAGE;
+  std::string why;
+  const std::string path = options.arguments.at("IMAGE");
+  if (!OpenImage(path, &job->image, &why)) {
+    PrintError("cannot send " + SafeText(path) + ": " + why);
+    return EXIT_USAGE;
+  }
+  job->update.size = job->image.size;
+  job->update.checksum = job->image.checksum;
+  return ReadPassword(options, &job->update.password.text);
+}
+
+int OpenJobSession(const Options &options, Job *job) {
+  std::vector<Secret> secrets = {job->update.password};
+  if (job->update.zip_password) secrets.push_back(*job->update.zip_password);
+  const int status = OpenSession(options, secrets, &job->session);
+  if (status == EXIT_USAGE) return status;
+  if (status != EXIT_DONE) return Fail("key", "nothing was changed", status);
+  job->options = SessionOptions(options, job->session);
+  return EXIT_DONE;
+}
+
+int CheckAppliance(Job *job) {
+  const DiscoverInfo &info = job->session.info;
+  const std::string mac = MacText(job->session.mac);
+  if (!Given(job->options, "--product")) job->update.product = info.product_id;
+  if (job->update.product != info.product_id)
+    return Fail("key",
+                "the image is for product " + HexText(job->update.product) + ", but " + mac +
+                    " is product " + HexText(info.product_id),
+                EXIT_REFUSED);
+  if (info.address == 0)
+    return Fail("key", mac + " has no IPv4 address that the image could go to", EXIT_NO_ANSWER);
+  return EXIT_DONE;
+}
+
+int ShowPlan(const Job &job) {
+  if (job.options.json) {
+    Json object = Report(job, ACP_STATE_OK, "key");
+    object["dry_run"] = true;
+    PrintJson(object);
+    return EXIT_DONE;
+  }
+  const DiscoverInfo &info = job.session.info;
+  PrintTable(
+      {{"Appliance:", MacText(job.session.mac) + ", " + AddressText(info.address)},
+       {"Product:", HexText(job.update.product)},
+       {"Image:", SafeText(job.image.path)},
+       {"Type:", std::to_string(job.update.type)},
+       {"Size:", SizeText(job.image.size) + " (" + std::to_string(job.image.size) + " bytes)"},
+       {"Checksum:", WordText(job.image.checksum)}});
+  PrintLine("nothing was sent but the discovery");
+  return EXIT_DONE;
+}
+
+// Nothing holds an interrupt back any more: a second one ends the program at once.
+int GiveUp(const Job &job, const char *step, const std::string &why) {
+  Fail(step, why, EXIT_NO_ANSWER);
+  DropInterrupts(job.interrupt);
+  ReleaseInterrupts();
+  Exchange exchange;
+  const auto timeout = std::min<std::chrono::microseconds>(job.options.timeout, GIVING_UP);
+  if (Begin(job.options, UpdateEndRequest(false), &exchange) != EXIT_DONE ||
+      !Await(exchange, timeout, Descriptor()))
+    PrintError(MacText(job.session.mac) + " may still wait for the image");
+  return EXIT_NO_ANSWER;
+}
+
+int AskForUpdate(const Job &job) {
+  Exchange exchange;
+  const int status = Begin(job.options, UpdateRequest(job.update, job.session.key), &exchange);
+  if (status != EXIT_DONE) return Fail("request", "it could not be sent", status);
+  const std::optional<Answer> answer = Await(exchange, job.options.timeout, job.interrupt);
+  if (!answer)
+    return GiveUp(job, "request", Interrupted(job.interrupt) ? "interrupted" : "no answer");
+  if (answer->state == ACP_STATE_OK) return EXIT_DONE;
+  const bool unconfirmed = answer->state == ACP_STATE_PASSWORD_ERROR && MustConfirm(job);
+  return Refused(job, "request", answer->state,
+                 unconfirmed ? NOT_CONFIRMED : HintFor(REQUEST_HINTS, answer->state));
+}
+
+int SendImage(const Job &job) {
+  Receiver receiver;
+  receiver.address = job.session.info.address;
+  receiver.interface = job.session.interface;
+  receiver.patience = std::min<std::chrono::microseconds>(job.options.timeout, STANDSTILL);
+  std::string why;
+  if (!Upload(job.image, receiver, job.options.json, job.interrupt, &why))
+    return GiveUp(job, "upload", why);
+  return Interrupted(job.interrupt) ? GiveUp(job, "upload", "interrupted") : EXIT_DONE;
+}
+
+int ShowDone(const Job &job) {
+  if (job.options.json)
+    PrintJson(Report(job, ACP_STATE_OK, FINISH));
+  else
+    PrintLine("installed " + SizeText(job.image.size) + ", checksum " +
+              WordText(job.image.checksum) + ", on " + MacText(job.session.mac));
+  return EXIT_DONE;
+}
+
+// The first reply may be lost; the second one tells its news too.
+int Install(const Job &job) {
+  Exchange exchange;
+  const int status = Begin(job.options, UpdateEndRequest(true), &exchange);
+  if (status != EXIT_DONE) return GiveUp(job, "end", "it could not be sent");
+  ReleaseInterrupts();
+  std::optional<Answer> answer = Await(exchange, job.options.timeout, Descriptor());
+  if (!answer)
+    return Fail("end", "no answer; the installation may go on all the same", EXIT_NO_ANSWER);
+  if (answer->command == ACP_FIRMUP_END_REPLY) {
+    if (answer->state != ACP_STATE_OK)
+      return Refused(job, "end", answer->state, HintFor(END_HINTS, answer->state));
+    if (!job.options.json) std::fputs("installing, which may take minutes\n", stderr);
+    answer = Await(exchange, job.options.timeout, Descriptor());
+  }
+  if (!answer)
+    return Fail(FINISH, "no answer; the installation may go on all the same", EXIT_NO_ANSWER);
+  if (answer->state == ACP_STATE_OK) return ShowDone(job);
+  return Refused(job, FINISH, answer->state, HintFor(FINISH_HINTS, answer->state));
+}
+
+}  // namespace
+
+Request UpdateRequest(const Update &update, uint32_t key) {
+  Request request = {ACP_FIRMUP2, ACP_FIRMUP2_REPLY, 0, {}};
+  std::vector<uint8_t> &body = request.body;
+  const auto add_password = [&](const Secret &password) {
+    const std::vector<uint8_t> encoded = EncodePassword(password, key).value();
+    body.insert(body.end(), encoded.begin(), encoded.end());
+  };
+  for (const uint32_t number : {update.type, update.product, update.size, update.checksum})
+    AddU32(&body, number);
+  body.insert(body.end(), UNUSED_BYTES, 0);
+  add_password(update.password);
+  if (update.zip_password) {
+    request.command = ACP_FIRMUP3;
+    AddU32(&body, static_cast<uint32_t>(update.zip_password->text.size()));
+    add_password(*update.zip_password);
+  }
+  body.push_back(0);
+  body.resize(std::max(body.size(), SHORTEST_REQUEST));
+  return request;
+}
+
+Request UpdateEndRequest(bool uploaded) {
+  Request request = {ACP_FIRMUP_END, ACP_FIRMUP_END_REPLY, 0, {}};
+  request.second_reply = ACP_FIRMUP_FINISH_REPLY;
+  request.result = uploaded ? 0 : 1;
+  return request;
+}
+
+int Upgrade(const Options &options) {
+  Job job;
+  int status = ReadArguments(options, &job);
+  if (status == EXIT_DONE) status = OpenJobSession(options, &job);
+  if (status == EXIT_DONE) status = CheckAppliance(&job);
+  if (status != EXIT_DONE) return status;
+  if (options.arguments.contains("--dry-run")) return ShowPlan(job);
+  job.interrupt = HoldInterrupts();
+  status = AskForUpdate(job);
+  if (status == EXIT_DONE) status = SendImage(job);
+  return status == EXIT_DONE ? Install(job) : status;
+}
+
+}  // namespace bhctl

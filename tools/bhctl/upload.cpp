@@ -1,0 +1,204 @@
+// The receiver takes as many bytes as the request has announced, and closes the connection. So its
+// end tells that all of them have arrived: what this machine's socket has taken may still be lost,
+// and most images are installed without a look at their checksum.
+
+#include "tools/bhctl/upload.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "acp/packet.h"
+#include "tools/bhctl/interrupt.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr std::chrono::seconds LISTENS_SOON{3};
+constexpr Milliseconds NEXT_TRY{50};
+// The kernel grants twice as much. With more, progress would show what has not left this machine.
+constexpr int SEND_BUFFER = 128 * 1024;
+
+constexpr Milliseconds NEXT_LINE{100};
+constexpr size_t LINE_WIDTH = 60;  // what a shorter line must cover of the one before
+constexpr uint64_t QUARTERS = 4;
+
+struct Progress {
+  uint64_t total = 0;  // bytes
+  bool quiet = false;
+  bool terminal = false;
+  Clock::time_point begun = {};
+  Clock::time_point shown = {};
+  uint64_t quarters = 0;  // that are shown
+};
+
+std::string PercentText(uint64_t sent, uint64_t total) {
+  return std::to_string(sent * 100 / total) + "%";
+}
+
+std::string LeftText(uint64_t seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%u:%02u left", static_cast<unsigned int>(seconds / 60),
+                static_cast<unsigned int>(seconds % 60));
+  return text;
+}
+
+void ShowLine(const Progress &progress, uint64_t sent) {
+  const auto elapsed = std::chrono::duration_cast<Milliseconds>(progress.shown - progress.begun);
+  std::string line = ProgressText(sent, progress.total, elapsed);
+  line.resize(std::max(line.size(), LINE_WIDTH), ' ');
+  std::fprintf(stderr, "\r%s", line.c_str());
+}
+
+void ShowQuarter(const Progress &progress) {
+  std::fprintf(stderr, "uploaded %s of %s\n", PercentText(progress.quarters, QUARTERS).c_str(),
+               SizeText(progress.total).c_str());
+}
+
+void Show(Progress *progress, uint64_t sent) {
+  if (progress->quiet) return;
+  const Clock::time_point now = Clock::now();
+  const uint64_t quarters = sent * QUARTERS / progress->total;
+  if (progress->terminal && (now >= progress->shown + NEXT_LINE || sent == progress->total)) {
+    progress->shown = now;
+    ShowLine(*progress, sent);
+  } else if (!progress->terminal && quarters > progress->quarters) {
+    progress->quarters = quarters;
+    ShowQuarter(*progress);
+  }
+}
+
+bool Fail(const std::string &what, std::string *why) {
+  *why = what;
+  return false;
+}
+
+// A connection, or an attempt at one, and how long to wait for it.
+struct Link {
+  Descriptor socket;
+  Milliseconds patience{0};
+  const Descriptor *interrupt = nullptr;
+};
+
+bool Wait(const Link &link, short events, std::string *why) {
+  pollfd watched[] = {{link.socket.fd, events, 0}, {link.interrupt->fd, POLLIN, 0}};
+  const int ready = poll(watched, 2, static_cast<int>(link.patience.count()));
+  if (Interrupted(*link.interrupt)) return Fail("interrupted", why);
+  return ready != 0 || Fail("the appliance takes nothing any more", why);
+}
+
+int SocketError(const Descriptor &socket) {
+  int error = 0;
+  socklen_t size = sizeof error;
+  return getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+// Bound to the interface, so that no routing table has a say in it.
+bool OpenSocket(const std::string &interface, Descriptor *socket) {
+  *socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  setsockopt(socket->fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
+  return setsockopt(socket->fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
+                    static_cast<socklen_t>(interface.size())) == 0;
+}
+
+// Returns 0 or the error's number.
+int TryConnect(const Receiver &receiver, Link *link) {
+  if (!OpenSocket(receiver.interface, &link->socket)) return errno;
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(ACP_PORT);  // the number of the datagrams' port
+  address.sin_addr.s_addr = htonl(receiver.address);
+  if (connect(link->socket.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+    return 0;
+  if (errno != EINPROGRESS) return errno;
+  std::string why;
+  return Wait(*link, POLLOUT, &why) ? SocketError(link->socket) : ETIMEDOUT;
+}
+
+bool Connect(const Receiver &receiver, Link *link, std::string *why) {
+  const Clock::time_point last = Clock::now() + LISTENS_SOON;
+  for (;;) {
+    const int error = TryConnect(receiver, link);
+    if (error == 0) return true;
+    if (Interrupted(*link->interrupt)) return Fail("interrupted", why);
+    if (error != ECONNREFUSED || Clock::now() >= last)
+      return Fail("cannot connect to " + AddressText(receiver.address) + " port " +
+                      std::to_string(ACP_PORT) + ": " + std::strerror(error),
+                  why);
+    pollfd interrupt = {link->interrupt->fd, POLLIN, 0};
+    poll(&interrupt, 1, static_cast<int>(NEXT_TRY.count()));
+  }
+}
+
+bool SendPiece(const Link &link, Bytes piece, std::string *why) {
+  while (!piece.empty()) {
+    if (!Wait(link, POLLOUT, why)) return false;
+    const ssize_t sent = send(link.socket.fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+    if (sent >= 0)
+      piece = piece.subspan(static_cast<size_t>(sent));
+    else if (errno != EAGAIN && errno != EINTR)
+      return Fail(std::strerror(errno), why);
+  }
+  return true;
+}
+
+bool SendImage(const Link &link, const Image &image, Progress *progress, std::string *why) {
+  std::vector<uint8_t> room(IMAGE_PIECE);
+  uint32_t checksum = 0;
+  for (uint32_t at = 0; at < image.size;) {
+    const Bytes piece = ReadPiece(image, at, room, why);
+    if (piece.empty() || !SendPiece(link, piece, why)) return false;
+    checksum = AddToChecksum(checksum, piece);
+    at += static_cast<uint32_t>(piece.size());
+    Show(progress, at);
+  }
+  return checksum == image.checksum || Fail("the file has changed meanwhile", why);
+}
+
+bool AwaitEnd(const Link &link, std::string *why) {
+  shutdown(link.socket.fd, SHUT_WR);
+  ssize_t got = -1;
+  do {
+    if (!Wait(link, POLLIN, why)) return false;
+    char byte = 0;
+    got = recv(link.socket.fd, &byte, sizeof byte, 0);
+  } while (got < 0 && (errno == EAGAIN || errno == EINTR));
+  if (got == 0) return true;
+  return Fail(got < 0 ? std::strerror(errno) : "no receiver of images is at the other end", why);
+}
+
+}  // namespace
+
+std::string ProgressText(uint64_t sent, uint64_t total, Milliseconds elapsed) {
+  std::string text =
+      "  " + SizeText(sent) + " of " + SizeText(total) + "  " + PercentText(sent, total);
+  const auto milliseconds = static_cast<uint64_t>(elapsed.count());
+  if (sent == 0 || milliseconds == 0) return text;
+  return text + "  " + SizeText(sent * 1000 / milliseconds) + "/s  " +
+         LeftText((total - sent) * milliseconds / sent / 1000);
+}
+
+bool Upload(const Image &image, const Receiver &receiver, bool quiet, const Descriptor &interrupt,
+            std::string *why) {
+  Link link;
+  link.patience = std::chrono::ceil<Milliseconds>(receiver.patience);
+  link.interrupt = &interrupt;
+  if (!Connect(receiver, &link, why)) return false;
+  Progress progress = {image.size, quiet, isatty(STDERR_FILENO) == 1, Clock::now()};
+  const bool sent = SendImage(link, image, &progress, why) && AwaitEnd(link, why);
+  if (progress.terminal && progress.shown != Clock::time_point()) std::fputc('\n', stderr);
+  return sent;
+}
+
+}  // namespace bhctl
