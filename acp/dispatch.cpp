@@ -18,8 +18,10 @@
 #include "daemon/trace.h"
 #include "firmware/update_end.h"
 #include "firmware/update_request.h"
+#include "handlers/change_ip.h"
 #include "handlers/command.h"
 #include "handlers/discover.h"
+#include "handlers/special.h"
 #include "handlers/status.h"
 #include "lib/libbh.h"
 
@@ -70,14 +72,12 @@ const Command COMMANDS[] = {
     {ACP_CMD, nullptr, "-- ACP_CMD\r\n", ACP_command_reply},
     {ACP_RESULT, nullptr, "-- ACP_RESULT\r\n", ACP_result_reply},
     {ACP_INFO_RAID, nullptr, "-- ACP_INFO_RAID\n", ACP_Info_RAID_Reply},
+    {ACP_CHANGE_IP, nullptr, "-- ACP_CHANGE_IP\r\n", ACP_Change_IP_Reply},
+    {ACP_SPECIAL, nullptr, "-- ACP_SPECIAL\r\n", ACP_Special_Reply},
     {ACP_FIRMUP_END, UPDATE_END, "-- ACP_FIRMUP_END\r\n", EndUpdate},
     {ACP_FIRMUP2, UPDATE_START, "-- ACP_FIRMUP2\r\n", StartUpdate},
     {ACP_FIRMUP3, UPDATE_START, "-- ACP_FIRMUP3\r\n", StartUpdate},
     {ACP_DISCOVER_REPLY, nullptr, "-- ACP_DISCOVER_REPLY\r\n", nullptr},
-
-    // Recognised, and not answered as long as their handlers are not built.
-    {ACP_CHANGE_IP, nullptr, "-- ACP_CHANGE_IP\r\n", nullptr},
-    {ACP_SPECIAL, nullptr, "-- ACP_SPECIAL\r\n", nullptr},
 };
 
 bool IsZeroMac(const uint8_t *mac) {
