@@ -17,8 +17,13 @@
 #include "tools/bhctl/drive.h"
 #include "tools/bhctl/exec.h"
 #include "tools/bhctl/image.h"
+#include "tools/bhctl/passwd.h"
+#include "tools/bhctl/password.h"
+#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/session.h"
+#include "tools/bhctl/set.h"
+#include "tools/bhctl/special.h"
 #include "tools/bhctl/text.h"
 #include "tools/bhctl/upgrade.h"
 #include "tools/bhctl/upload.h"
@@ -49,6 +54,17 @@ TEST(BhctlRequest, BytesOnTheWire) {
       {CommandRequest("dddd", 3), "\x10\x8A\x0F\0\4\0\0\0\3\0\0\0"s + D(4, 3)},
       {CommandRequest(D(300), 1), "\x10\x8A\x37\1\x2C\1\0\0\1\0\0\0"s + D(300, 3)},
       {ResultRequest(), "\x20\x8A\0\0"s},
+      {SpecialRequest(0x11, 0x12345678, {}), "\xA0\x80\x09\0\x11\0\0\0\x78\x56\x34\x12\0"s},
+      {SpecialRequest(0x42, 0, Bytes("dddd")), "\xA0\x80\x0D\0\x42\0\0\0\0\0\0\0"s + D(4, 1)},
+      {PasswordChangeRequest(Bytes(D(16)), Bytes("new-pass")),
+       "\xA0\x80\x21\0\x10\0\0\0\0\0\0\0"s + D(16) + "new-pass\0"s},
+      {ChangeRequest({0xC0A8280B, 0xFFFFFF00, false, D(16), "WG", DateTime{2024, 2, 29, 23, 59, 58},
+                      false, 0xC0A82801, -540, true}),
+       "\x30\x80\x70\0"s + string(12, 0) + "\xF7\0\0\0\x0B\x28\xA8\xC0\0\xFF\xFF\xFF"s + D(16, 1) +
+           "WG" + string(33, 0) + "\xE8\7\2\0\x1D\0\x17\0\x3B\0\x3A\0"s + "\x01\x28\xA8\xC0"s +
+           string(16, 0) + "\xE4\xFD\xFF\xFF"},
+      {ChangeRequest({{}, 0, true, "", "", {}, true, {}, {}, false}),
+       "\x30\x80\x70\0\1\0"s + string(10, 0) + "\1\0\0\0"s + string(96, 0)},
   };
   for (const auto &[request, text] : CASES) {
     const string macs = "\0\0\0\0\x02\xCC\0\0\0\x10\x02\xBB\0\0\0\x01\0\0\0\0"s;
@@ -211,6 +227,31 @@ TEST(BhctlSession, PasswordsAreEncodedOnlyWhereTheApplianceDecodesThem) {
   }
 }
 
+TEST(BhctlSpecial, RowsHaveTheirCodes) {
+  string rows;
+  for (const Special &row : Specials())
+    rows += string(row.name) + " " + row.word + "=" + std::to_string(row.code) + "," +
+            std::to_string(row.extra) + (row.properties & ENABLED ? "e" : "") +
+            (row.properties & ASKS ? "a " : " ");
+  EXPECT_EQ(rows,
+            "enable =13,0 disable =13,1 login =12,0e reboot =1,0ea shutdown =2,0ea "
+            "boot emergency=3,0ea boot disk=4,0ea blink =5,0 config save=6,0 config load=7,0a "
+            "web-reset =8,0a lock status=9,0 lock take=10,0 lock release=11,0 trace on=14,0 "
+            "trace off=14,1 set-mac =15,0ea raid create normal=17,3ea raid create jbod=17,4ea "
+            "raid create raid1=17,5ea raid create raid5=17,6ea language japanese=18,0e "
+            "language english=18,1e test disk=64,1ea test usb=64,0ea test ups=80,0e "
+            "remove =65,0ea checksum =66,0 clear-usb =69,0e ");
+}
+
+TEST(BhctlPasswd, HashesAsTheAccountDatabaseDoes) {
+  EXPECT_EQ(HashPassword("FernGate", "ab"), "abcHKXPavTczo");
+  EXPECT_EQ(HashPassword("a b~", "./"), "./PT/GPNImiiI");
+  EXPECT_EQ(EncodePassword({"abcHKXPavTczo", 16}, 0x12345678),
+            Bytes("\x73\x46\x69\x93\x7F\xC8\x66\x56\x64\x51\x4D\xF0\x42\x90\x62\x60"));
+  const string salt = InventSalt();
+  EXPECT_EQ(HashPassword("FernGate", salt).substr(0, 2), salt);
+}
+
 TEST(BhctlUpgrade, RequestsOnTheWire) {
   const string NOTHING = "\x12\x44\x22\x8A\x6C\x90\x4C\x34";
   const string GATE = "\x54\x70\x65\x8D\x63\xF1\x47\x51";
@@ -352,6 +393,25 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
       {"-i lo upgrade " + IMAGE + "--zip-password " + D(512), 2, "can have at most 511 bytes"},
       {"-i lo upgrade " + IMAGE + "--zip-password a --password 123456789", 2, "at most 8 bytes"},
       {"-i lo upgrade " + IMAGE + "--password-stdin", 2, "no password on standard input"},
+      {"-i lo boot disc --yes", 2, "SYSTEM must be one of emergency, disk, not 'disc'"},
+      {"-i lo boot disk", 2, "boot disk asks before it is done: give --yes"},
+      {"-i lo raid create --yes", 2, "KIND is required"},
+      {"-i lo raid create raid6 --yes", 2, "KIND must be one of normal, jbod, raid1, raid5, not"},
+      {"-i lo test disk --yes", 2, "DEVICE is required"},
+      {"-i lo test ups /dev/sda", 2, "unexpected argument '/dev/sda'"},
+      {"-i lo set-mac 03:00:00:00:00:01 --yes", 2, "not a MAC address of one interface"},
+      {"-i lo enable --pass-phrase " + D(33), 2, "the pass phrase can have at most 32 bytes"},
+      {"-i lo passwd --new-password a", 2, "give --password"},
+      {"-i lo passwd --password a --new-password 123456789", 2, "1 to 8 characters"},
+      {"-i lo set", 2, "nothing is given to be set"},
+      {"-i lo set --ip 10.0.0.1", 2, "--ip and --netmask go together"},
+      {"-i lo set --ip 10.0.0.1 --netmask 255.0.0.0", 2,
+       "set --ip 10.0.0.1 asks before it is done"},
+      {"-i lo set --gateway 10.0.0", 2, "--gateway must be an IPv4 address, not '10.0.0'"},
+      {"-i lo set --hostname " + D(17), 2, "--hostname must have 1 to 16 bytes"},
+      {"-i lo set --time '2000-12-31 00:00:00'", 2, "--time must be now or"},
+      {"-i bh-no-such-if set --time 2100-03-01T23:59:59 --timezone -840", 2, "no such interface"},
+      {"-i lo set --timezone 841", 2, "--timezone must be a number of minutes from -840 to 840"},
       {"--help", 0, "  partition  "},
   };
   for (const auto &[arguments, status, wanted] : CASES) {

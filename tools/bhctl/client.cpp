@@ -325,4 +325,11 @@ int Ask(const Options &options, const Request &request, std::vector<Answer> *ans
   return EXIT_NO_ANSWER;
 }
 
+int AskOne(const Options &options, const Request &request, Answer *answer) {
+  std::vector<Answer> answers;
+  const int status = Ask(options, request, &answers);
+  if (status == EXIT_DONE) *answer = std::move(answers.front());
+  return status;
+}
+
 }  // namespace bhctl

@@ -31,6 +31,9 @@ struct Answer {
 // standard error what went wrong and returns EXIT_USAGE or EXIT_NO_ANSWER.
 int Ask(const Options &options, const Request &request, std::vector<Answer> *answers);
 
+// The same for the one answer of options.mac, which must be set.
+int AskOne(const Options &options, const Request &request, Answer *answer);
+
 struct Interface {
   std::string name;
   int index = 0;

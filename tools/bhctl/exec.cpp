@@ -12,7 +12,9 @@
 #include <vector>
 
 #include "tools/bhctl/client.h"
+#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
+#include "tools/bhctl/refusal.h"
 #include "tools/bhctl/session.h"
 #include "tools/bhctl/text.h"
 
@@ -69,16 +71,12 @@ int Senseless(const Answer &answer) {
 }
 
 int Refused(const Options &options, const Answer &answer, const std::string &advice) {
-  const std::string state = StateName(answer.state);
-  if (options.json) {
-    PrintJson({{"mac", MacText(answer.mac)}, {"state", state}});
-    return EXIT_REFUSED;
-  }
-  PrintError(MacText(answer.mac) + " refused: " + state);
-  if (answer.state == ACP_STATE_FAILURE)  // which tells nothing more
-    PrintError("the command mode must be enabled for this machine (" + MacText(answer.src_mac) +
-               "), and " + advice);
-  return EXIT_REFUSED;
+  const std::string hint = "command mode must be enabled for this machine (" +
+                           MacText(answer.src_mac) +
+                           "): give --pass-phrase or run 'bhctl enable'; and " + advice;
+  // ACP_STATE_FAILURE tells nothing more.
+  return ShowRefusal(options, answer.mac, answer.state,
+                     answer.state == ACP_STATE_FAILURE ? hint : "");
 }
 
 // A wait status, or a body without output, is no refusal: the appliance had no process to spare.
@@ -113,19 +111,14 @@ bool ReadArguments(const Options &options, std::string *text, uint32_t *type) {
 }
 
 // For one appliance over the interface that leads to it: two interfaces may well lead to the same
-// one, which would then run a command twice.
+// one, which would then run a command twice. Enables the command mode if the pass phrase is known.
 int ChooseAppliance(const Options &options, Options *chosen) {
+  const Permit permit = PermitOf(options);
   Session session;
-  const int status = OpenSession(options, {}, &session);
+  const int status = OpenSession(options, SecretsOf(permit), &session);
+  if (status != EXIT_DONE) return status;
   *chosen = SessionOptions(options, session);
-  return status;
-}
-
-int AskOne(const Options &options, const Request &request, Answer *answer) {
-  std::vector<Answer> answers;
-  const int status = Ask(options, request, &answers);
-  if (status == EXIT_DONE) *answer = std::move(answers.front());
-  return status;
+  return ObtainOrTell(*chosen, session, permit);
 }
 
 // A command that was started in the background is answered like a refused one. What the appliance

@@ -1,5 +1,5 @@
-// The command line of bhctl: global options, the table of commands, usage errors. Every command's
-// result is the exit status.
+// The command line of bhctl: global options, commands, usage errors. Every command's result is the
+// exit status.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -14,73 +14,21 @@
 #include <string>
 #include <vector>
 
-#include "tools/bhctl/discover.h"
-#include "tools/bhctl/exec.h"
+#include "tools/bhctl/commands.h"
 #include "tools/bhctl/options.h"
 #include "tools/bhctl/print.h"
-#include "tools/bhctl/status.h"
 #include "tools/bhctl/text.h"
-#include "tools/bhctl/upgrade.h"
 
 namespace bhctl {
 namespace {
-
-struct Argument {
-  const char *name;  // "PATH" is told by its position, "--type" and flags by name
-  const char *description;
-  bool required;
-  bool flag = false;  // has no value
-};
-
-struct SubCommand {
-  const char *name;
-  const char *description;
-  std::vector<Argument> arguments;
-  int (*run)(const Options &options);
-  std::chrono::seconds timeout{2};  // when none is given
-};
-
-const SubCommand COMMANDS[] = {
-    {"discover",
-     "Find appliances and show what they tell of themselves",
-     {{"--watch", "ask again and again, mark what is new (+), gone (-) or moved (~)", false, true}},
-     Discover},
-    {"ping", "Check which appliances answer", {}, Ping},
-    {"disk",
-     "Show a drive's model, serial number and capacity",
-     {{"DIRECTORY", "the drive's directory on the appliance, /proc/ide/hda if not given", false}},
-     Disk},
-    {"raid", "List arrays, disks and USB disks", {}, Raid},
-    {"partition",
-     "Show the file system that a path is on",
-     {{"PATH", "path on the appliance", true}},
-     Partition},
-    {"exec",
-     "Run a command on one appliance, whose command mode must be enabled",
-     {{"COMMAND", "the command line, one argument", true},
-      {"--type",
-       "0: its words in the background, 1: its words, 2: by a shell, its output for 'result', "
-       "3 (if not given): by a shell, its output is printed",
-       false}},
-     Exec,
-     std::chrono::seconds{60}},
-    {"result", "Fetch the output of a command that was run with --type 2", {}, Result},
-    {"upgrade",
-     "Install a firmware image on one appliance",
-     {{"IMAGE", "the image file", true},
-      {"--type", "kind of image, which says where the appliance installs it", true},
-      {"--product", "product ID that the image is for, the appliance's own if not given", false},
-      {"--zip-password", "password of an image that is an archive", false},
-      {"--dry-run", "check all that can be checked and tell, but change nothing", false, true}},
-     Upgrade,
-     std::chrono::seconds{600}},
-};
 
 constexpr const char *FOOTER =
     "Exit status:\n"
     "  0  done\n"
     "  1  the appliance refused; its state code is printed\n"
-    "  2  wrong usage, an image that cannot be sent, or no interface of the given name\n"
+    "  2  wrong usage, an image that cannot be sent, no interface of the given name, or a "
+    "question\n"
+    "     that was not answered with yes\n"
     "  3  no answer came, or this machine could not send the request or the image, or write the "
     "result\n"
     "  exec --type 1: the command's own; the above come with a message then";
@@ -107,7 +55,7 @@ void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
   app.add_option("-i,--interface", line->interface, "use this interface only")->type_name("NAME");
   app.add_option("--mac", line->mac, "address one appliance, not all")->type_name("MAC");
   app.add_option("--timeout", line->timeout,
-                 "wait this long for answers; 2 if not given, for exec 60, for upgrade 600")
+                 "wait this long for answers; if not given, 2 or as long as the command may take")
       ->type_name("SECONDS");
   app.add_flag("--json", options->json, "print one JSON object a line for each appliance");
   app.add_option("--pass-phrase", line->pass_phrase,
@@ -118,6 +66,7 @@ void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
       ->type_name("TEXT");
   app.add_flag("--password-stdin", options->password_stdin,
                "read the administrator's password from standard input");
+  app.add_flag("--yes", options->assent, "do without asking what else is asked about first");
   app.set_version_flag("--version", "bhctl " BHCTL_VERSION, "print the version");
   app.set_help_flag("-h,--help", "print this help");
 }
@@ -127,7 +76,7 @@ void DeclareCommands(CLI::App &app, CommandLine *line) {
   app.fallthrough();
   app.allow_extras();
   app.require_subcommand(0, 1);
-  for (const SubCommand &command : COMMANDS) {
+  for (const SubCommand &command : Commands()) {
     CLI::App *declared = app.add_subcommand(command.name, command.description);
     declared->group("Commands");
     declared->footer("Global options and exit status: see 'bhctl --help'.");
@@ -161,13 +110,12 @@ size_t EditDistance(const std::string &from, const std::string &to) {
 
 std::string UnknownCommand(const std::string &word) {
   constexpr size_t SLIP = 2;  // two characters swapped count as two
-  const SubCommand *best = std::min_element(
-      std::begin(COMMANDS), std::end(COMMANDS), [&](const SubCommand &a, const SubCommand &b) {
+  const auto best = std::min_element(
+      Commands().begin(), Commands().end(), [&](const SubCommand &a, const SubCommand &b) {
         return EditDistance(word, a.name) < EditDistance(word, b.name);
       });
   std::string message = "unknown command '" + word + "'";
-  if (EditDistance(word, best->name) <= SLIP)
-    message += ", did you mean '" + std::string(best->name) + "'?";
+  if (EditDistance(word, best->name) <= SLIP) message += ", did you mean '" + best->name + "'?";
   return message;
 }
 
@@ -214,9 +162,10 @@ int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *op
 
 int RunCommand(const CLI::App &app, const CommandLine &line, Options *options) {
   const CLI::App &chosen = *app.get_subcommands().front();
-  const SubCommand *command =
-      std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+  const auto command =
+      std::find_if(Commands().begin(), Commands().end(),
                    [&](const SubCommand &each) { return chosen.get_name() == each.name; });
+  options->command = command->name;
   for (const Argument &argument : command->arguments) {
     if (chosen.count(argument.name) == 0) continue;
     options->arguments[argument.name] = line.arguments.at(command->name).at(argument.name);

@@ -20,11 +20,13 @@ enum ExitStatus : int {
 };
 
 struct Options {
+  std::string command;         // its name
   std::string interface;       // empty: every interface that can broadcast
   std::optional<Mac> mac;      // unset: every appliance
   std::optional<Mac> src_mac;  // named as the requester; unset: the interface's own address
   std::chrono::microseconds timeout{0};
   bool json = false;
+  bool assent = false;  // to whatever a command would ask about
   std::string pass_phrase;
   std::optional<std::string> password;  // the administrator's; unset: none is given
   bool password_stdin = false;  // a command that needs the password reads it from standard input

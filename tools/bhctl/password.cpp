@@ -1,66 +1,93 @@
-// The line is read byte by byte: what follows it on standard input is not this program's.
+// Passwords come from options, from standard input or from the terminal, in this order.
 
 #include "tools/bhctl/password.h"
 
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
+#include <crypt.h>
 
-#include <cerrno>
-#include <cstdio>
+#include <algorithm>
+#include <memory>
+#include <random>
 
-#include "tools/bhctl/interrupt.h"
 #include "tools/bhctl/print.h"
+#include "tools/bhctl/terminal.h"
 
 namespace bhctl {
 namespace {
 
-constexpr size_t LONGEST_LINE = 4096;  // bytes; no password is that long
-
-// Without its line feed. False when not even an empty line is there.
-bool ReadLine(std::string *line) {
-  char byte = 0;
-  bool any = false;
-  while (line->size() <= LONGEST_LINE) {
-    const ssize_t got = read(STDIN_FILENO, &byte, 1);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    any = true;
-    if (byte == '\n') break;
-    *line += byte;
-  }
-  return any;
+int Lacking(const std::string &message) {
+  PrintError(message);
+  return EXIT_USAGE;
 }
 
-// An interrupt ends the program only when the terminal is as it was before.
-bool ReadWithoutEcho(std::string *line) {
-  termios before = {};
-  if (tcgetattr(STDIN_FILENO, &before) != 0) return false;
-  const Descriptor interrupt = HoldInterrupts();
-  termios silent = before;
-  silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
-  std::fputs("Password: ", stderr);
-  pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {interrupt.fd, POLLIN, 0}};
-  while (poll(watched, 2, -1) < 0 && errno == EINTR)
-    ;
-  const bool read = !Interrupted(interrupt) && ReadLine(line);
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
-  std::fputc('\n', stderr);
-  ReleaseInterrupts();
-  return read;
+// An end of input where a line was asked for.
+int NoLine() {
+  return Lacking("there is no password on standard input");
+}
+
+bool IsNewPassword(const std::string &password) {
+  return !password.empty() && password.size() <= LONGEST_NEW_PASSWORD &&
+         std::all_of(password.begin(), password.end(),
+                     [](char byte) { return byte >= ' ' && byte <= '~'; });
 }
 
 }  // namespace
 
-int ReadPassword(const Options &options, std::string *password) {
-  password->clear();
-  const bool terminal = isatty(STDIN_FILENO) == 1;
-  if (options.password) *password = *options.password;
-  if (options.password || (!options.password_stdin && !terminal)) return EXIT_DONE;
-  if (terminal ? ReadWithoutEcho(password) : ReadLine(password)) return EXIT_DONE;
-  PrintError("there is no password on standard input");
-  return EXIT_USAGE;
+int ReadPassword(const Options &options, std::optional<std::string> *password) {
+  *password = options.password;
+  if (options.password || (!options.password_stdin && !IsTerminal())) return EXIT_DONE;
+  std::string line;
+  if (!(IsTerminal() ? ReadHidden("Password: ", &line) : ReadLine(&line))) return NoLine();
+  *password = line;
+  return EXIT_DONE;
+}
+
+int NeedPassword(const Options &options, std::string *password) {
+  std::optional<std::string> read;
+  const int status = ReadPassword(options, &read);
+  if (status == EXIT_DONE && !read)
+    return Lacking("the administrator's password is needed: give --password or --password-stdin");
+  *password = read.value_or("");
+  return status;
+}
+
+int NeedPassPhrase(const Options &options, std::string *pass_phrase) {
+  *pass_phrase = options.pass_phrase;
+  if (!pass_phrase->empty()) return EXIT_DONE;
+  if (!IsTerminal())
+    return Lacking("the pass phrase of the command mode is needed: give --pass-phrase");
+  return ReadHidden("Pass phrase: ", pass_phrase) ? EXIT_DONE : NoLine();
+}
+
+int NeedNewPassword(const std::optional<std::string> &given, std::string *password) {
+  *password = given.value_or("");
+  if (!given) {
+    if (!IsTerminal()) return Lacking("the new password is needed: give --new-password");
+    std::string again;
+    if (!ReadHidden("New password: ", password) || !ReadHidden("The same again: ", &again))
+      return NoLine();
+    if (again != *password) return Lacking("they are not the same");
+  }
+  if (IsNewPassword(*password)) return EXIT_DONE;
+  return Lacking("a new password must have 1 to " + std::to_string(LONGEST_NEW_PASSWORD) +
+                 " characters of plain ASCII: the appliance would not look at more");
+}
+
+std::string HashPassword(const std::string &password, const std::string &salt) {
+  const auto memory = std::make_unique<crypt_data>();  // 32 KB
+  const char *hash = crypt_r(password.c_str(), salt.c_str(), memory.get());
+  if (hash == nullptr) return "";
+  const std::string text = hash;
+  return text.size() == PASSWORD_HASH && text.starts_with(salt) ? text : "";
+}
+
+std::string InventSalt() {
+  constexpr char CHARACTERS[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  std::random_device random;
+  std::uniform_int_distribution<size_t> pick(0, sizeof CHARACTERS - 2);
+  std::string salt;
+  while (salt.size() < 2)
+    salt += CHARACTERS[pick(random)];
+  return salt;
 }
 
 }  // namespace bhctl

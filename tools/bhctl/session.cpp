@@ -53,7 +53,8 @@ int DiscoverOne(Options options, Session *session) {
   }
   const Answer &answer = answers.front();
   const DiscoverInfo info = DecodeDiscoverInfo(answer.body);
-  *session = {answer.mac, answer.interface, answer.src_mac, DiscoverKey(info), info};
+  *session = {answer.mac, answer.interface,           answer.src_mac, DiscoverKey(info),
+              info,       options.src_mac.has_value()};
   if (answer.state == ACP_STATE_OK && session->key != 0) return EXIT_DONE;
   const std::string why = answer.state == ACP_STATE_OK ? "" : ": " + StateName(answer.state);
   PrintError(MacText(answer.mac) + " issues no key" + why);

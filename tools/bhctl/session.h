@@ -22,6 +22,7 @@ struct Session {
   Mac src_mac = {};       // the key is issued to it: requests must name it as the requester
   uint32_t key = 0;       // never 0 in an open session
   DiscoverInfo info = {};
+  bool invented = false;  // src_mac is no interface's, but a requester with a key of its own
 };
 
 // A password, and the bytes that the request has for it.

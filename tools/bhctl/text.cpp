@@ -2,6 +2,8 @@
 
 #include "tools/bhctl/text.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cinttypes>
@@ -74,6 +76,27 @@ size_t Utf8Length(std::string_view text) {
   return code >= 0xD800 && code <= 0xDFFF ? 0 : length;
 }
 
+// The digits of `text` from `at` on; nothing when one of them is none.
+std::optional<uint16_t> ParseDigits(std::string_view text, size_t at, size_t count) {
+  unsigned int number = 0;
+  for (const char digit : text.substr(at, count)) {
+    if (digit < '0' || digit > '9') return std::nullopt;
+    number = number * 10 + static_cast<unsigned int>(digit - '0');
+  }
+  return static_cast<uint16_t>(number);
+}
+
+unsigned int DaysOf(const DateTime &time) {
+  constexpr unsigned int DAYS[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = time.year % 4 == 0 && (time.year % 100 != 0 || time.year % 400 == 0);
+  return time.month == 2 && leap ? 29 : DAYS[time.month - 1];
+}
+
+bool IsInCalendar(const DateTime &time) {
+  return time.month >= 1 && time.month <= 12 && time.day >= 1 && time.day <= DaysOf(time) &&
+         time.hour < 24 && time.minute < 60 && time.second < 60;
+}
+
 }  // namespace
 
 std::optional<Mac> ParseMac(std::string_view text) {
@@ -101,6 +124,30 @@ std::string MacText(const Mac &mac) {
 std::string AddressText(uint32_t address) {
   return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xFF) + "." +
          std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
+}
+
+std::optional<uint32_t> ParseAddress(const std::string &text) {
+  in_addr address = {};
+  if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+  return ntohl(address.s_addr);
+}
+
+std::optional<DateTime> ParseDateTime(std::string_view text) {
+  constexpr std::string_view PATTERN = "YYYY-MM-DD HH:MM:SS";
+  if (text.size() != PATTERN.size()) return std::nullopt;
+  for (size_t i = 0; i < PATTERN.size(); ++i) {
+    const bool digit = PATTERN[i] >= 'A' && PATTERN[i] <= 'Z';
+    if (!digit && text[i] != PATTERN[i] && !(PATTERN[i] == ' ' && text[i] == 'T'))
+      return std::nullopt;
+  }
+  const std::optional<uint16_t> numbers[] = {ParseDigits(text, 0, 4),  ParseDigits(text, 5, 2),
+                                             ParseDigits(text, 8, 2),  ParseDigits(text, 11, 2),
+                                             ParseDigits(text, 14, 2), ParseDigits(text, 17, 2)};
+  if (!std::all_of(std::begin(numbers), std::end(numbers), [](auto &each) { return each; }))
+    return std::nullopt;
+  const DateTime time = {*numbers[0], *numbers[1], *numbers[2],
+                         *numbers[3], *numbers[4], *numbers[5]};
+  return IsInCalendar(time) ? std::optional(time) : std::nullopt;
 }
 
 std::string StateName(uint32_t state) {

@@ -20,6 +20,21 @@ std::string MacText(const Mac &mac);
 // Dotted form of an address whose most significant byte is its first octet.
 std::string AddressText(uint32_t address);
 
+// Four decimal numbers up to 255, without leading zeros; the first is the most significant byte.
+std::optional<uint32_t> ParseAddress(const std::string &text);
+
+struct DateTime {
+  uint16_t year = 0;
+  uint16_t month = 0;
+  uint16_t day = 0;
+  uint16_t hour = 0;
+  uint16_t minute = 0;
+  uint16_t second = 0;
+};
+
+// "YYYY-MM-DD HH:MM:SS", also with a T for the blank; a day of the calendar and no leap second.
+std::optional<DateTime> ParseDateTime(std::string_view text);
+
 // The state code's name; "0x" and eight digits for a code without one.
 std::string StateName(uint32_t state);
 

@@ -14,7 +14,9 @@
 #include "tools/bhctl/image.h"
 #include "tools/bhctl/interrupt.h"
 #include "tools/bhctl/password.h"
+#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
+#include "tools/bhctl/refusal.h"
 #include "tools/bhctl/text.h"
 #include "tools/bhctl/upload.h"
 
@@ -31,11 +33,6 @@ constexpr uint32_t CONFIRMING_PRODUCTS[] = {0x2001, 0x2002};
 
 constexpr const char *FINISH = "finish";
 
-struct Hint {
-  uint32_t state;
-  const char *text;
-};
-
 constexpr Hint REQUEST_HINTS[] = {
     {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
     {ACP_STATE_PASSWORD_ERROR, "the administrator's password is wrong"},
@@ -50,7 +47,8 @@ constexpr Hint END_HINTS[] = {
     {ACP_STATE_FAILURE, "the image did not arrive whole or its checksum is wrong"}};
 constexpr Hint FINISH_HINTS[] = {{ACP_STATE_FAILURE, "the installation failed"}};
 constexpr const char *NOT_CONFIRMED =
-    "the command mode must be enabled for this machine and the administrator's password confirmed";
+    "command mode must be enabled for this machine and the administrator's password verified: give "
+    "--pass-phrase and the password, or run 'bhctl enable' and 'bhctl login'";
 
 // An update under way.
 struct Job {
@@ -58,18 +56,13 @@ struct Job {
   Session session;
   Image image;
   Update update;
+  Permit permit;  // for products that take no password with the request
   Descriptor interrupt;
 };
 
 bool MustConfirm(const Job &job) {
   return std::count(std::begin(CONFIRMING_PRODUCTS), std::end(CONFIRMING_PRODUCTS),
                     job.session.info.product_id) != 0;
-}
-
-std::string HintFor(std::span<const Hint> hints, uint32_t state) {
-  const auto found = std::find_if(hints.begin(), hints.end(),
-                                  [=](const Hint &hint) { return hint.state == state; });
-  return found == hints.end() ? "" : found->text;
 }
 
 int Fail(const char *step, const std::string &why, int status) {
@@ -137,11 +130,18 @@ int ReadArguments(const Options &options, Job *job) {
   }
   job->update.size = job->image.size;
   job->update.checksum = job->image.checksum;
-  return ReadPassword(options, &job->update.password.text);
+  std::optional<std::string> password;
+  const int status = ReadPassword(options, &password);
+  job->update.password.text = password.value_or("");
+  job->permit = PermitOf(options);
+  if (password && (options.password || !password->empty()))
+    job->permit.password = AdminPassword(*password);
+  return status;
 }
 
 int OpenJobSession(const Options &options, Job *job) {
-  std::vector<Secret> secrets = {job->update.password};
+  std::vector<Secret> secrets = SecretsOf(job->permit);
+  secrets.push_back(job->update.password);
   if (job->update.zip_password) secrets.push_back(*job->update.zip_password);
   const int status = OpenSession(options, secrets, &job->session);
   if (status == EXIT_USAGE) return status;
@@ -194,6 +194,14 @@ int GiveUp(const Job &job, const char *step, const std::string &why) {
       !Await(exchange, timeout, Descriptor()))
     PrintError(MacText(job.session.mac) + " may still wait for the image");
   return EXIT_NO_ANSWER;
+}
+
+int GetPermit(const Job &job) {
+  if (!MustConfirm(job)) return EXIT_DONE;
+  Refusal refusal;
+  const int status = Obtain(job.options, job.session, job.permit, &refusal);
+  if (status == EXIT_REFUSED) return Refused(job, "request", refusal.state, refusal.hint);
+  return status == EXIT_DONE ? status : Fail("request", "nothing was changed", status);
 }
 
 int AskForUpdate(const Job &job) {
@@ -287,6 +295,8 @@ int Upgrade(const Options &options) {
   if (status == EXIT_DONE) status = CheckAppliance(&job);
   if (status != EXIT_DONE) return status;
   if (options.arguments.contains("--dry-run")) return ShowPlan(job);
+  status = GetPermit(job);
+  if (status != EXIT_DONE) return status;
   job.interrupt = HoldInterrupts();
   status = AskForUpdate(job);
   if (status == EXIT_DONE) status = SendImage(job);

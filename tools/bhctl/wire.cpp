@@ -22,6 +22,11 @@ uint32_t GetU32(Bytes bytes, size_t at) {
   return GetU16(bytes, at) | static_cast<uint32_t>(GetU16(bytes, at + 2)) << 16;
 }
 
+void AddU16(std::vector<uint8_t> *out, uint16_t value) {
+  out->push_back(static_cast<uint8_t>(value & 0xFF));
+  out->push_back(static_cast<uint8_t>(value >> 8));
+}
+
 void AddU32(std::vector<uint8_t> *out, uint32_t value) {
   for (int shift = 0; shift < 32; shift += 8)
     out->push_back(static_cast<uint8_t>(value >> shift & 0xFF));

@@ -49,7 +49,8 @@ Request PartitionRequest(const std::string &path);
 
 std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, const Mac &dst_mac);
 
-// Appends the number, its least significant byte first.
+// Append the number, its least significant byte first.
+void AddU16(std::vector<uint8_t> *out, uint16_t value);
 void AddU32(std::vector<uint8_t> *out, uint32_t value);
 
 // The number at byte `at`, its least significant byte first; what lies behind the end is 0.

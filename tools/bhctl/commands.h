@@ -1,0 +1,36 @@
+// The table of commands, which the command line and its help are made from.
+
+#ifndef BH_BHCTL_COMMANDS_H_
+#define BH_BHCTL_COMMANDS_H_
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "tools/bhctl/options.h"
+
+namespace bhctl {
+
+struct Argument {
+  std::string name;  // "PATH" is told by its position, "--type" and flags by name
+  std::string description;
+  bool required;
+  bool flag = false;  // has no value
+};
+
+// For a command that chooses by itself how long it waits when no timeout is given.
+constexpr std::chrono::seconds OWN_TIMEOUT{0};
+
+struct SubCommand {
+  std::string name;
+  std::string description;
+  std::vector<Argument> arguments;
+  int (*run)(const Options &options);
+  std::chrono::seconds timeout{2};  // when none is given
+};
+
+const std::vector<SubCommand> &Commands();
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_COMMANDS_H_

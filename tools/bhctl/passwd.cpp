@@ -1,0 +1,86 @@
+// The request brings the new password as the account database stores it. Beside the old password,
+// which proves who asks, it has room for 16 bytes of that: the shortest form of crypt(3) fits.
+
+#include "tools/bhctl/passwd.h"
+
+#include <nlohmann/json.hpp>
+
+#include "tools/bhctl/client.h"
+#include "tools/bhctl/password.h"
+#include "tools/bhctl/permit.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/refusal.h"
+#include "tools/bhctl/session.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+constexpr uint8_t CHANGE_PASSWORD = 0x10;
+constexpr uint32_t WITH_OLD_PASSWORD = 0;
+constexpr size_t HASH_ROOM = 16;  // bytes before the old password
+
+constexpr Hint HINTS[] = {
+    {ACP_STATE_PASSWORD_ERROR, "the old password is wrong"},
+    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_BAD_PRODUCT, "only the products 0x2001 and 0x2002 do that"},
+};
+
+int ReadPasswords(const Options &options, Secret *old_password, Secret *hash) {
+  std::string text;
+  int status = NeedPassword(options, &text);
+  *old_password = AdminPassword(text);
+  const auto given = options.arguments.find("--new-password");
+  std::optional<std::string> new_password;
+  if (given != options.arguments.end()) new_password = given->second;
+  if (status == EXIT_DONE) status = NeedNewPassword(new_password, &text);
+  if (status != EXIT_DONE) return status;
+  *hash = {HashPassword(text, InventSalt()), HASH_ROOM, "the hash"};
+  if (!hash->text.empty()) return EXIT_DONE;
+  PrintError("this machine cannot hash the new password");
+  return EXIT_NO_ANSWER;
+}
+
+int ShowChange(const Options &options, const Session &session, uint32_t state) {
+  if (state == ACP_STATE_NOT_PERMIT)
+    return ShowRefusal(options, session.mac, state, NotEnabledHint(session));
+  if (state != ACP_STATE_OK) return ShowRefusal(options, session.mac, state, HintFor(HINTS, state));
+  if (options.json)
+    PrintJson({{"mac", MacText(session.mac)}, {"state", StateName(state)}});
+  else
+    PrintLine("done");
+  return EXIT_DONE;
+}
+
+}  // namespace
+
+Request PasswordChangeRequest(Bytes hash, Bytes old_password) {
+  std::vector<uint8_t> text(hash.begin(), hash.end());
+  text.resize(HASH_ROOM);
+  text.insert(text.end(), old_password.begin(), old_password.end());
+  return SpecialRequest(CHANGE_PASSWORD, WITH_OLD_PASSWORD, text);
+}
+
+int Passwd(const Options &options) {
+  Secret old_password;
+  Secret hash;
+  int status = ReadPasswords(options, &old_password, &hash);
+  if (status != EXIT_DONE) return status;
+  const Permit permit = PermitOf(options);
+  std::vector<Secret> secrets = SecretsOf(permit);
+  secrets.insert(secrets.end(), {old_password, hash});
+  Session session;
+  status = OpenSession(options, secrets, &session);
+  if (status != EXIT_DONE) return status;
+  const Options chosen = SessionOptions(options, session);
+  status = ObtainOrTell(chosen, session, permit);
+  if (status != EXIT_DONE) return status;
+  Answer answer;
+  const Request request = PasswordChangeRequest(EncodePassword(hash, session.key).value(),
+                                                EncodePassword(old_password, session.key).value());
+  status = AskOne(chosen, request, &answer);
+  if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
+  return status == EXIT_DONE ? ShowChange(chosen, session, answer.state) : status;
+}
+
+}  // namespace bhctl

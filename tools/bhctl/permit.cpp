@@ -1,0 +1,92 @@
+// The command mode admits one requester, by its MAC address: whoever enables it must be who asks
+// next, hence both in one session.
+
+#include "tools/bhctl/permit.h"
+
+#include "tools/bhctl/client.h"
+#include "tools/bhctl/refusal.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+constexpr Hint PASS_PHRASE_HINTS[] = {
+    {ACP_STATE_PASSWORD_ERROR, "the pass phrase of the command mode is wrong"},
+    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+};
+constexpr Hint PASSWORD_HINTS[] = {
+    {ACP_STATE_PASSWORD_ERROR, "the administrator's password is wrong"},
+    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+};
+
+int Send(const Options &chosen, const Session &session, uint8_t code, const Secret &secret,
+         uint32_t *state) {
+  const std::vector<uint8_t> encoded = EncodePassword(secret, session.key).value();
+  Answer answer;
+  const int status = AskOne(chosen, SpecialRequest(code, 0, encoded), &answer);
+  *state = answer.state;
+  if (status != EXIT_DONE) return status;
+  return answer.state == ACP_STATE_OK ? EXIT_DONE : EXIT_REFUSED;
+}
+
+}  // namespace
+
+Request SpecialRequest(uint8_t code, uint32_t extra, Bytes text) {
+  Request request = {ACP_SPECIAL, ACP_SPECIAL_REPLY, 0, {code, 0, 0, 0}};
+  AddU32(&request.body, extra);
+  request.body.insert(request.body.end(), text.begin(), text.end());
+  request.body.push_back(0);
+  return request;
+}
+
+Secret PassPhrase(const std::string &text) {
+  return {text, LONGEST_PASSWORD, "the pass phrase"};
+}
+
+Secret AdminPassword(const std::string &text) {
+  return {text, LONGEST_PASSWORD, "the administrator's password"};
+}
+
+Permit PermitOf(const Options &options) {
+  Permit permit;
+  if (!options.pass_phrase.empty()) permit.pass_phrase = PassPhrase(options.pass_phrase);
+  return permit;
+}
+
+std::vector<Secret> SecretsOf(const Permit &permit) {
+  std::vector<Secret> secrets;
+  if (permit.pass_phrase) secrets.push_back(*permit.pass_phrase);
+  if (permit.password) secrets.push_back(*permit.password);
+  return secrets;
+}
+
+int Obtain(const Options &chosen, const Session &session, const Permit &permit, Refusal *refusal) {
+  if (permit.pass_phrase) {
+    const int status =
+        Send(chosen, session, SPECIAL_COMMAND_MODE, *permit.pass_phrase, &refusal->state);
+    refusal->hint = HintFor(PASS_PHRASE_HINTS, refusal->state);
+    if (status != EXIT_DONE) return status;
+  }
+  if (!permit.password) return EXIT_DONE;
+  const int status = Send(chosen, session, SPECIAL_LOGIN, *permit.password, &refusal->state);
+  refusal->hint = refusal->state == ACP_STATE_NOT_PERMIT ? NotEnabledHint(session)
+                                                         : HintFor(PASSWORD_HINTS, refusal->state);
+  return status;
+}
+
+int ObtainOrTell(const Options &chosen, const Session &session, const Permit &permit) {
+  Refusal refusal;
+  const int status = Obtain(chosen, session, permit, &refusal);
+  if (status != EXIT_REFUSED) return status;
+  return ShowRefusal(chosen, session.mac, refusal.state, refusal.hint);
+}
+
+std::string NotEnabledHint(const Session &session) {
+  if (session.invented)
+    return "the password cannot be sent under this machine's key, so that it asks as " +
+           MacText(session.src_mac) + ", which is not enabled: give --pass-phrase";
+  return "command mode is not enabled for this machine (" + MacText(session.src_mac) +
+         "): give --pass-phrase or run 'bhctl enable'";
+}
+
+}  // namespace bhctl

@@ -1,0 +1,32 @@
+// How a refused request is told: the state that the appliance answered, and what may help.
+
+#ifndef BH_BHCTL_REFUSAL_H_
+#define BH_BHCTL_REFUSAL_H_
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "tools/bhctl/options.h"
+#include "tools/bhctl/wire.h"
+
+namespace bhctl {
+
+struct Hint {
+  uint32_t state;
+  const char *text;
+};
+
+// After a request that got no answer.
+constexpr const char *MAYBE_DONE = "it may have been done all the same";
+
+// Empty for a state that no hint is for.
+std::string HintFor(std::span<const Hint> hints, uint32_t state);
+
+// The state by name, for programs alone or with the hint, unless that is empty, for people. Returns
+// EXIT_REFUSED.
+int ShowRefusal(const Options &options, const Mac &mac, uint32_t state, const std::string &hint);
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_REFUSAL_H_

@@ -1,0 +1,260 @@
+// The appliance answers before it takes its new address, and tells only whether it can take that:
+// what else is wrong must show here.
+
+#include "tools/bhctl/set.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+#include "tools/bhctl/client.h"
+#include "tools/bhctl/password.h"
+#include "tools/bhctl/permit.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/refusal.h"
+#include "tools/bhctl/session.h"
+#include "tools/bhctl/terminal.h"
+
+namespace bhctl {
+namespace {
+
+// Of the request.
+constexpr uint16_t FLAG_DHCP = 0x0001;
+constexpr uint32_t CHANGE_MASK_IP = 0x01;
+constexpr uint32_t CHANGE_MASK_HOSTNAME = 0x02;
+constexpr uint32_t CHANGE_MASK_WORKGROUP = 0x04;
+constexpr uint32_t CHANGE_MASK_DATETIME = 0x10;
+constexpr uint32_t FLAG_CHANGE_INIT = 0x20;
+constexpr uint32_t CHANGE_MASK_GATEWAY = 0x40;
+constexpr uint32_t CHANGE_MASK_TIMEZONE = 0x80;
+
+constexpr size_t LONGEST_NAME = 16;      // bytes, of a host or a workgroup
+constexpr size_t HOST_NAME_FIELD = 17;   // bytes of body
+constexpr size_t WORKGROUP_FIELD = 35;   // bytes
+constexpr int32_t LONGEST_OFFSET = 840;  // minutes; nowhere is farther from UTC
+constexpr int FIRST_YEAR = 2001;         // that the appliance takes
+
+constexpr const char *NOT_VERIFIED =
+    "command mode must be enabled for this machine and the administrator's password verified: give "
+    "--pass-phrase and --password, or run 'bhctl enable' and 'bhctl login'";
+constexpr const char *NOT_TAKEN =
+    "a disk is being prepared, another program changes its settings, or it cannot take the "
+    "address; "
+    "what else was to be set may have been set";
+constexpr const char *EMERGENCY = "it runs its emergency system, where nothing but --ip can be set";
+constexpr const char *EXPLANATION =
+    "The appliance will not be reached at its present address any more";
+
+int UsageFailure(const std::string &message) {
+  PrintError(message);
+  return EXIT_USAGE;
+}
+
+const std::string *Given(const Options &options, const char *name) {
+  const auto found = options.arguments.find(name);
+  return found == options.arguments.end() ? nullptr : &found->second;
+}
+
+int ReadAddress(const Options &options, const char *name, std::optional<uint32_t> *address) {
+  const std::string *text = Given(options, name);
+  if (text == nullptr) return EXIT_DONE;
+  *address = ParseAddress(*text);
+  if (*address) return EXIT_DONE;
+  return UsageFailure(std::string(name) + " must be an IPv4 address, not '" + SafeText(*text) +
+                      "'");
+}
+
+int ReadAddresses(const Options &options, Settings *settings) {
+  std::optional<uint32_t> netmask;
+  int status = ReadAddress(options, "--ip", &settings->address);
+  if (status == EXIT_DONE) status = ReadAddress(options, "--netmask", &netmask);
+  if (status == EXIT_DONE) status = ReadAddress(options, "--gateway", &settings->gateway);
+  if (status != EXIT_DONE) return status;
+  if (settings->address.has_value() != netmask.has_value())
+    return UsageFailure("--ip and --netmask go together");
+  settings->netmask = netmask.value_or(0);
+  return EXIT_DONE;
+}
+
+int ReadName(const Options &options, const char *option, std::string *name) {
+  const std::string *text = Given(options, option);
+  if (text == nullptr) return EXIT_DONE;
+  *name = *text;
+  if (!name->empty() && name->size() <= LONGEST_NAME) return EXIT_DONE;
+  return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(LONGEST_NAME) +
+                      " bytes");
+}
+
+int ReadTime(const Options &options, Settings *settings) {
+  const std::string *text = Given(options, "--time");
+  if (text == nullptr) return EXIT_DONE;
+  settings->now = *text == "now";
+  if (settings->now) return EXIT_DONE;
+  settings->time = ParseDateTime(*text);
+  if (settings->time && settings->time->year >= FIRST_YEAR) return EXIT_DONE;
+  return UsageFailure("--time must be now or \"YYYY-MM-DD HH:MM:SS\" from " +
+                      std::to_string(FIRST_YEAR) + " on, not '" + SafeText(*text) + "'");
+}
+
+int ReadTimezone(const Options &options, Settings *settings) {
+  const std::string *text = Given(options, "--timezone");
+  if (text == nullptr) return EXIT_DONE;
+  int32_t minutes = 0;
+  const char *end = text->data() + text->size();
+  const auto [after, error] = std::from_chars(text->data(), end, minutes);
+  settings->timezone = minutes;
+  if (error == std::errc() && after == end && std::abs(minutes) <= LONGEST_OFFSET) return EXIT_DONE;
+  return UsageFailure("--timezone must be a number of minutes from -" +
+                      std::to_string(LONGEST_OFFSET) + " to " + std::to_string(LONGEST_OFFSET) +
+                      ", not '" + SafeText(*text) + "'");
+}
+
+int ReadSettings(const Options &options, Settings *settings) {
+  settings->dhcp = Given(options, "--dhcp") != nullptr;
+  settings->initialised = Given(options, "--initialised") != nullptr;
+  int status = ReadAddresses(options, settings);
+  if (status == EXIT_DONE) status = ReadName(options, "--hostname", &settings->host_name);
+  if (status == EXIT_DONE) status = ReadName(options, "--workgroup", &settings->workgroup);
+  if (status == EXIT_DONE) status = ReadTime(options, settings);
+  if (status == EXIT_DONE) status = ReadTimezone(options, settings);
+  if (status == EXIT_DONE && options.arguments.empty())
+    return UsageFailure("nothing is given to be set, see 'bhctl set --help'");
+  return status;
+}
+
+bool ChangesAddress(const Settings &settings) {
+  return settings.dhcp || settings.address;
+}
+
+uint32_t ChangeMask(const Settings &settings) {
+  uint32_t mask = 0;
+  if (ChangesAddress(settings)) mask |= CHANGE_MASK_IP;
+  if (!settings.host_name.empty()) mask |= CHANGE_MASK_HOSTNAME;
+  if (!settings.workgroup.empty()) mask |= CHANGE_MASK_WORKGROUP;
+  if (settings.time) mask |= CHANGE_MASK_DATETIME;
+  if (settings.initialised) mask |= FLAG_CHANGE_INIT;
+  if (settings.gateway) mask |= CHANGE_MASK_GATEWAY;
+  if (settings.timezone) mask |= CHANGE_MASK_TIMEZONE;
+  return mask;
+}
+
+std::string QuestionText(const Settings &settings) {
+  return settings.dhcp ? "set --dhcp" : "set --ip " + AddressText(settings.address.value_or(0));
+}
+
+bool IsEmergency(const Session &session) {
+  return session.info.product_state == PRODUCT_STATE_EMERGENCY;
+}
+
+// The emergency system would take the zeros of a request for DHCP as its address.
+int CheckSystem(const Session &session, const Settings &settings) {
+  if (!IsEmergency(session) || !settings.dhcp) return EXIT_DONE;
+  PrintError(MacText(session.mac) + " runs its emergency system, which knows no DHCP");
+  return EXIT_REFUSED;
+}
+
+// A line that is left empty at the terminal is no password: one verified before may do.
+int ReadPermit(const Options &options, Permit *permit) {
+  std::optional<std::string> password;
+  const int status = ReadPassword(options, &password);
+  *permit = PermitOf(options);
+  if (password && (options.password || options.password_stdin || !password->empty()))
+    permit->password = AdminPassword(*password);
+  return status;
+}
+
+DateTime LocalTime() {
+  const std::time_t now = std::time(nullptr);
+  std::tm local = {};
+  localtime_r(&now, &local);
+  const auto number = [](int value) { return static_cast<uint16_t>(value); };
+  return {number(local.tm_year + 1900), number(local.tm_mon + 1), number(local.tm_mday),
+          number(local.tm_hour),        number(local.tm_min),     number(local.tm_sec)};
+}
+
+int ShowRefused(const Options &chosen, const Session &session, uint32_t state) {
+  std::string hint;
+  if (state == ACP_STATE_PASSWORD_ERROR)
+    hint = session.invented ? NotEnabledHint(session) : NOT_VERIFIED;
+  else if (state == ACP_STATE_FAILURE)
+    hint = IsEmergency(session) ? EMERGENCY : NOT_TAKEN;
+  return ShowRefusal(chosen, session.mac, state, hint);
+}
+
+int ShowDone(const Options &chosen, const Session &session, const Settings &settings) {
+  if (chosen.json) {
+    Json object = {{"mac", MacText(session.mac)}, {"state", StateName(ACP_STATE_OK)}};
+    if (settings.address && !settings.dhcp) object["address"] = AddressText(*settings.address);
+    PrintJson(object);
+  } else if (settings.dhcp) {
+    PrintLine("done; it asks for its address by DHCP now, see 'bhctl discover'");
+  } else if (settings.address) {
+    PrintLine("done; it takes the address " + AddressText(*settings.address) + " now");
+  } else {
+    PrintLine("done");
+  }
+  if (IsEmergency(session) && ChangeMask(settings) != CHANGE_MASK_IP) PrintError(EMERGENCY);
+  return EXIT_DONE;
+}
+
+int AskChange(const Options &chosen, const Session &session, Settings *settings) {
+  if (settings->now) settings->time = LocalTime();
+  Answer answer;
+  const int status = AskOne(chosen, ChangeRequest(*settings), &answer);
+  if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
+  if (status != EXIT_DONE) return status;
+  if (answer.state != ACP_STATE_OK) return ShowRefused(chosen, session, answer.state);
+  return ShowDone(chosen, session, *settings);
+}
+
+void AddField(std::vector<uint8_t> *out, const std::string &text, size_t size) {
+  const size_t end = out->size() + size;
+  out->insert(out->end(), text.begin(), text.end());
+  out->resize(end);
+}
+
+}  // namespace
+
+// Fields that the mask does not name stay zero.
+Request ChangeRequest(const Settings &settings) {
+  Request request = {ACP_CHANGE_IP, ACP_CHANGE_IP_REPLY, 0, {}};
+  std::vector<uint8_t> &body = request.body;
+  AddU16(&body, settings.dhcp ? FLAG_DHCP : 0);
+  AddField(&body, "", 10);  // not used
+  AddU32(&body, ChangeMask(settings));
+  AddU32(&body, settings.address.value_or(0));
+  AddU32(&body, settings.netmask);
+  AddField(&body, settings.host_name, HOST_NAME_FIELD);
+  AddField(&body, settings.workgroup, WORKGROUP_FIELD);
+  const DateTime time = settings.time.value_or(DateTime());
+  for (const uint16_t number :
+       {time.year, time.month, time.day, time.hour, time.minute, time.second})
+    AddU16(&body, number);
+  AddU32(&body, settings.gateway.value_or(0));
+  AddField(&body, "", 16);  // not used
+  AddU32(&body, static_cast<uint32_t>(settings.timezone.value_or(0)));
+  return request;
+}
+
+int Set(const Options &options) {
+  Settings settings;
+  Permit permit;
+  int status = ReadSettings(options, &settings);
+  if (status == EXIT_DONE && ChangesAddress(settings))
+    status = CheckAssent(options, QuestionText(settings));
+  if (status == EXIT_DONE) status = ReadPermit(options, &permit);
+  if (status != EXIT_DONE) return status;
+  Session session;
+  status = OpenSession(options, SecretsOf(permit), &session);
+  if (status != EXIT_DONE) return status;
+  const Options chosen = SessionOptions(options, session);
+  status = CheckSystem(session, settings);
+  if (status == EXIT_DONE && ChangesAddress(settings))
+    status = Assent(chosen, session, QuestionText(settings), EXPLANATION);
+  if (status == EXIT_DONE) status = ObtainOrTell(chosen, session, permit);
+  return status == EXIT_DONE ? AskChange(chosen, session, &settings) : status;
+}
+
+}  // namespace bhctl

@@ -1,0 +1,38 @@
+// The set command: changes an appliance's network settings, names and clock in one request.
+
+#ifndef BH_BHCTL_SET_H_
+#define BH_BHCTL_SET_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/bhctl/options.h"
+#include "tools/bhctl/text.h"
+#include "tools/bhctl/wire.h"
+
+namespace bhctl {
+
+// Arguments --ip, --netmask, --dhcp, --hostname, --workgroup, --time, --gateway, --timezone and
+// --initialised. Returns the program's exit status.
+int Set(const Options &options);
+
+// What is to be changed.
+struct Settings {
+  std::optional<uint32_t> address;  // comes with a netmask; with `dhcp` for want of a lease
+  uint32_t netmask = 0;
+  bool dhcp = false;
+  std::string host_name;  // empty: as it is
+  std::string workgroup;
+  std::optional<DateTime> time;  // local
+  bool now = false;              // this machine's time instead
+  std::optional<uint32_t> gateway;
+  std::optional<int32_t> timezone;  // minutes from local time to UTC
+  bool initialised = false;
+};
+
+Request ChangeRequest(const Settings &settings);
+
+}  // namespace bhctl
+
+#endif  // BH_BHCTL_SET_H_

@@ -1,0 +1,297 @@
+// A request is sent once, to one appliance, and never again: nobody wants a second restart.
+
+#include "tools/bhctl/special.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/bhctl/client.h"
+#include "tools/bhctl/password.h"
+#include "tools/bhctl/permit.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/refusal.h"
+#include "tools/bhctl/session.h"
+#include "tools/bhctl/status.h"
+#include "tools/bhctl/terminal.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+using std::chrono::seconds;
+using enum Operand;
+using enum ResultKind;
+
+constexpr SpecialGroup GROUPS[] = {
+    {"boot", "SYSTEM", "Choose the system that the appliance starts next"},
+    {"config", "ACTION", "Save or load the appliance's configuration"},
+    {"lock", "ACTION", "See, take or release the appliance's configuration lock"},
+    {"trace", "SWITCH", "Switch the trace of the appliance's daemon on or off"},
+    {"raid create", "KIND", "Create an array"},
+    {"language", "LANGUAGE", "Choose the appliance's language"},
+    {"test", "PART", "Test a drive, which loses what is on it, or the UPS port"},
+};
+
+constexpr Special SPECIALS[] = {
+    {"enable", "", kPassPhrase, SPECIAL_COMMAND_MODE, 0, 0,
+     "Enable the command mode for this machine, and for no other"},
+    {"disable", "", kNone, SPECIAL_COMMAND_MODE, 1, 0, "Disable the command mode"},
+    {"login", "", kPassword, SPECIAL_LOGIN, 0, ENABLED,
+     "Have the administrator's password verified"},
+    {"reboot", "", kNone, 0x01, 0, ENABLED | ASKS, "Restart the appliance"},
+    {"shutdown", "", kNone, 0x02, 0, ENABLED | ASKS, "Switch the appliance off"},
+    {"boot", "emergency", kNone, 0x03, 0, ENABLED | ASKS, "Start the emergency system next"},
+    {"boot", "disk", kNone, 0x04, 0, ENABLED | ASKS, "Start the disk's system next",
+     "the mark for the disk's system could not be made"},
+    {"blink", "", kNone, 0x05, 0, 0, "Let the appliance blink for 3 seconds"},
+    {"config", "save", kNone, 0x06, 0, 0, "Save the configuration"},
+    {"config", "load", kNone, 0x07, 0, ASKS, "Replace the configuration by the saved one"},
+    {"web-reset", "", kNone, 0x08, 0, ASKS, "Set the web settings back to what they were new"},
+    {"lock", "status", kNone, 0x09, 0, 0, "See the lock", "", kLockStatus},
+    {"lock", "take", kNone, 0x0A, 0, 0, "Take the lock for the daemon", "", kLock},
+    {"lock", "release", kNone, 0x0B, 0, 0, "Release the daemon's lock",
+     "there is no lock: none was ever taken since the appliance started"},
+    {"trace", "on", kNone, 0x0E, 0, 0, "Switch the trace on"},
+    {"trace", "off", kNone, 0x0E, 1, 0, "Switch the trace off"},
+    {"set-mac", "", kMac, 0x0F, 0, ENABLED | ASKS,
+     "Give the network hardware another MAC address, for good",
+     "the network hardware cannot be written"},
+    {"raid create", "normal", kNone, 0x11, 3, ENABLED | ASKS,
+     "Make single disks, which loses all on them"},
+    {"raid create", "jbod", kNone, 0x11, 4, ENABLED | ASKS,
+     "Join the disks, which loses all on them"},
+    {"raid create", "raid1", kNone, 0x11, 5, ENABLED | ASKS,
+     "Mirror the disks, which loses all on them"},
+    {"raid create", "raid5", kNone, 0x11, 6, ENABLED | ASKS,
+     "Make a RAID 5, which loses all on the disks"},
+    {"language", "japanese", kNone, 0x12, 0, ENABLED, "Japanese", "it cannot be written"},
+    {"language", "english", kNone, 0x12, 1, ENABLED, "English", "it cannot be written"},
+    {"test", "disk", kDevice, 0x40, 1, ENABLED | ASKS,
+     "Write and read parts of a disk, which loses what is on it", "", kState, seconds(600)},
+    {"test", "usb", kDevice, 0x40, 0, ENABLED | ASKS,
+     "Write and read a part of a USB disk, which loses what is on it", "", kState, seconds(600)},
+    {"test", "ups", kNone, 0x50, 0, ENABLED, "Test the UPS port", "the port's signals are wrong",
+     kState, seconds(60)},
+    {"remove", "", kPath, 0x41, 0, ENABLED | ASKS, "Remove a file or an empty directory",
+     "there is no such file, or it is a directory that is not empty"},
+    {"checksum", "", kPath, 0x42, 0, 0, "Show the 16-bit checksum of a file", "", kChecksum},
+    {"clear-usb", "", kNone, 0x45, 0, ENABLED, "Forget the USB disks in the disk information"},
+};
+
+constexpr Hint HINTS[] = {
+    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_NOT_SUPPORT, "it does not know this command"},
+    {ACP_STATE_TEST_FAIL, "there is no such drive, or it is slow or has bad blocks"},
+    {ACP_STATE_BAD_PRODUCT, "only the products 0x2001 and 0x2002 do that"},
+};
+
+constexpr uint32_t NOT_READY = 0xFFFFFFFE;
+constexpr uint32_t HELD_BY_ANOTHER = 0xFFFFFFFD;
+constexpr Hint LOCK_HINTS[] = {
+    {ACP_STATE_FAILURE, "the lock's file cannot be made"},
+    {NOT_READY, "the lock is not ready; try again"},
+    {HELD_BY_ANOTHER, "it is held, by another program or by the daemon already"},
+};
+
+constexpr uint32_t LOCK_HELD = 0;
+constexpr uint32_t LOCK_NOT_HELD = 1;
+constexpr uint32_t NO_CHECKSUM = 0xFFFF;
+
+// One run of a command.
+struct Call {
+  const Special *row = nullptr;
+  Options options;
+  std::string operand;           // as it was given
+  std::vector<uint8_t> text;     // of the request, unless it is a secret
+  std::optional<Secret> secret;  // goes as the text, under the session's key
+  Permit permit;
+  Session session;
+};
+
+int UsageFailure(const std::string &message) {
+  PrintError(message);
+  return EXIT_USAGE;
+}
+
+std::string Given(const Options &options, const std::string &name) {
+  const auto found = options.arguments.find(name);
+  return found == options.arguments.end() ? "" : found->second;
+}
+
+std::string CommandText(const Call &call) {
+  std::string text = call.row->name;
+  for (const std::string &more : {std::string(call.row->word), call.operand})
+    if (!more.empty()) text.append(" ").append(more);
+  return text;
+}
+
+// Null, with a message, when no row has the word that was given.
+const Special *ChooseRow(const Options &options) {
+  const SpecialGroup *group = FindGroup(options.command.c_str());
+  const std::string word = group == nullptr ? "" : Given(options, group->word);
+  std::string words;
+  for (const Special &row : SPECIALS) {
+    if (row.name != options.command) continue;
+    if (row.word == word) return &row;
+    if (!words.empty()) words += ", ";
+    words += row.word;
+  }
+  PrintError(std::string(group == nullptr ? "argument" : group->word) + " must be one of " + words +
+             ", not '" + SafeText(word) + "'");
+  return nullptr;
+}
+
+int ReadPath(const char *name, Call *call) {
+  if (call->operand.empty() || call->operand.size() > MAX_REQUEST_TEXT)
+    return UsageFailure(std::string(name) + " must have 1 to " + std::to_string(MAX_REQUEST_TEXT) +
+                        " bytes");
+  call->text.assign(call->operand.begin(), call->operand.end());
+  return EXIT_DONE;
+}
+
+// A group's or nobody's address would leave the appliance unreachable.
+int ReadMac(Call *call) {
+  const std::optional<Mac> mac = ParseMac(call->operand);
+  if (!mac || (mac->front() & 1) != 0 || *mac == Mac())
+    return UsageFailure("not a MAC address of one interface: '" + SafeText(call->operand) + "'");
+  call->operand = MacText(*mac);
+  call->text.assign(call->operand.begin(), call->operand.end());
+  return EXIT_DONE;
+}
+
+int ReadSecret(Call *call) {
+  std::string text;
+  const bool phrase = call->row->operand == kPassPhrase;
+  const int status =
+      phrase ? NeedPassPhrase(call->options, &text) : NeedPassword(call->options, &text);
+  call->secret = phrase ? PassPhrase(text) : AdminPassword(text);
+  return status;
+}
+
+int ReadOperand(Call *call) {
+  const char *name = OperandName(call->row->operand);
+  for (const char *other : {"PATH", "DEVICE", "MAC"})
+    if (call->options.arguments.contains(other) &&
+        (name == nullptr || std::string_view(name) != other))
+      return UsageFailure("unexpected argument '" + SafeText(Given(call->options, other)) + "'");
+  if (call->row->operand == kPassPhrase || call->row->operand == kPassword) return ReadSecret(call);
+  if (name == nullptr) return EXIT_DONE;
+  if (!call->options.arguments.contains(name))
+    return UsageFailure(std::string(name) + " is required");
+  call->operand = Given(call->options, name);
+  return call->row->operand == kMac ? ReadMac(call) : ReadPath(name, call);
+}
+
+int ReadCall(const Options &options, Call *call) {
+  call->row = ChooseRow(options);
+  if (call->row == nullptr) return EXIT_USAGE;
+  call->options = options;
+  if (options.timeout.count() == 0) call->options.timeout = call->row->timeout;
+  if ((call->row->properties & ENABLED) != 0) call->permit = PermitOf(options);
+  const int status = ReadOperand(call);
+  if (status != EXIT_DONE || (call->row->properties & ASKS) == 0) return status;
+  return CheckAssent(options, CommandText(*call));
+}
+
+int OpenCallSession(Call *call) {
+  std::vector<Secret> secrets = SecretsOf(call->permit);
+  if (call->secret) secrets.push_back(*call->secret);
+  const int status = OpenSession(call->options, secrets, &call->session);
+  if (status != EXIT_DONE) return status;
+  call->options = SessionOptions(call->options, call->session);
+  if (call->secret) call->text = EncodePassword(*call->secret, call->session.key).value();
+  if ((call->row->properties & ASKS) == 0) return EXIT_DONE;
+  return Assent(call->options, call->session, CommandText(*call), call->row->description);
+}
+
+std::string RefusalHint(const Call &call, uint32_t state) {
+  if (state == ACP_STATE_NOT_PERMIT) return NotEnabledHint(call.session);
+  if (state == ACP_STATE_PASSWORD_ERROR && call.secret)
+    return std::string(call.secret->name) + " is wrong";
+  if (call.row->result == kLock) return HintFor(LOCK_HINTS, state);
+  if (call.row->result == kChecksum && state == NO_CHECKSUM)
+    return "the file is missing, empty, unreadable or nothing but zero bytes";
+  return state == ACP_STATE_FAILURE ? call.row->failure : HintFor(HINTS, state);
+}
+
+bool IsRefused(const Call &call, uint32_t result) {
+  if (call.row->result == kChecksum) return result >= NO_CHECKSUM;
+  if (call.row->result == kLockStatus) return result > LOCK_NOT_HELD;
+  return result != ACP_STATE_OK;
+}
+
+int ShowDone(const Call &call, uint32_t result) {
+  Json object = {{"mac", MacText(call.session.mac)}, {"state", StateName(ACP_STATE_OK)}};
+  std::string line = "done";
+  if (call.row->result == kChecksum) {
+    char text[7];
+    std::snprintf(text, sizeof text, "0x%04x", result & 0xFFFFU);
+    object["checksum"] = line = text;
+  }
+  if (call.row->result == kLock) line = "taken";
+  if (call.row->result == kLockStatus) {
+    object["held"] = result == LOCK_HELD;
+    line = result == LOCK_HELD
+               ? "held by the appliance's daemon, or never taken since the appliance started"
+               : "not held by the appliance's daemon: free, or held by another program";
+  }
+  if (call.options.json)
+    PrintJson(object);
+  else
+    PrintLine(line);
+  if (call.session.invented && call.secret)
+    PrintError("the password cannot be sent under this machine's key, so that this holds for " +
+               MacText(call.session.src_mac) + ": give the secrets with each command instead");
+  return EXIT_DONE;
+}
+
+}  // namespace
+
+std::span<const Special> Specials() {
+  return SPECIALS;
+}
+
+const SpecialGroup *FindGroup(const char *name) {
+  const auto *found =
+      std::find_if(std::begin(GROUPS), std::end(GROUPS),
+                   [=](const SpecialGroup &group) { return std::string_view(group.name) == name; });
+  return found == std::end(GROUPS) ? nullptr : found;
+}
+
+const char *OperandName(Operand operand) {
+  if (operand == kPath) return "PATH";
+  if (operand == kDevice) return "DEVICE";
+  return operand == kMac ? "MAC" : nullptr;
+}
+
+int RunSpecial(const Options &options) {
+  Call call;
+  int status = ReadCall(options, &call);
+  if (status == EXIT_DONE) status = OpenCallSession(&call);
+  if (status == EXIT_DONE) status = ObtainOrTell(call.options, call.session, call.permit);
+  if (status != EXIT_DONE) return status;
+  Answer answer;
+  const Request request = SpecialRequest(call.row->code, call.row->extra, call.text);
+  status = AskOne(call.options, request, &answer);
+  if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
+  if (status != EXIT_DONE) return status;
+  if (!IsRefused(call, answer.state)) return ShowDone(call, answer.state);
+  return ShowRefusal(call.options, answer.mac, answer.state, RefusalHint(call, answer.state));
+}
+
+int RaidOrCreate(const Options &options) {
+  const auto action = options.arguments.find("ACTION");
+  if (action == options.arguments.end()) return Raid(options);
+  if (action->second != "create")
+    return UsageFailure("ACTION must be create, not '" + SafeText(action->second) + "'");
+  if (!options.arguments.contains("KIND")) return UsageFailure("KIND is required");
+  Options create = options;
+  create.command += " create";
+  return RunSpecial(create);
+}
+
+}  // namespace bhctl

@@ -1,0 +1,84 @@
+// Lines are read byte by byte: what follows one on standard input is not this program's.
+
+#include "tools/bhctl/terminal.h"
+
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "tools/bhctl/interrupt.h"
+#include "tools/bhctl/print.h"
+#include "tools/bhctl/text.h"
+
+namespace bhctl {
+namespace {
+
+constexpr size_t LONGEST_LINE = 4096;  // bytes; no password is that long
+
+std::string ApplianceText(const Session &session) {
+  const char(&field)[sizeof session.info.host_name] = session.info.host_name;
+  return SafeText({field, strnlen(field, sizeof field)}) + " (" + MacText(session.mac) + ")";
+}
+
+}  // namespace
+
+bool IsTerminal() {
+  return isatty(STDIN_FILENO) == 1;
+}
+
+bool ReadLine(std::string *line) {
+  char byte = 0;
+  bool any = false;
+  while (line->size() <= LONGEST_LINE) {
+    const ssize_t got = read(STDIN_FILENO, &byte, 1);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    any = true;
+    if (byte == '\n') break;
+    *line += byte;
+  }
+  return any;
+}
+
+// An interrupt ends the program only when the terminal is as it was before.
+bool ReadHidden(const char *prompt, std::string *line) {
+  termios before = {};
+  if (tcgetattr(STDIN_FILENO, &before) != 0) return false;
+  const Descriptor interrupt = HoldInterrupts();
+  termios silent = before;
+  silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+  std::fputs(prompt, stderr);
+  pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {interrupt.fd, POLLIN, 0}};
+  while (poll(watched, 2, -1) < 0 && errno == EINTR)
+    ;
+  const bool read = !Interrupted(interrupt) && ReadLine(line);
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+  std::fputc('\n', stderr);
+  ReleaseInterrupts();
+  return read;
+}
+
+int CheckAssent(const Options &options, const std::string &what) {
+  if (options.assent || IsTerminal()) return EXIT_DONE;
+  PrintError(SafeText(what) + " asks before it is done: give --yes where there is no terminal");
+  return EXIT_USAGE;
+}
+
+int Assent(const Options &options, const Session &session, const std::string &what,
+           const std::string &explanation) {
+  if (options.assent) return EXIT_DONE;
+  std::fprintf(stderr, "%s.\n%s on %s: sure? [y/N] ", explanation.c_str(), SafeText(what).c_str(),
+               ApplianceText(session).c_str());
+  std::string answer;
+  if (!ReadLine(&answer)) std::fputc('\n', stderr);
+  if (answer == "y" || answer == "Y" || answer == "yes") return EXIT_DONE;
+  PrintError("nothing was done");
+  return EXIT_USAGE;
+}
+
+}  // namespace bhctl
