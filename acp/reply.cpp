@@ -117,6 +117,13 @@ void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, 
   SendFrame(fd, {frame, FRAME_HEADERS + payload.size()});
 }
 
+// A whole reply, in host order.
+int32_t SendBytes(const AcpRequest &request, std::span<uint8_t> reply) {
+  SwapAcpHeader(reply, Conversion::kToWire);
+  return SendPacket(request.sock, request.peer_port, reply.data(), reply.size(), BROADCAST_ADDRESS,
+                    request.if_mac);
+}
+
 }  // namespace
 
 Reply AllocateReply(size_t body_size) {
@@ -145,14 +152,13 @@ int32_t SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint
 }
 
 int32_t SendPreparedReply(const AcpRequest &request, Reply reply) {
-  SwapAcpHeader({reply.bytes.get(), reply.length}, Conversion::kToWire);
-  return SendPacket(request.sock, request.peer_port, reply.bytes.get(), reply.length,
-                    BROADCAST_ADDRESS, request.if_mac);
+  return SendBytes(request, {reply.bytes.get(), reply.length});
 }
 
 int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state) {
-  Reply reply = AllocateReply(0);
-  return reply.bytes ? SendReply(request, std::move(reply), command, state) : -1;
+  uint8_t reply[ACP_HEADER_SIZE] = {};
+  MakeReplyHeader(reply, command, 0, RequesterMac(request), state);
+  return SendBytes(request, reply);
 }
 
 int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,

@@ -45,7 +45,7 @@ int32_t SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint
 // The same for a reply that has its header already, in host order.
 int32_t SendPreparedReply(const AcpRequest &request, Reply reply);
 
-// The same for a reply that is its header alone. Without memory nothing is sent, and -1 returned.
+// The same for a reply that is its header alone, which takes no memory.
 int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state);
 
 // Writes one Ethernet/IPv4/UDP frame to the served interface. `sock` is not used. Port and

@@ -18,7 +18,7 @@ class Story : public SystemTest {
     EXPECT_NE(output.find(part), string::npos) << arguments << ":\n" << output;
   }
   string TakeCalls() {
-    const string calls = board::ReadFile(board, board::kCallLog);
+    string calls = board::ReadFile(board, board::kCallLog);
     board::WriteFile(board, board::kCallLog, "");
     return calls;
   }
