@@ -1,6 +1,7 @@
 // Disk installation: the image is an encrypted zip archive with a compressed tar archive in it,
 // which becomes the system partition's content.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,7 +23,8 @@ constexpr const char *ARCHIVE = "image.zip";
 constexpr const char *SYSTEM = "tmpimage.tgz";
 
 void RemoveOld(const char *directory, const char *name) {
-  if (!FileExists(FormatText("%s/%s", directory, name).c_str())) return;
+  struct stat entry = {};
+  if (lstat(FormatText("%s/%s", directory, name).c_str(), &entry) != 0) return;
   int32_t status = 0;
   exec1(FormatText("/bin/rm %s/%s", directory, name).c_str(), 1, &status);
 }
@@ -47,7 +49,7 @@ bool WriteImage(const Image &image, FILE *file) {
 // The received image as a file. Its segment, which takes as much memory, is gone then, whatever
 // came of it: only a new upload could be installed.
 bool StoreArchive(Image image, const std::string &path) {
-  FilePtr file(fopen(path.c_str(), "wbe"));
+  FilePtr file = CreateRegularFile(path.c_str());
   if (!file) return false;
   DebugPrint("write_firmInHdd() fopen(%s) success!!!\n", path.c_str());
   const bool written = WriteImage(image, file.get());

@@ -204,9 +204,10 @@ uint32_t TakeUpload(uint8_t *buffer, uint32_t size) {
     fd_set ready = connections.watched;
     struct timeval timeout = {.tv_sec = WAKE_UP, .tv_usec = 0};
     const int count = select(daemon_state.max_fd + 1, &ready, nullptr, nullptr, &timeout);
+    const int error = errno;
     DebugPrint("tcp_recive_serv() 2.\n");
     if (count == 0) FD_SET(daemon_state.listen_fd, &connections.watched);
-    if (count < 0 && errno != EINTR) break;
+    if (count < 0 && error != EINTR) break;
     if (count <= 0) continue;
     if (FD_ISSET(daemon_state.listen_fd, &ready)) Accept(connections);
     taken = ReadReady(connections, ready, buffer, size, received);

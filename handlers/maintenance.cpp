@@ -82,6 +82,7 @@ int32_t chage_language(const char *lang, const char *codepage) {
 }
 
 int32_t clear_usb_info() {
+  if (!RemoveLeftover("/tmp/diskinfo")) return 0;
   RunCommandLine("cp /etc/korvo/diskinfo /tmp/diskinfo");
   RunCommandLine("grep -v \"usb_disk\" /tmp/diskinfo > /etc/korvo/diskinfo");
   for (int entry = 1; entry <= USB_ENTRIES; ++entry)

@@ -78,7 +78,7 @@ uint32_t Reboot(const AcpRequest &) {
   int32_t result = 0;
   const bool emergency = IsEmergencySystem();
   if (emergency || is_zeph_product())
-    RunCommandLine("/sbin/reboot");
+    RunUntilExit("/sbin/reboot");
   else
     result = libbh_Reboot();
   if (!emergency) DebugPrint("libbh_Reboot(). lRet=0x%x\n", static_cast<uint32_t>(result));
@@ -87,7 +87,7 @@ uint32_t Reboot(const AcpRequest &) {
 
 uint32_t Shutdown(const AcpRequest &) {
   if (IsEmergencySystem() || is_zeph_product()) {
-    RunCommandLine("/usr/local/bin/shutdown.sh");
+    RunUntilExit("/usr/local/bin/shutdown.sh");
     return ACP_STATE_OK;
   }
   const uint32_t result = static_cast<uint32_t>(libbh_Shutdown());
@@ -249,7 +249,7 @@ uint32_t ChangePassword(const AcpRequest &request) {
   if (!MayChangePassword(request, key)) return ACP_STATE_PASSWORD_ERROR;
   const size_t end = Extra(request) == WITH_OLD_PASSWORD ? OLD_PASSWORD_AT : RECEIVE_BUFFER;
   const std::optional<std::string> password = Decode(request, key, TEXT_AT, end);
-  if (!password) return ACP_STATE_PASSWORD_ERROR;
+  if (!password || password->empty()) return ACP_STATE_PASSWORD_ERROR;
   RunCommandLine(FormatText("usermod -l admin -p %s admin", QuoteForShell(*password).c_str()));
   DebugPrint("execute usermod. user=%s new_pass=%s\n", "admin", password->c_str());
   return ACP_STATE_OK;

@@ -55,16 +55,22 @@ int32_t SetSambaWorkgroup(const char *name) {
   return 0;
 }
 
+// Without a whole copy the information file stays as it is.
+void ReencodeInfo(const char *workgroup) {
+  if (!RemoveLeftover(SCRATCH_FILE)) return;
+  if (RunShell("cp /etc/korvo/info /tmp/libbh_tmp") == 0 &&
+      libbh_SetConfigValue(SCRATCH_FILE, INFO_WORKGROUP_KEY, workgroup) == 0)
+    RunShell("nkf -e /tmp/libbh_tmp > /etc/korvo/info");
+  unlink(SCRATCH_FILE);
+}
+
 void SetInfoWorkgroup(const char *name) {
   if (!FileExists(INFO_FILE)) {
     libbh_SetConfigValue(INFO_SCRIPT, INFO_WORKGROUP_KEY, name);
   } else if (libbh_GetProductId() > LAST_EUC_PRODUCT) {
     libbh_SetConfigValue(INFO_FILE, INFO_WORKGROUP_KEY, name);
   } else {
-    RunShell("cp /etc/korvo/info /tmp/libbh_tmp");
-    libbh_SetConfigValue(SCRATCH_FILE, INFO_WORKGROUP_KEY, name);
-    RunShell("nkf -e /tmp/libbh_tmp > /etc/korvo/info");
-    unlink(SCRATCH_FILE);
+    ReencodeInfo(name);
   }
 }
 

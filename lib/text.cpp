@@ -36,13 +36,23 @@ FilePtr IfRegular(int fd, const char *mode) {
 
 }  // namespace
 
+// Opening a device may act on it, and opening a FIFO on whoever writes there: both are looked at
+// first, and once more when they are open.
 FilePtr OpenRegularFile(const char *path) {
+  struct stat status = {};
+  if (stat(path, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
   return IfRegular(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY), "r");
 }
 
 FilePtr CreateRegularFile(const char *path, mode_t mode) {
   constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW;
+  struct stat status = {};
+  if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode)) return nullptr;
   return IfRegular(open(path, FLAGS | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode), "w");
+}
+
+bool RemoveLeftover(const char *path) {
+  return remove(path) == 0 || errno == ENOENT;
 }
 
 int ReadTextFile(const char *path, std::string &content) {

@@ -40,6 +40,10 @@ FilePtr OpenRegularFile(const char *path);
 // for directories in which others may leave things. Null otherwise.
 FilePtr CreateRegularFile(const char *path, mode_t mode = 0666);
 
+// Removes what an earlier run, or somebody else, has left under the name: a file, a link, a FIFO or
+// an empty directory. False when it is still there.
+bool RemoveLeftover(const char *path);
+
 // Reads the file whole into `content`. Returns 0, or the errno of the failed open or read (EISDIR
 // for a directory) with `content` empty.
 int ReadTextFile(const char *path, std::string &content);

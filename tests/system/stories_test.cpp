@@ -28,6 +28,7 @@ const string kSecrets = "--pass-phrase FernGate --password admin ";
 
 TEST_F(Story, FirstSetUpOfANewAppliance) {
   Expect("--json discover", "\"initialized\":false");
+  OnBoard({"mkfifo", "/tmp/libbh_tmp", "/tmp/diskinfo"});  // left by somebody, to keep it waiting
   Expect("set --hostname fresh", "ACP_STATE_PASSWORD_ERROR");
   client.frames.clear();
   Expect(kSecrets +
@@ -46,6 +47,8 @@ TEST_F(Story, FirstSetUpOfANewAppliance) {
     EXPECT_NE(found.find(part), string::npos) << found;
   EXPECT_NE(board::ReadFile(board, "/etc/network/interfaces").find("address 192.168.40.77"),
             string::npos);
+  Expect("clear-usb", "exit 0");
+  EXPECT_NE(board::ReadFile(board, "/etc/korvo/diskinfo").find("usb_disk4="), string::npos);
 }
 
 TEST_F(Story, ClientsLockEachOtherOut) {
@@ -106,5 +109,10 @@ TEST_F(Story, OfficeProductKeepsItsAccounts) {
   EXPECT_TRUE(board::WaitFor([&] { return TakeCalls().find("dkwiz_mkjbod.sh") != string::npos; }));
   Expect("language japanese", "exit 0");
   EXPECT_NE(board::ReadFile(board, "/etc/korvo/info").find("japanese"), string::npos);
+  // What switches the appliance off stops the daemon first, which answers all the same.
+  board::WriteFile(board, "/run/stand-ins/shutdown.sh",
+                   "kill -TERM $(cat /var/run/bh_servd-eth0.pid); sleep 5");
+  Expect("--yes shutdown", "exit 0");
+  EXPECT_TRUE(AwaitServers(0));
   std::filesystem::remove(file);
 }

@@ -78,13 +78,19 @@ int ReadAddresses(const Options &options, Settings *settings) {
   return EXIT_DONE;
 }
 
+bool IsControl(char character) {
+  return static_cast<unsigned char>(character) < ' ' || character == '\x7F';
+}
+
 int ReadName(const Options &options, const char *option, std::string *name) {
   const std::string *text = Given(options, option);
   if (text == nullptr) return EXIT_DONE;
   *name = *text;
-  if (!name->empty() && name->size() <= LONGEST_NAME) return EXIT_DONE;
+  if (!name->empty() && name->size() <= LONGEST_NAME && name->front() != '-' &&
+      std::none_of(name->begin(), name->end(), IsControl))
+    return EXIT_DONE;
   return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(LONGEST_NAME) +
-                      " bytes");
+                      " bytes, none of them a control character, and not begin with '-'");
 }
 
 int ReadTime(const Options &options, Settings *settings) {
@@ -105,7 +111,9 @@ int ReadTimezone(const Options &options, Settings *settings) {
   const char *end = text->data() + text->size();
   const auto [after, error] = std::from_chars(text->data(), end, minutes);
   settings->timezone = minutes;
-  if (error == std::errc() && after == end && std::abs(minutes) <= LONGEST_OFFSET) return EXIT_DONE;
+  if (error == std::errc() && after == end && minutes >= -LONGEST_OFFSET &&
+      minutes <= LONGEST_OFFSET)
+    return EXIT_DONE;
   return UsageFailure("--timezone must be a number of minutes from -" +
                       std::to_string(LONGEST_OFFSET) + " to " + std::to_string(LONGEST_OFFSET) +
                       ", not '" + SafeText(*text) + "'");
@@ -170,8 +178,9 @@ DateTime LocalTime() {
   std::tm local = {};
   localtime_r(&now, &local);
   const auto number = [](int value) { return static_cast<uint16_t>(value); };
-  return {number(local.tm_year + 1900), number(local.tm_mon + 1), number(local.tm_mday),
-          number(local.tm_hour),        number(local.tm_min),     number(local.tm_sec)};
+  return {number(local.tm_year + 1900), number(local.tm_mon + 1),
+          number(local.tm_mday),        number(local.tm_hour),
+          number(local.tm_min),         number(std::min(local.tm_sec, 59))};
 }
 
 int ShowRefused(const Options &chosen, const Session &session, uint32_t state) {
