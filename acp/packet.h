@@ -210,6 +210,19 @@ struct PartitionInfo {
 static_assert(sizeof(PartitionInfo) == 92);
 static_assert(offsetof(PartitionInfo, path) == 28);
 
+// What an ACP_CHANGE_IP request is to change, in its body's `change_mask`; and a bit of its `flag`.
+enum AcpChange : uint32_t {
+  CHANGE_MASK_IP = 0x01,
+  CHANGE_MASK_HOSTNAME = 0x02,
+  CHANGE_MASK_WORKGROUP = 0x04,
+  CHANGE_MASK_DATETIME = 0x10,
+  FLAG_CHANGE_INIT = 0x20,  // marks the appliance as initialised
+  CHANGE_MASK_GATEWAY = 0x40,
+  CHANGE_MASK_TIMEZONE = 0x80,
+};
+constexpr uint16_t FLAG_DHCP = 0x0001;  // the address comes by DHCP
+constexpr size_t CHANGE_IP_BODY = 112;  // bytes
+
 // How an ACP_CMD request wants its command run.
 enum AcpCommandType : uint32_t {
   COMMAND_BACKGROUND = 0,  // its words, and nobody waits

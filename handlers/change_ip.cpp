@@ -22,18 +22,6 @@
 
 namespace {
 
-constexpr uint16_t FLAG_DHCP = 0x0001;
-
-// Bits of `change_mask`.
-constexpr uint32_t CHANGE_MASK_IP = 0x01;
-constexpr uint32_t CHANGE_MASK_HOSTNAME = 0x02;
-constexpr uint32_t CHANGE_MASK_WORKGROUP = 0x04;
-constexpr uint32_t CHANGE_MASK_DATETIME = 0x10;
-constexpr uint32_t FLAG_CHANGE_INIT = 0x20;
-constexpr uint32_t CHANGE_MASK_GATEWAY = 0x40;
-constexpr uint32_t CHANGE_MASK_TIMEZONE = 0x80;
-
-constexpr size_t BODY_SIZE = 112;
 constexpr size_t HOST_NAME_AT = 24;  // in bytes from the body's start
 constexpr size_t WORKGROUP_AT = 41;
 constexpr size_t DATE_AT = 76;
@@ -70,7 +58,7 @@ IdentityChange ReadChange(std::span<const uint8_t> body) {
   IdentityChange change = {};
   change.flag = BodyU16(body, 0);
   change.change_mask = BodyU32(body, 12);
-  if (body.size() < BODY_SIZE) return change;
+  if (body.size() < CHANGE_IP_BODY) return change;
   change.address = BodyU32(body, 16);
   change.netmask = BodyU32(body, 20);
   change.host_name = BodyText(body.first(WORKGROUP_AT), HOST_NAME_AT);
@@ -257,7 +245,7 @@ int32_t ACP_Change_IP_Reply(const AcpRequest &request) {
     syslog(LOG_NOTICE, "IP change is blocked.");
     return Refuse(request, ACP_STATE_FAILURE);
   }
-  if (body.size() < BODY_SIZE) {
+  if (body.size() < CHANGE_IP_BODY) {
     DebugPrint("acpip is too short. len=%d\n", static_cast<int32_t>(body.size()));
     return Refuse(request, ACP_STATE_FAILURE);
   }

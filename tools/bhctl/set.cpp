@@ -20,16 +20,6 @@
 namespace bhctl {
 namespace {
 
-// Of the request.
-constexpr uint16_t FLAG_DHCP = 0x0001;
-constexpr uint32_t CHANGE_MASK_IP = 0x01;
-constexpr uint32_t CHANGE_MASK_HOSTNAME = 0x02;
-constexpr uint32_t CHANGE_MASK_WORKGROUP = 0x04;
-constexpr uint32_t CHANGE_MASK_DATETIME = 0x10;
-constexpr uint32_t FLAG_CHANGE_INIT = 0x20;
-constexpr uint32_t CHANGE_MASK_GATEWAY = 0x40;
-constexpr uint32_t CHANGE_MASK_TIMEZONE = 0x80;
-
 constexpr size_t LONGEST_NAME = 16;      // bytes, of a host or a workgroup
 constexpr size_t HOST_NAME_FIELD = 17;   // bytes of body
 constexpr size_t WORKGROUP_FIELD = 35;   // bytes
