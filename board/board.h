@@ -43,6 +43,8 @@ struct Config {
   std::string rootfs = {};    // the appliance's own files; empty: board/rootfs of this tree
   std::string products = {};  // directory of libshim.so, bh_servd and bhctl; empty: of this
                               // program
+  std::string powerpc = {};   // directory of the same built for PowerPC, which then stand in their
+                              // place; empty: as the variable BOARD_POWERPC says
   std::vector<std::string> share = {};  // further directories of the host, seen at their own paths
 };
 
@@ -155,5 +157,8 @@ bool Remove(const Board &board, const std::string &path);
 // Where a failing test finds what happened.
 inline constexpr char kCallLog[] = "/var/log/calls";
 inline constexpr char kSyslog[] = "/var/log/syslog";
+
+// With PowerPC products: the program on the board that runs the PowerPC program given to it.
+inline constexpr char kEmulate[] = "/run/powerpc/emulate";
 
 }  // namespace board

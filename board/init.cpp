@@ -22,6 +22,7 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <optional>
@@ -155,8 +156,14 @@ static Config Complete(Config config) {
   if (config.products.empty()) config.products = ProgramDirectory();
   config.rootfs = Canonical(config.rootfs);
   config.products = Canonical(config.products);
+  const char *powerpc = std::getenv("BOARD_POWERPC");
+  if (config.powerpc.empty() && powerpc != nullptr) config.powerpc = powerpc;
   if (IsOwn(Canonical(BOARD_SOURCE))) config.share.push_back(BOARD_SOURCE);
   config.share.push_back(config.products);
+  if (!config.powerpc.empty()) {
+    config.powerpc = Canonical(config.powerpc);
+    config.share.push_back(config.powerpc);
+  }
   for (std::string &directory : config.share)
     directory = Canonical(directory);
   return config;
@@ -192,6 +199,9 @@ static std::string Start(const Config &config, std::vector<Board> *boards, Inits
   board.config = Complete(config);
   const std::string shim = board.config.products + "/libshim.so";
   if (access(shim.c_str(), R_OK) != 0) return Failure(shim);
+  if (std::string why = board.config.powerpc.empty() ? "" : CheckPowerpc(board.config);
+      !why.empty())
+    return why;
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
     return Failure("socketpair");

@@ -59,6 +59,17 @@ bool IsOwn(std::string_view path);
 // it this process's root. Returns an empty text, or what went wrong.
 std::string BuildRoot(const Config &config);
 
+// --- powerpc.cpp
+
+// At the caller: what is missing for PowerPC programs, or an empty text.
+std::string CheckPowerpc(const Config &config);
+
+// Makes PowerPC programs run on the board whose root directory is being put together.
+std::string InstallPowerpc(const Config &config, const std::string &root);
+
+// Makes `place` a program that runs the PowerPC program.
+std::string InstallPowerpcProgram(const std::string &program, const std::string &place);
+
 // --- wire.cpp
 
 // At the caller: one veth pair an interface, its far end on the board, and the bridges that the

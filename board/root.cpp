@@ -180,11 +180,15 @@ static std::string CopyAppliance(const std::string &rootfs,
 }
 
 static std::string BindProducts(const Config &config) {
+  const bool native = config.powerpc.empty();
+  if (std::string why = native ? "" : InstallPowerpc(config, "root"); !why.empty()) return why;
   for (const auto &[name, directory] : kProducts) {
-    const std::string product = config.products + "/" + name;
+    const std::string product = (native ? config.products : config.powerpc) + "/" + name;
     const std::string place = "root" + Resolve(directory) + "/" + name;
     if (access(product.c_str(), X_OK) != 0) continue;
-    if (!Touch(place, 0755) || !Bind(product, place) || !MakeReadOnly(place))
+    if (!native) {
+      if (std::string why = InstallPowerpcProgram(product, place); !why.empty()) return why;
+    } else if (!Touch(place, 0755) || !Bind(product, place) || !MakeReadOnly(place))
       return Failure("cannot bind " + place);
   }
   for (const std::string &directory : config.share) {

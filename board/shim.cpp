@@ -2,8 +2,8 @@
 //
 // Never real: settimeofday, clock_settime and reboot. They are noted in /var/log/calls; the first
 // two move the clock that all programs on the board see: time, gettimeofday and clock_gettime add
-// the offset kept in /run/board-clock (nanoseconds, in the machine's byte order). Waiting for a
-// point of time is left to the kernel's own clock.
+// the offset kept in /run/board-clock (nanoseconds, the least significant byte first, for programs
+// of both byte orders). Waiting for a point of time is left to the kernel's own clock.
 //
 // The drivers of the appliance are a few ioctls, noted in /var/log/calls with their number, their
 // device or interface and the bytes of their argument. Regular files below /dev stand for devices:
@@ -39,6 +39,7 @@
 // The shim is loaded into programs of any language: it uses nothing of the C++ library.
 
 #include <dlfcn.h>
+#include <endian.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <net/if.h>
@@ -58,6 +59,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -91,7 +93,7 @@ struct Plan {
 Plan plans[8];
 size_t plan_count = 0;
 
-int64_t *clock_offset = nullptr;  // shared by all processes on the board
+uint32_t *clock_offset = nullptr;  // low and high half, shared by all processes on the board
 
 [[noreturn]] void Refuse(const char *text) {
   std::fprintf(stderr, "board shim: cannot read this of BOARD_FAIL: %s\n", text);
@@ -174,8 +176,8 @@ void AnnounceProcess() {
 void MapClock() {
   const int file = openat(AT_FDCWD, "/run/board-clock", O_RDWR | O_CLOEXEC);
   if (file < 0) return;
-  void *page = mmap(nullptr, sizeof *clock_offset, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-  if (page != MAP_FAILED) clock_offset = static_cast<int64_t *>(page);
+  void *page = mmap(nullptr, sizeof(int64_t), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  if (page != MAP_FAILED) clock_offset = static_cast<uint32_t *>(page);
   close(file);
 }
 
@@ -199,6 +201,12 @@ void LogCall(const char *line) {
   close(log);
 }
 
+// The fourth argument of semctl, which programs declare themselves.
+union SemaphoreArgument {
+  int value;
+  struct semid_ds *status;
+};
+
 int64_t RealTime(clockid_t id) {
   static auto *const real = FindReal(&clock_gettime, "clock_gettime");
   struct timespec now {};
@@ -206,15 +214,35 @@ int64_t RealTime(clockid_t id) {
   return now.tv_sec * kSecond + now.tv_nsec;
 }
 
+// Not every processor of the board can move eight bytes at once: a half-written offset is read
+// again.
+int64_t ClockOffset() {
+  if (clock_offset == nullptr) return 0;
+  uint32_t low = 0;
+  uint32_t high = 0;
+  do {
+    high = __atomic_load_n(clock_offset + 1, __ATOMIC_SEQ_CST);
+    low = __atomic_load_n(clock_offset, __ATOMIC_SEQ_CST);
+  } while (high != __atomic_load_n(clock_offset + 1, __ATOMIC_SEQ_CST) ||
+           low != __atomic_load_n(clock_offset, __ATOMIC_SEQ_CST));
+  return static_cast<int64_t>(static_cast<uint64_t>(le32toh(high)) << 32 | le32toh(low));
+}
+
+void SetClockOffset(int64_t offset) {
+  if (clock_offset == nullptr) return;
+  const auto bits = static_cast<uint64_t>(offset);
+  __atomic_store_n(clock_offset, htole32(static_cast<uint32_t>(bits)), __ATOMIC_SEQ_CST);
+  __atomic_store_n(clock_offset + 1, htole32(static_cast<uint32_t>(bits >> 32)), __ATOMIC_SEQ_CST);
+}
+
 int64_t BoardTime(clockid_t id) {
-  return RealTime(id) +
-         (clock_offset == nullptr ? 0 : __atomic_load_n(clock_offset, __ATOMIC_SEQ_CST));
+  return RealTime(id) + ClockOffset();
 }
 
 int SetBoardTime(int64_t wanted) {
   if (geteuid() != 0) return Refusal(EPERM);
   if (clock_offset == nullptr) return Refusal(ENODEV);
-  __atomic_store_n(clock_offset, wanted - RealTime(CLOCK_REALTIME), __ATOMIC_SEQ_CST);
+  SetClockOffset(wanted - RealTime(CLOCK_REALTIME));
   return 0;
 }
 
@@ -263,8 +291,8 @@ int EepromIoctl(unsigned long request, const void *argument) {
 }
 
 int BlockIoctl(int fd, const char *device, unsigned long request, void *argument) {
-  struct stat info {};
-  fstat(fd, &info);
+  struct stat64 info {};
+  fstat64(fd, &info);
   long units = static_cast<long>(info.st_size / 512);
   long sector = 512;
   char side[64];
@@ -300,8 +328,8 @@ int FlashIoctl(const char *device, unsigned long request) {
 bool DriverAnswers(int fd, unsigned long request, void *argument, int *result) {
   char link[32];
   char device[64] = "";
-  struct stat info {};
-  if (fstat(fd, &info) != 0) return false;
+  struct stat64 info {};
+  if (fstat64(fd, &info) != 0) return false;
   if (S_ISSOCK(info.st_mode) && request == 0x89F5) {
     *result = EepromIoctl(request, argument);
     return true;
@@ -321,6 +349,24 @@ bool DriverAnswers(int fd, unsigned long request, void *argument, int *result) {
     return false;
   }
   return true;
+}
+
+// When a semaphore set was last operated on, from the kernel's own table of {key, id, mode, count,
+// owner's and maker's user and group, last operation, last change}.
+time_t LastOperation(int set) {
+  static char table[4096];
+  const int file = openat(AT_FDCWD, "/proc/sysvipc/sem", O_RDONLY | O_CLOEXEC);
+  const ssize_t length = file < 0 ? -1 : read(file, table, sizeof table - 1);
+  if (file >= 0) close(file);
+  table[length < 0 ? 0 : length] = '\0';
+  char *line = table;
+  while ((line = std::strchr(line, '\n')) != nullptr) {
+    long long columns[9] = {};
+    for (long long &column : columns)
+      column = std::strtoll(line, &line, 10);
+    if (columns[1] == set) return static_cast<time_t>(columns[8]);
+  }
+  return 0;
 }
 
 // The look-up of the real calloc may itself ask for memory, which it never gives back.
@@ -431,6 +477,22 @@ int mount(const char *device, const char *directory, const char *type, unsigned 
   return real(partition, directory, nullptr, MS_BIND, nullptr);
 }
 
+// The emulator leaves the time of the last operation out of a set's status.
+int semctl(int set, int number, int command, ...) {
+  static auto *const real = FindReal(&semctl, "semctl");
+  if (command == GETVAL || command == GETPID || command == GETNCNT || command == GETZCNT ||
+      command == IPC_RMID)
+    return real(set, number, command);
+  va_list arguments;
+  va_start(arguments, command);
+  const auto argument = va_arg(arguments, SemaphoreArgument);
+  va_end(arguments);
+  const int result = real(set, number, command, argument);
+  if (result == 0 && command == IPC_STAT && argument.status->sem_otime == 0)
+    argument.status->sem_otime = LastOperation(set);
+  return result;
+}
+
 int select(int count, fd_set *in, fd_set *out, fd_set *err, struct timeval *time) {
   static auto *const real = FindReal(&select, "select");
   const int error = errno;
@@ -442,9 +504,7 @@ int select(int count, fd_set *in, fd_set *out, fd_set *err, struct timeval *time
   std::snprintf(line, sizeof line, "select %lld.%06ld\n", static_cast<long long>(time->tv_sec),
                 static_cast<long>(time->tv_usec));
   LogCall(line);
-  if (clock_offset != nullptr)
-    __atomic_add_fetch(clock_offset, time->tv_sec * kSecond + time->tv_usec * 1000,
-                       __ATOMIC_SEQ_CST);
+  SetClockOffset(ClockOffset() + time->tv_sec * kSecond + time->tv_usec * 1000);
   return 0;
 }
 

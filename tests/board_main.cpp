@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -16,8 +15,6 @@
 #include "board/board.h"
 
 namespace {
-
-constexpr char kOnBoard[] = "BOARD_TEST_INSIDE";
 
 int RunOnBoard(const std::vector<std::string> &arguments) {
   std::string why;
@@ -30,7 +27,6 @@ int RunOnBoard(const std::vector<std::string> &arguments) {
   board::Command command;
   command.argv = arguments;
   command.argv[0] = std::filesystem::read_symlink("/proc/self/exe").string();
-  command.env = {std::string(kOnBoard) + "=1"};
   const std::string here = std::filesystem::current_path().string();
   if (board::Exists(*board, here)) command.directory = here;
   const board::Result result = board::Wait(board::Spawn(*board, command));
@@ -46,7 +42,8 @@ int main(int argc, char **argv) {
   const bool listing = std::any_of(arguments.begin(), arguments.end(), [](std::string_view one) {
     return one.starts_with("--gtest_list_tests");
   });
-  if (!listing && std::getenv(kOnBoard) == nullptr) return RunOnBoard(arguments);
+  const bool on_board = access("/run/board-clock", F_OK) == 0;
+  if (!listing && !on_board) return RunOnBoard(arguments);
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

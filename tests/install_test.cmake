@@ -1,6 +1,6 @@
 # Installs the products, and builds a C program with nothing but what was installed, which a board
 # runs.
-# Wants BUILD_DIR, SOURCE, C_COMPILER and FLAGS.
+# Wants BUILD_DIR, SOURCE, C_COMPILER, FLAGS and RUN, the command that runs a program on a board.
 
 set(prefix ${BUILD_DIR}/install-test)
 file(REMOVE_RECURSE ${prefix})
@@ -20,4 +20,4 @@ foreach(product sbin/bh_servd bin/bhctl)
 endforeach()
 must_run(${C_COMPILER} -std=c11 -Wall -Wextra -Wpedantic -Werror ${FLAGS} -I ${prefix}/include
          ${SOURCE} ${prefix}/lib/libbh.a -o ${prefix}/c_program)
-must_run(${BUILD_DIR}/boot -- ${prefix}/c_program /tmp/settings)
+must_run(${RUN} ${prefix}/c_program /tmp/settings)

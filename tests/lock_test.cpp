@@ -48,7 +48,10 @@ TEST(Lock, HasALevelForTheHolderAndOneForItsChild) {
   for (const uint64_t pid : {0U, 32768U, 65536U, 70001U})
     EXPECT_EQ(InChild(child, pid), 0) << pid;
   EXPECT_EQ((Ints{libbh_unlock(), libbh_unlock(), libbh_checklock()}), (Ints{0, 0, 1}));
-  // A number's next bearer finds itself in the record of a level that it does not hold.
+}
+
+TEST(Lock, IsNotThatOfItsNumbersNextBearer) {
+  // The next bearer finds itself in the record of a level that it does not hold.
   EXPECT_EQ(InChild(libbh_lock, 30001), 0);
   EXPECT_EQ(InChild([] { return libbh_checklock() + libbh_unlock(); }, 30001), 1);
   EXPECT_EQ(State(), (Ints{1, 1, 0, 0}));

@@ -1,0 +1,53 @@
+// Programs for the appliance's own processor on the board: the machine's user-mode emulator runs
+// them, with the C library of the cross compiler's packages.
+//
+// The emulator looks for each file that an emulated program opens below /run/powerpc first. So one
+// LD_PRELOAD names the shim of either kind: PowerPC programs find theirs there, and the shells and
+// tools that they start, which are the machine's, the machine's.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "board/pieces.h"
+
+namespace board {
+
+static constexpr char kEmulator[] = "/usr/bin/qemu-ppc-static";
+static constexpr char kLibraries[] = "/usr/powerpc-linux-gnu/lib";
+static constexpr char kPlace[] = "/run/powerpc";  // kEmulate is in it
+
+static std::string WriteScript(const std::string &path, const std::string &arguments) {
+  std::ofstream script(path);
+  script << "#!/bin/sh\nexec " << kEmulator << " -L " << kPlace << ' ' << arguments << " \"$@\"\n"
+         << std::flush;
+  return script && chmod(path.c_str(), 0755) == 0 ? "" : Failure("cannot write " + path);
+}
+
+std::string CheckPowerpc(const Config &config) {
+  const std::array<std::string, 3> needed = {kEmulator, kLibraries, config.powerpc + "/libshim.so"};
+  for (const std::string &path : needed)
+    if (access(path.c_str(), R_OK) != 0) return Failure("for PowerPC programs, " + path);
+  return "";
+}
+
+std::string InstallPowerpc(const Config &config, const std::string &root) {
+  const std::string place = root + kPlace;
+  const std::string shim = config.powerpc + "/libshim.so";
+  if (!MakeDirectories(root, kPlace + config.products, "") ||
+      symlink(kLibraries, (place + "/lib").c_str()) != 0 ||
+      symlink(shim.c_str(), (place + config.products + "/libshim.so").c_str()) != 0)
+    return Failure(place);
+  return WriteScript(root + kEmulate, "");
+}
+
+std::string InstallPowerpcProgram(const std::string &program, const std::string &place) {
+  const std::string name = std::filesystem::path(program).filename().string();
+  return WriteScript(place, "-0 " + name + " '" + program + "'");
+}
+
+}  // namespace board
