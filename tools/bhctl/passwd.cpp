@@ -3,6 +3,7 @@
 
 #include "tools/bhctl/passwd.h"
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "tools/bhctl/client.h"
@@ -32,6 +33,7 @@ int ReadPasswords(const Options &options, Secret *old_password, Secret *hash) {
   *old_password = AdminPassword(text);
   const auto given = options.arguments.find("--new-password");
   std::optional<std::string> new_password;
+  if (const char *value = std::getenv("BHCTL_NEW_PASSWORD"); value != nullptr) new_password = value;
   if (given != options.arguments.end()) new_password = given->second;
   if (status == EXIT_DONE) status = NeedNewPassword(new_password, &text);
   if (status != EXIT_DONE) return status;

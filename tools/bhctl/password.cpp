@@ -61,7 +61,8 @@ int NeedPassPhrase(const Options &options, std::string *pass_phrase) {
 int NeedNewPassword(const std::optional<std::string> &given, std::string *password) {
   *password = given.value_or("");
   if (!given) {
-    if (!IsTerminal()) return Lacking("the new password is needed: give --new-password");
+    if (!IsTerminal())
+      return Lacking("the new password is needed: give --new-password or BHCTL_NEW_PASSWORD");
     std::string again;
     if (!ReadHidden("New password: ", password) || !ReadHidden("The same again: ", &again))
       return NoLine();
