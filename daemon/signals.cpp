@@ -1,8 +1,8 @@
 // Signal handlers that do only what is safe at the instruction they interrupted.
 //
 // The exit needs syslog, stdio and the allocator. It therefore runs inside the handler only while
-// the server waits in a system call, which the flag `waiting` tells; otherwise the handler leaves
-// a note that the next wait finds.
+// the server waits in a system call, which the flag `waiting` and the library's own tell; otherwise
+// the handler leaves a note that the next wait finds.
 
 #include "daemon/signals.h"
 
@@ -22,6 +22,7 @@
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "lib/libbh.h"
+#include "lib/shell.h"
 
 namespace {
 
@@ -50,7 +51,9 @@ void LogExit(int code) {
 }
 
 void EndServer(int code) {
-  daemon_state.waiting = 0;  // a second signal must not start the exit within the exit
+  // A second signal must not start the exit within the exit.
+  daemon_state.waiting = 0;
+  libbh_waiting = 0;
   if (IsServer()) DeletePidfile();
   if (daemon_state.sock != -1) close(daemon_state.sock);
   daemon_state.ifname.clear();
@@ -133,7 +136,7 @@ void kv_serv_exit(int code) {
     TellUpdating();
   } else if (IsForkedChild()) {
     _exit(0);  // the pid file, the log line and the lock are the living server's
-  } else if (daemon_state.waiting != 0) {
+  } else if (daemon_state.waiting != 0 || libbh_waiting != 0) {
     EndServer(code);
   } else {
     daemon_state.exit_pending = code;

@@ -35,7 +35,10 @@ std::string QuoteForShell(const std::string &text) {
 }
 
 int RunShell(const std::string &command) {
-  return system(command.c_str());
+  libbh_waiting = 1;
+  const int status = system(command.c_str());
+  libbh_waiting = 0;
+  return status;
 }
 
 std::string FirstOutputLine(const char *command, size_t longest) {

@@ -75,6 +75,13 @@ TEST_F(Story, ClientsLockEachOtherOut) {
   EXPECT_FALSE(board::Exists(board, "/etc/hosts"));
   Expect("disable", "exit 0");
   Expect("--yes remove /etc/passwd", "exit 1");
+  // Who stops the daemon does not wait for a script of the appliance's.
+  board::WriteFile(board, "/run/stand-ins/save_config.sh", "sleep 9");
+  wire::Send(client, wire::Request("20 00 00 00 07 00 01 00 A0 80 08 00 00 00 00 00",
+                                   {6, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_TRUE(board::WaitFor([&] { return TakeCalls().find("save_config") != string::npos; }));
+  EXPECT_TRUE(board::Kill(board, ServerPid(), SIGTERM));
+  EXPECT_TRUE(AwaitServers(0));
 }
 
 TEST_F(Story, EmergencySystemIsRescued) {
