@@ -38,7 +38,8 @@ struct Special {
 // Rows of one name stand together.
 std::span<const Special> Specials();
 
-// Of a name with several rows: the name of the argument that chooses, and what the help says of all.
+// Of a name with several rows: the name of the argument that chooses, and what the help says of
+// all.
 struct SpecialGroup {
   const char *name;
   const char *word;
