@@ -230,8 +230,11 @@ int32_t StartReceiver(const AcpRequest &request, const UpdateRequest &update,
   ChooseKeyFile(update.firm_size);
   if (family.traces_key_file) DebugPrint("SHM_MEM_FOR_FIRM=%s\n", daemon_state.firm_mem_path);
   if (!CreateImage(update.firm_size)) {
+    daemon_state.firm_dev = nullptr;
+    SendState(request, ACP_FIRMUP2_REPLY, ACP_STATE_FAILURE);
     DebugPrint("%s shmget() error. >>>>>>>>\n", family.name);
-    return Refuse(request, ACP_STATE_FAILURE);
+    libbh_unlock();
+    return 0;
   }
   pid_t child = firm_recive(update.firm_size);
   if (child == -1) {
