@@ -114,7 +114,9 @@ int MakeImage(const Options &options, const fs::path &place) {
 }
 
 int MakeImageElsewhere(const Options &options) {
-  std::string place = (fs::temp_directory_path() / "mkimage.XXXXXX").string();
+  constexpr size_t kOpenPlaces = 6;  // that mkdtemp fills
+  std::string place =
+      (fs::temp_directory_path() / "mkimage.").string() + std::string(kOpenPlaces, 'X');
   if (mkdtemp(place.data()) == nullptr)
     return Fail("cannot make " + place + ": " + std::generic_category().message(errno), kFailed);
   int status = kFailed;
