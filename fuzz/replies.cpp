@@ -1,0 +1,31 @@
+// Replies as the client takes them apart and shows them.
+
+#include "fuzz/input.h"
+#include "tools/bhctl/text.h"
+#include "tools/bhctl/wire.h"
+
+using namespace bhctl;
+
+static void ShowBody(Bytes body) {
+  const DiscoverInfo info = DecodeDiscoverInfo(body);
+  const PartitionInfo partition = DecodePartitionInfo(body);
+  DecodeDiskInfo(body);
+  HexText(DiscoverKey(info));
+  SafeText({info.host_name, sizeof info.host_name});
+  for (const RaidInfoEntry &entry : DecodeRaidInfo(body).entries)
+    SafeText(entry.path);
+  SafeText(partition.path);
+  UsedText(partition.blocks, partition.blocks_free, partition.blocks_avail);
+  SizeText(uint64_t{partition.blocks} * partition.block_size);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  const std::vector<uint8_t> datagram(data, data + size);  // not a byte more is there
+  ShowBody(datagram);
+  const std::optional<Reply> reply = DecodeReply(datagram);
+  if (!reply) return 0;
+  AnswersRequest(*reply, DiscoverRequest(), {&BROADCAST_MAC, 1}, BROADCAST_MAC);
+  StateName(reply->header.result);
+  ShowBody(reply->body);
+  return 0;
+}

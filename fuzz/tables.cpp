@@ -1,0 +1,47 @@
+// What other programs leave to be read: the input's first line says whether its text is the DHCP
+// client's lease, the kernel's routing table, or the crontab.
+
+#include <sys/stat.h>
+
+#include "fuzz/input.h"
+#include "lib/libbh.h"
+
+static void ReadLease() {
+  DhcpLease lease = {};
+  libbh_ReadDhcpLease("eth0", &lease);
+  Require(strnlen(lease.domain, sizeof lease.domain) <= 64);
+}
+
+static void ReadRoutes() {
+  RouteEntry *list = nullptr;
+  Require(libbh_GetRouteTable(&list) == 0 || list == nullptr);
+  for (const RouteEntry *route = list; route != nullptr; route = route->next)
+    Require(strnlen(route->name, sizeof route->name) < sizeof route->name);
+  libbh_FreeRouteList(list);
+}
+
+static void ReadCrontab() {
+  NtpConfig config = {};
+  libbh_GetNtpConfig(&config);
+  config.enabled = 0;  // the time server is not asked
+  if (config.server != nullptr) Require(strlen(config.server) <= 255);
+  if (config.server != nullptr) libbh_SetNtpConfig(0, &config);
+  libbh_FreeNtpConfig(&config);
+}
+
+// The kernel's tables make way for one that can be written; the crontab's writer wants the lock.
+static bool Prepare() {
+  return rename("/proc/net", "/proc/kernel-net") == 0 && mkdir("/proc/net", 0755) == 0 &&
+         libbh_lock() == 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const bool prepared = Prepare();
+  Require(prepared);
+  std::string_view text = InputText(data, size);
+  const std::string table = TakeLine(text);
+  if (table == "lease") PutFile("/etc/dhcpc/dhcpcd-eth0.info", text), ReadLease();
+  if (table == "route") PutFile("/proc/net/route", text), ReadRoutes();
+  if (table == "crontab") PutFile("/etc/crontab", text), ReadCrontab();
+  return 0;
+}
