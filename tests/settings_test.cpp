@@ -47,7 +47,7 @@ TEST(Settings, NamesAndServices) {
   const auto host = [](auto to, int mode = 0) { return libbh_SetApHostName(mode, to, 1, "eth0"); };
   const auto group = [](const char *name) { return libbh_SetGroupName(0, name, 0); };
   libbh_lock();
-  sethostname("abc", 3);
+  ASSERT_EQ(sethostname("abc", 3), 0);
   WriteFile(kCallLog, "");
   WriteFile(HOSTS, "::1 ip6\n1.2.3.4 abc\n#xabcx\n" + X250 + "xxabc\n" + X250 + "xxxxabc\n::2 x");
   EXPECT_EQ((Ints{host("seventeen-letters"), host(""), host("abc")}), (Ints{-108, -108, 0}));
