@@ -39,6 +39,13 @@ static constexpr struct {
     {"/etc/atalk", 0755},
     {"/etc/dhcpc", 0755},
     {"/etc/tmp", 0755},
+    {"/etc/rc0.d", 0755},
+    {"/etc/rc1.d", 0755},
+    {"/etc/rc2.d", 0755},
+    {"/etc/rc3.d", 0755},
+    {"/etc/rc4.d", 0755},
+    {"/etc/rc5.d", 0755},
+    {"/etc/rc6.d", 0755},
     {"/root", 0700},
     {"/var/log", 0755},
     {"/var/tmp", 01777},
@@ -63,6 +70,10 @@ static constexpr struct {
     {"/run/kernel-proc", 0555},
     {"/run/mount-view", 0755},
     {"/sys", 0555},
+    {"/usr/lib/systemd/system", 0755},
+    {"/usr/share/bash-completion/completions", 0755},
+    {"/usr/share/man/man1", 0755},
+    {"/usr/share/man/man8", 0755},
 };
 
 static constexpr const char *kDevices[] = {"null", "zero", "full", "random", "urandom", "tty"};

@@ -13,7 +13,9 @@ function(must_run)
 endfunction()
 
 must_run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(product sbin/bh_servd bin/bhctl)
+foreach(product sbin/bh_servd bin/bhctl etc/init.d/bh_servd lib/systemd/system/bh_servd@.service
+        share/man/man1/bhctl.1 share/man/man3/libbh.3 share/man/man8/bh_servd.8
+        share/bash-completion/completions/bhctl)
   if(NOT EXISTS ${prefix}/${product})
     message(FATAL_ERROR "${product} was not installed")
   endif()
