@@ -1,11 +1,6 @@
 // Discovery over the wire: beside a bare server that reads the same files, with a long list of
 // requesters' keys, and of 250 appliances at once.
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -13,12 +8,9 @@
 #include <ctime>
 #include <fstream>
 #include <set>
-#include <utility>
 
 #include "access/keys.h"
-#include "bench/benches.h"
 #include "bench/round_trip.h"
-#include "daemon/server.h"
 #include "daemon/state.h"
 #include "tests/system/wire.h"
 
@@ -27,15 +19,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char kDiscover[] = "20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00";
-constexpr uint8_t kClientMac[6] = {0x02, 0x0b, 0x4a, 0, 0, 0x01};
 constexpr uint32_t kManyKeys = 100'000;
-
-void DiscoverRoundTrip(benchmark::State &state, const std::vector<std::string> &server) {
-  std::optional<board::Board> board = BootFor(state);
-  if (!board) return;
-  MeasureRoundTrips(state, *board, StartQuietly(*board, server), wire::Request(kDiscover));
-  board::Halt(*board);
-}
 
 void AddKey(const uint8_t *mac, uint32_t key) {
   auto *entry = static_cast<KeyEntry *>(calloc(1, sizeof(KeyEntry)));
@@ -45,50 +29,29 @@ void AddKey(const uint8_t *mac, uint32_t key) {
   daemon_state.key_list = entry;
 }
 
-// A list of `count` keys in which the client's is the last that is looked at. Asked for over the
-// wire, the first of 100,000 would have expired before the last is there.
-void FillKeys(uint32_t count) {
+// A list in which the client's key is the last that is looked at. Asked for over the wire, the
+// first would have expired before the last is there.
+void FillKeys() {
   AddKey(kClientMac, 1);
-  for (uint32_t i = 1; i < count; ++i) {
-    const uint8_t mac[6] = {0x02,
-                            0xff,
-                            static_cast<uint8_t>(i >> 24),
-                            static_cast<uint8_t>(i >> 16),
-                            static_cast<uint8_t>(i >> 8),
-                            static_cast<uint8_t>(i)};
+  for (uint32_t i = 1; i < kManyKeys; ++i) {
+    uint8_t mac[6] = {0x02, 0xff};
+    memcpy(mac + 2, &i, sizeof(i));
     AddKey(mac, i);
   }
 }
 
-// Serves in this process, which is on a board, until it is killed.
-int ServeWithKeys(uint32_t count) {
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(null, STDOUT_FILENO);
-  close(null);
-  FillKeys(count);
-  daemon_state.ifname = "eth0";
-  set_mode_flags(MODE_NOFORK);
-  return start_server("eth0", socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-}
-
-void DiscoverWithKeys(benchmark::State &state, uint32_t count) {
-  std::optional<board::Board> board = BootFor(state);
-  if (!board) return;
-  const pid_t server = board::Fork(*board);
-  if (server == 0) _exit(ServeWithKeys(count));
-  MeasureRoundTrips(state, *board, server, wire::Request(kDiscover));
-  board::Halt(*board);
+int ServeWithManyKeys() {
+  FillKeys();
+  return ServeHere();
 }
 
 // What the list costs a request, without all the rest.
 void LookUpKey(benchmark::State &state) {
-  FillKeys(static_cast<uint32_t>(state.range(0)));
+  FillKeys();
   while (state.KeepRunning())
     benchmark::DoNotOptimize(IssueKey(kClientMac));
   CleanKey(static_cast<uint32_t>(time(nullptr)) + 1800);
 }
-
-BENCHMARK(LookUpKey)->Name("keys/look_up")->Arg(1)->Arg(kManyKeys);
 
 constexpr int kBoards = 250;
 
@@ -158,24 +121,25 @@ void DiscoverNetwork(benchmark::State &state) {
   board::HaltAll(boards);
 }
 
-}  // namespace
-
-void RegisterDiscover() {
-  using Server = std::vector<std::string>;
-  for (const auto &[name, server] :
-       {std::pair<const char *, Server>{"discover/bare", {BARE_DISCOVER_PATH}},
-        {"discover/bh_servd", {"bh_servd", "--nofork"}}}) {
-    benchmark::RegisterBenchmark(name, DiscoverRoundTrip, server)
-        ->UseRealTime()
-        ->Unit(benchmark::kMillisecond)
-        ->MinTime(3.0);
-  }
-  benchmark::RegisterBenchmark("discover/100000_keys", DiscoverWithKeys, kManyKeys)
-      ->UseRealTime()
-      ->Unit(benchmark::kMillisecond)
-      ->MinTime(3.0);
-  benchmark::RegisterBenchmark("discover/250_boards", DiscoverNetwork)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(3);
+void Discover(benchmark::State &state) {
+  MeasureProgram(state, {"bh_servd", "--nofork"}, wire::Request(kDiscover));
 }
+
+void BareDiscover(benchmark::State &state) {
+  MeasureProgram(state, {BARE_SERVER_PATH, "discover"}, wire::Request(kDiscover));
+}
+
+void DiscoverWithKeys(benchmark::State &state) {
+  MeasureFunction(state, ServeWithManyKeys, wire::Request(kDiscover));
+}
+
+BENCHMARK(Discover)->Name("discover")->UseRealTime()->MinTime(kLeastSeconds);
+BENCHMARK(BareDiscover)->Name("discover/bare")->UseRealTime()->MinTime(kLeastSeconds);
+BENCHMARK(DiscoverWithKeys)
+    ->Name("discover with 100,000 keys")
+    ->UseRealTime()
+    ->MinTime(kLeastSeconds);
+BENCHMARK(LookUpKey)->Name("look-up among 100,000 keys");
+BENCHMARK(DiscoverNetwork)->Name("discover of 250 appliances")->UseManualTime()->Iterations(3);
+
+}  // namespace

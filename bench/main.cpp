@@ -1,11 +1,11 @@
-// The program `benchmarks`: boards are booted in a lab of its own.
+// The program `benchmarks`: boards are booted in a lab of its own. What is named like another and
+// ends in /bare is that one's floor.
 
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <string>
 
-#include "bench/benches.h"
 #include "board/board.h"
 
 int main(int argc, char **argv) {
@@ -15,7 +15,5 @@ int main(int argc, char **argv) {
     fprintf(stderr, "%s\n", why.c_str());
     return 1;
   }
-  RegisterPing();
-  RegisterDiscover();
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -3,10 +3,16 @@
 #include "bench/round_trip.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
+
+#include "daemon/server.h"
+#include "daemon/signals.h"
+#include "daemon/state.h"
 
 namespace {
 
@@ -19,31 +25,10 @@ double Milliseconds(const struct timeval &time) {
   return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
 }
 
-// Of all children that have been waited for, and of theirs.
-double ChildrenTime() {
-  struct rusage usage = {};
-  getrusage(RUSAGE_CHILDREN, &usage);
-  return Milliseconds(usage.ru_utime) + Milliseconds(usage.ru_stime);
-}
-
-}  // namespace
-
-std::optional<board::Board> BootFor(benchmark::State &state) {
-  std::string why;
-  std::optional<board::Board> board = board::Boot({}, &why);
-  if (!board) state.SkipWithError(why.c_str());
-  return board;
-}
-
-pid_t StartQuietly(const board::Board &board, const std::vector<std::string> &argv) {
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  const pid_t server = board::Spawn(board, {.argv = argv, .out = null});
-  close(null);
-  return server;
-}
-
-void MeasureRoundTrips(benchmark::State &state, const board::Board &board, pid_t server,
-                       const wire::Bytes &request) {
+// Asks the server, a child of this process, one request after the other; then ends it and the
+// board.
+void Measure(benchmark::State &state, board::Board &board, pid_t server,
+             const wire::Bytes &request) {
   const double before = ChildrenTime();
   wire::Client client = wire::Open(board.wires[0]);
   if (!board::WaitFor([&] { return Answers(client, request); })) state.SkipWithError("no answer");
@@ -59,4 +44,50 @@ void MeasureRoundTrips(benchmark::State &state, const board::Board &board, pid_t
   board::Wait(server);
   const double used = ChildrenTime() - before;
   state.counters["cpu_ms"] = used / static_cast<double>(state.iterations() + 1);
+  board::Halt(board);
+}
+
+}  // namespace
+
+double ChildrenTime() {
+  struct rusage usage = {};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  return Milliseconds(usage.ru_utime) + Milliseconds(usage.ru_stime);
+}
+
+std::optional<board::Board> BootFor(benchmark::State &state) {
+  std::string why;
+  std::optional<board::Board> board = board::Boot({}, &why);
+  if (!board) state.SkipWithError(why.c_str());
+  return board;
+}
+
+pid_t StartQuietly(const board::Board &board, const std::vector<std::string> &argv) {
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const pid_t server = board::Spawn(board, {.argv = argv, .out = null});
+  close(null);
+  return server;
+}
+
+int ServeHere() {
+  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(null, STDOUT_FILENO);
+  close(null);
+  daemon_state.ifname = "eth0";
+  set_mode_flags(get_mode_flags() | MODE_NOFORK);
+  return start_server("eth0", socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
+void MeasureProgram(benchmark::State &state, const std::vector<std::string> &server,
+                    const wire::Bytes &request) {
+  std::optional<board::Board> board = BootFor(state);
+  if (board) Measure(state, *board, StartQuietly(*board, server), request);
+}
+
+void MeasureFunction(benchmark::State &state, int (*serve)(), const wire::Bytes &request) {
+  std::optional<board::Board> board = BootFor(state);
+  if (!board) return;
+  const pid_t server = board::Fork(*board);
+  if (server == 0) _exit(serve());
+  Measure(state, *board, server, request);
 }

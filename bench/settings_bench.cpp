@@ -50,7 +50,7 @@ void ReadKey(benchmark::State &state) {
   }
 }
 
-BENCHMARK(ReadLines)->Name("settings/fgets")->Unit(benchmark::kMicrosecond);
-BENCHMARK(ReadKey)->Name("settings/libbh")->Unit(benchmark::kMicrosecond);
+BENCHMARK(ReadKey)->Name("settings");
+BENCHMARK(ReadLines)->Name("settings/bare");
 
 }  // namespace
