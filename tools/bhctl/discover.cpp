@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -24,11 +23,6 @@ using Clock = std::chrono::steady_clock;
 constexpr const char *PRODUCT_STATE_NAMES[] = {"unknown", "normal", "emergency"};
 constexpr const char *CHANGE_MARKS[] = {" ", "+", "-", "~"};  // by Change
 constexpr const char *CHANGE_NAMES[] = {"none", "new", "gone", "moved"};
-
-template <size_t SIZE>
-std::string FieldText(const char (&field)[SIZE]) {
-  return {field, strnlen(field, SIZE)};
-}
 
 template <size_t SIZE>
 std::string FieldCell(const char (&field)[SIZE]) {

@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <utility>
-#include <vector>
 
 #include "tools/bhctl/client.h"
 #include "tools/bhctl/permit.h"
@@ -93,14 +91,12 @@ int CommandRefused(const Options &options, Answer answer) {
 bool ReadArguments(const Options &options, std::string *text, uint32_t *type) {
   *text = options.arguments.at("COMMAND");
   *type = COMMAND_CAPTURED;
-  const auto given = options.arguments.find("--type");
-  if (given != options.arguments.end()) {
-    const std::string &digit = given->second;
-    if (digit.size() != 1 || digit[0] < '0' || digit[0] > '3') {
-      PrintError("--type must be 0, 1, 2 or 3, not '" + digit + "'");
+  if (const std::string *digit = Given(options, "--type"); digit != nullptr) {
+    if (digit->size() != 1 || digit->front() < '0' || digit->front() > '3') {
+      PrintError("--type must be 0, 1, 2 or 3, not '" + *digit + "'");
       return false;
     }
-    *type = static_cast<uint32_t>(digit[0] - '0');
+    *type = static_cast<uint32_t>(digit->front() - '0');
   }
   if (FitsType(*text, *type)) return true;
   PrintError("COMMAND must have 1 to " + std::to_string(MAX_REQUEST_TEXT) +
@@ -235,7 +231,8 @@ int Result(const Options &options) {
     if (!line) return Senseless(answer);
     if (line->empty()) break;
     if (options.json)
-      PrintJson({{"mac", MacText(answer.mac)}, {"state", "ACP_STATE_OK"}, {"output", *line}});
+      PrintJson(
+          {{"mac", MacText(answer.mac)}, {"state", StateName(ACP_STATE_OK)}, {"output", *line}});
     else
       PrintOutput(*line);
   }

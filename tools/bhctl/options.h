@@ -33,6 +33,12 @@ struct Options {
   std::map<std::string, std::string> arguments;  // those given, by their names in the command table
 };
 
+// The command's argument of that name; null when it is not given.
+const std::string *Given(const Options &options, const std::string &name);
+
+// Says what is wrong with the command line. Returns EXIT_USAGE.
+int UsageFailure(const std::string &message);
+
 }  // namespace bhctl
 
 #endif  // BH_BHCTL_OPTIONS_H_

@@ -23,18 +23,18 @@ constexpr size_t HASH_ROOM = 16;  // bytes before the old password
 
 constexpr Hint HINTS[] = {
     {ACP_STATE_PASSWORD_ERROR, "the old password is wrong"},
-    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
-    {ACP_STATE_BAD_PRODUCT, "only the products 0x2001 and 0x2002 do that"},
+    {ACP_STATE_NO_KEY, KEY_EXPIRED},
+    {ACP_STATE_BAD_PRODUCT, OTHER_PRODUCTS},
 };
 
 int ReadPasswords(const Options &options, Secret *old_password, Secret *hash) {
   std::string text;
   int status = NeedPassword(options, &text);
   *old_password = AdminPassword(text);
-  const auto given = options.arguments.find("--new-password");
   std::optional<std::string> new_password;
   if (const char *value = std::getenv("BHCTL_NEW_PASSWORD"); value != nullptr) new_password = value;
-  if (given != options.arguments.end()) new_password = given->second;
+  if (const std::string *given = Given(options, "--new-password"); given != nullptr)
+    new_password = *given;
   if (status == EXIT_DONE) status = NeedNewPassword(new_password, &text);
   if (status != EXIT_DONE) return status;
   *hash = {HashPassword(text, InventSalt()), HASH_ROOM, "the hash"};

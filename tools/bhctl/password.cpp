@@ -8,20 +8,14 @@
 #include <memory>
 #include <random>
 
-#include "tools/bhctl/print.h"
 #include "tools/bhctl/terminal.h"
 
 namespace bhctl {
 namespace {
 
-int Lacking(const std::string &message) {
-  PrintError(message);
-  return EXIT_USAGE;
-}
-
 // An end of input where a line was asked for.
 int NoLine() {
-  return Lacking("there is no password on standard input");
+  return UsageFailure("there is no password on standard input");
 }
 
 bool IsNewPassword(const std::string &password) {
@@ -45,7 +39,8 @@ int NeedPassword(const Options &options, std::string *password) {
   std::optional<std::string> read;
   const int status = ReadPassword(options, &read);
   if (status == EXIT_DONE && !read)
-    return Lacking("the administrator's password is needed: give --password or --password-stdin");
+    return UsageFailure(
+        "the administrator's password is needed: give --password or --password-stdin");
   *password = read.value_or("");
   return status;
 }
@@ -54,7 +49,7 @@ int NeedPassPhrase(const Options &options, std::string *pass_phrase) {
   *pass_phrase = options.pass_phrase;
   if (!pass_phrase->empty()) return EXIT_DONE;
   if (!IsTerminal())
-    return Lacking("the pass phrase of the command mode is needed: give --pass-phrase");
+    return UsageFailure("the pass phrase of the command mode is needed: give --pass-phrase");
   return ReadHidden("Pass phrase: ", pass_phrase) ? EXIT_DONE : NoLine();
 }
 
@@ -62,15 +57,15 @@ int NeedNewPassword(const std::optional<std::string> &given, std::string *passwo
   *password = given.value_or("");
   if (!given) {
     if (!IsTerminal())
-      return Lacking("the new password is needed: give --new-password or BHCTL_NEW_PASSWORD");
+      return UsageFailure("the new password is needed: give --new-password or BHCTL_NEW_PASSWORD");
     std::string again;
     if (!ReadHidden("New password: ", password) || !ReadHidden("The same again: ", &again))
       return NoLine();
-    if (again != *password) return Lacking("they are not the same");
+    if (again != *password) return UsageFailure("they are not the same");
   }
   if (IsNewPassword(*password)) return EXIT_DONE;
-  return Lacking("a new password must have 1 to " + std::to_string(LONGEST_NEW_PASSWORD) +
-                 " characters of plain ASCII: the appliance would not look at more");
+  return UsageFailure("a new password must have 1 to " + std::to_string(LONGEST_NEW_PASSWORD) +
+                      " characters of plain ASCII: the appliance would not look at more");
 }
 
 std::string HashPassword(const std::string &password, const std::string &salt) {

@@ -4,6 +4,7 @@
 #include "tools/bhctl/permit.h"
 
 #include "tools/bhctl/client.h"
+#include "tools/bhctl/password.h"
 #include "tools/bhctl/refusal.h"
 #include "tools/bhctl/text.h"
 
@@ -12,11 +13,11 @@ namespace {
 
 constexpr Hint PASS_PHRASE_HINTS[] = {
     {ACP_STATE_PASSWORD_ERROR, "the pass phrase of the command mode is wrong"},
-    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_NO_KEY, KEY_EXPIRED},
 };
 constexpr Hint PASSWORD_HINTS[] = {
     {ACP_STATE_PASSWORD_ERROR, "the administrator's password is wrong"},
-    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_NO_KEY, KEY_EXPIRED},
 };
 
 int Send(const Options &chosen, const Session &session, uint8_t code, const Secret &secret,
@@ -53,6 +54,15 @@ Permit PermitOf(const Options &options) {
   return permit;
 }
 
+int ReadPermit(const Options &options, Permit *permit) {
+  std::optional<std::string> password;
+  const int status = ReadPassword(options, &password);
+  *permit = PermitOf(options);
+  if (password && (options.password || options.password_stdin || !password->empty()))
+    permit->password = AdminPassword(*password);
+  return status;
+}
+
 std::vector<Secret> SecretsOf(const Permit &permit) {
   std::vector<Secret> secrets;
   if (permit.pass_phrase) secrets.push_back(*permit.pass_phrase);
@@ -87,6 +97,12 @@ std::string NotEnabledHint(const Session &session) {
            MacText(session.src_mac) + ", which is not enabled: give --pass-phrase";
   return "command mode is not enabled for this machine (" + MacText(session.src_mac) +
          "): give --pass-phrase or run 'bhctl enable'";
+}
+
+std::string NotVerifiedHint(const Session &session) {
+  if (session.invented) return NotEnabledHint(session);
+  return "command mode must be enabled for this machine and the administrator's password verified: "
+         "give --pass-phrase and --password, or run 'bhctl enable' and 'bhctl login'";
 }
 
 }  // namespace bhctl

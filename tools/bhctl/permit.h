@@ -35,6 +35,10 @@ Secret AdminPassword(const std::string &text);
 // The options' pass phrase, if they give one.
 Permit PermitOf(const Options &options);
 
+// The same, and the administrator's password as ReadPassword gets it. A line that is left empty at
+// the terminal is none: one verified before may do. Returns as ReadPassword.
+int ReadPermit(const Options &options, Permit *permit);
+
 // For OpenSession: what the permit sends.
 std::vector<Secret> SecretsOf(const Permit &permit);
 
@@ -52,8 +56,10 @@ int Obtain(const Options &chosen, const Session &session, const Permit &permit, 
 // The same, and tells the refusal.
 int ObtainOrTell(const Options &chosen, const Session &session, const Permit &permit);
 
-// What to do where the command mode is not enabled for the session's requester.
+// What to do where the command mode is not enabled for the session's requester; or where either
+// that or the verified password is missing.
 std::string NotEnabledHint(const Session &session);
+std::string NotVerifiedHint(const Session &session);
 
 }  // namespace bhctl
 

@@ -20,6 +20,10 @@ struct Hint {
 // After a request that got no answer.
 constexpr const char *MAYBE_DONE = "it may have been done all the same";
 
+// Hints for ACP_STATE_NO_KEY, and for ACP_STATE_BAD_PRODUCT of a command that few products have.
+constexpr const char *KEY_EXPIRED = "its key for this machine has expired; try again";
+constexpr const char *OTHER_PRODUCTS = "only the products 0x2001 and 0x2002 do that";
+
 // Empty for a state that no hint is for.
 std::string HintFor(std::span<const Hint> hints, uint32_t state);
 

@@ -4,13 +4,11 @@
 #include "tools/bhctl/set.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "tools/bhctl/client.h"
-#include "tools/bhctl/password.h"
 #include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
@@ -26,26 +24,12 @@ constexpr size_t WORKGROUP_FIELD = 35;   // bytes
 constexpr int32_t LONGEST_OFFSET = 840;  // minutes; nowhere is farther from UTC
 constexpr int FIRST_YEAR = 2001;         // that the appliance takes
 
-constexpr const char *NOT_VERIFIED =
-    "command mode must be enabled for this machine and the administrator's password verified: give "
-    "--pass-phrase and --password, or run 'bhctl enable' and 'bhctl login'";
 constexpr const char *NOT_TAKEN =
     "a disk is being prepared, another program changes its settings, or it cannot take the "
-    "address; "
-    "what else was to be set may have been set";
+    "address; what else was to be set may have been set";
 constexpr const char *EMERGENCY = "it runs its emergency system, where nothing but --ip can be set";
 constexpr const char *EXPLANATION =
     "The appliance will not be reached at its present address any more";
-
-int UsageFailure(const std::string &message) {
-  PrintError(message);
-  return EXIT_USAGE;
-}
-
-const std::string *Given(const Options &options, const char *name) {
-  const auto found = options.arguments.find(name);
-  return found == options.arguments.end() ? nullptr : &found->second;
-}
 
 int ReadAddress(const Options &options, const char *name, std::optional<uint32_t> *address) {
   const std::string *text = Given(options, name);
@@ -153,16 +137,6 @@ int CheckSystem(const Session &session, const Settings &settings) {
   return EXIT_REFUSED;
 }
 
-// A line that is left empty at the terminal is no password: one verified before may do.
-int ReadPermit(const Options &options, Permit *permit) {
-  std::optional<std::string> password;
-  const int status = ReadPassword(options, &password);
-  *permit = PermitOf(options);
-  if (password && (options.password || options.password_stdin || !password->empty()))
-    permit->password = AdminPassword(*password);
-  return status;
-}
-
 DateTime LocalTime() {
   const std::time_t now = std::time(nullptr);
   std::tm local = {};
@@ -176,7 +150,7 @@ DateTime LocalTime() {
 int ShowRefused(const Options &chosen, const Session &session, uint32_t state) {
   std::string hint;
   if (state == ACP_STATE_PASSWORD_ERROR)
-    hint = session.invented ? NotEnabledHint(session) : NOT_VERIFIED;
+    hint = NotVerifiedHint(session);
   else if (state == ACP_STATE_FAILURE)
     hint = IsEmergency(session) ? EMERGENCY : NOT_TAKEN;
   return ShowRefusal(chosen, session.mac, state, hint);

@@ -83,10 +83,10 @@ constexpr Special SPECIALS[] = {
 };
 
 constexpr Hint HINTS[] = {
-    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_NO_KEY, KEY_EXPIRED},
     {ACP_STATE_NOT_SUPPORT, "it does not know this command"},
     {ACP_STATE_TEST_FAIL, "there is no such drive, or it is slow or has bad blocks"},
-    {ACP_STATE_BAD_PRODUCT, "only the products 0x2001 and 0x2002 do that"},
+    {ACP_STATE_BAD_PRODUCT, OTHER_PRODUCTS},
 };
 
 constexpr uint32_t NOT_READY = 0xFFFFFFFE;
@@ -112,16 +112,6 @@ struct Call {
   Session session;
 };
 
-int UsageFailure(const std::string &message) {
-  PrintError(message);
-  return EXIT_USAGE;
-}
-
-std::string Given(const Options &options, const std::string &name) {
-  const auto found = options.arguments.find(name);
-  return found == options.arguments.end() ? "" : found->second;
-}
-
 std::string CommandText(const Call &call) {
   std::string text = call.row->name;
   for (const std::string &more : {std::string(call.row->word), call.operand})
@@ -132,7 +122,8 @@ std::string CommandText(const Call &call) {
 // Null, with a message, when no row has the word that was given.
 const Special *ChooseRow(const Options &options) {
   const SpecialGroup *group = FindGroup(options.command.c_str());
-  const std::string word = group == nullptr ? "" : Given(options, group->word);
+  const std::string *given = group == nullptr ? nullptr : Given(options, group->word);
+  const std::string word = given == nullptr ? "" : *given;
   std::string words;
   for (const Special &row : SPECIALS) {
     if (row.name != options.command) continue;
@@ -174,15 +165,16 @@ int ReadSecret(Call *call) {
 
 int ReadOperand(Call *call) {
   const char *name = OperandName(call->row->operand);
-  for (const char *other : {"PATH", "DEVICE", "MAC"})
-    if (call->options.arguments.contains(other) &&
-        (name == nullptr || std::string_view(name) != other))
-      return UsageFailure("unexpected argument '" + SafeText(Given(call->options, other)) + "'");
+  for (const char *other : {"PATH", "DEVICE", "MAC"}) {
+    const std::string *given = Given(call->options, other);
+    if (given != nullptr && (name == nullptr || std::string_view(name) != other))
+      return UsageFailure("unexpected argument '" + SafeText(*given) + "'");
+  }
   if (call->row->operand == kPassPhrase || call->row->operand == kPassword) return ReadSecret(call);
   if (name == nullptr) return EXIT_DONE;
-  if (!call->options.arguments.contains(name))
-    return UsageFailure(std::string(name) + " is required");
-  call->operand = Given(call->options, name);
+  const std::string *given = Given(call->options, name);
+  if (given == nullptr) return UsageFailure(std::string(name) + " is required");
+  call->operand = *given;
   return call->row->operand == kMac ? ReadMac(call) : ReadPath(name, call);
 }
 
@@ -284,10 +276,10 @@ int RunSpecial(const Options &options) {
 }
 
 int RaidOrCreate(const Options &options) {
-  const auto action = options.arguments.find("ACTION");
-  if (action == options.arguments.end()) return Raid(options);
-  if (action->second != "create")
-    return UsageFailure("ACTION must be create, not '" + SafeText(action->second) + "'");
+  const std::string *action = Given(options, "ACTION");
+  if (action == nullptr) return Raid(options);
+  if (*action != "create")
+    return UsageFailure("ACTION must be create, not '" + SafeText(*action) + "'");
   if (!options.arguments.contains("KIND")) return UsageFailure("KIND is required");
   Options create = options;
   create.command += " create";

@@ -8,6 +8,7 @@
 #include "tools/bhctl/client.h"
 #include "tools/bhctl/drive.h"
 #include "tools/bhctl/print.h"
+#include "tools/bhctl/refusal.h"
 #include "tools/bhctl/text.h"
 
 namespace bhctl {
@@ -22,13 +23,12 @@ struct View {
 };
 
 void Show(const Options &options, const View &view, const Answer &answer, bool with_heading) {
-  const bool refused = answer.state != ACP_STATE_OK;
-  if (options.json) {
+  if (answer.state != ACP_STATE_OK) {
+    ShowRefusal(options, answer.mac, answer.state, "");
+  } else if (options.json) {
     Json object = {{"mac", MacText(answer.mac)}, {"state", StateName(answer.state)}};
-    if (!refused) view.add_json(answer, &object);
+    view.add_json(answer, &object);
     PrintJson(object);
-  } else if (refused) {
-    PrintError(MacText(answer.mac) + " refused: " + StateName(answer.state));
   } else {
     if (with_heading) PrintLine(MacText(answer.mac));
     view.print(answer);
@@ -49,9 +49,9 @@ int AskAndShow(const Options &options, const Request &request, const View &view,
 // The named argument, empty when it is not given. False, with a message, when it is given but no
 // request can carry it.
 bool PathArgument(const Options &options, const char *name, std::string *path) {
-  const auto found = options.arguments.find(name);
-  if (found == options.arguments.end()) return true;
-  *path = found->second;
+  const std::string *given = Given(options, name);
+  if (given == nullptr) return true;
+  *path = *given;
   if (!path->empty() && path->size() <= MAX_REQUEST_TEXT) return true;
   PrintError(std::string(name) + " must have 1 to " + std::to_string(MAX_REQUEST_TEXT) + " bytes");
   return false;

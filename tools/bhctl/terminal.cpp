@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include "tools/bhctl/interrupt.h"
 #include "tools/bhctl/print.h"
@@ -20,8 +19,7 @@ namespace {
 constexpr size_t LONGEST_LINE = 4096;  // bytes; no password is that long
 
 std::string ApplianceText(const Session &session) {
-  const char(&field)[sizeof session.info.host_name] = session.info.host_name;
-  return SafeText({field, strnlen(field, sizeof field)}) + " (" + MacText(session.mac) + ")";
+  return SafeText(FieldText(session.info.host_name)) + " (" + MacText(session.mac) + ")";
 }
 
 }  // namespace

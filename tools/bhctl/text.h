@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,6 +38,12 @@ std::optional<DateTime> ParseDateTime(std::string_view text);
 
 // The state code's name; "0x" and eight digits for a code without one.
 std::string StateName(uint32_t state);
+
+// What a field of a record holds: up to its NUL, or all of it.
+template <size_t SIZE>
+std::string FieldText(const char (&field)[SIZE]) {
+  return {field, strnlen(field, SIZE)};
+}
 
 // The text with '?' in place of what a terminal could take for a command: control characters, and
 // bytes that are not UTF-8.

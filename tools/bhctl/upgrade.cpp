@@ -7,13 +7,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <utility>
 #include <vector>
 
 #include "tools/bhctl/client.h"
 #include "tools/bhctl/image.h"
 #include "tools/bhctl/interrupt.h"
-#include "tools/bhctl/password.h"
 #include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
@@ -34,7 +32,7 @@ constexpr uint32_t CONFIRMING_PRODUCTS[] = {0x2001, 0x2002};
 constexpr const char *FINISH = "finish";
 
 constexpr Hint REQUEST_HINTS[] = {
-    {ACP_STATE_NO_KEY, "its key for this machine has expired; try again"},
+    {ACP_STATE_NO_KEY, KEY_EXPIRED},
     {ACP_STATE_PASSWORD_ERROR, "the administrator's password is wrong"},
     {ACP_STATE_NOW_LOCKING, "another program changes its settings; try again later"},
     {ACP_STATE_BAD_FIRM_TYPE, "it has no such --type of image"},
@@ -46,9 +44,6 @@ constexpr Hint REQUEST_HINTS[] = {
 constexpr Hint END_HINTS[] = {
     {ACP_STATE_FAILURE, "the image did not arrive whole or its checksum is wrong"}};
 constexpr Hint FINISH_HINTS[] = {{ACP_STATE_FAILURE, "the installation failed"}};
-constexpr const char *NOT_CONFIRMED =
-    "command mode must be enabled for this machine and the administrator's password verified: give "
-    "--pass-phrase and the password, or run 'bhctl enable' and 'bhctl login'";
 
 // An update under way.
 struct Job {
@@ -90,25 +85,20 @@ int Refused(const Job &job, const char *step, uint32_t state, const std::string 
   return EXIT_REFUSED;
 }
 
-std::optional<std::string> Given(const Options &options, const char *name) {
-  const auto found = options.arguments.find(name);
-  if (found == options.arguments.end()) return std::nullopt;
-  return found->second;
-}
-
 bool ReadNumber(const Options &options, const char *name, uint32_t lowest, uint32_t *number) {
-  const std::optional<std::string> text = Given(options, name);
-  if (!text) return true;
-  *number = ParseU32(*text).value_or(0);
-  if (ParseU32(*text) && *number >= lowest) return true;
+  const std::string *text = Given(options, name);
+  if (text == nullptr) return true;
+  const std::optional<uint32_t> given = ParseU32(*text);
+  *number = given.value_or(0);
+  if (given && *given >= lowest) return true;
   PrintError(std::string(name) + " must be a number from " + std::to_string(lowest) +
              " to 0xffffffff, not '" + *text + "'");
   return false;
 }
 
 bool ReadZipPassword(const Options &options, Update *update) {
-  const std::optional<std::string> text = Given(options, "--zip-password");
-  if (!text) return true;
+  const std::string *text = Given(options, "--zip-password");
+  if (text == nullptr) return true;
   update->zip_password = {*text, LONGEST_ZIP_PASSWORD, "--zip-password"};
   update->password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password the administrator's password"};
   if (!text->empty()) return true;
@@ -117,7 +107,7 @@ bool ReadZipPassword(const Options &options, Update *update) {
 }
 
 int ReadArguments(const Options &options, Job *job) {
-  job->update.password.name = "the administrator's password";
+  job->update.password = AdminPassword("");
   if (!ReadNumber(options, "--type", 1, &job->update.type) ||
       !ReadNumber(options, "--product", 0, &job->update.product) ||
       !ReadZipPassword(options, &job->update))
@@ -130,12 +120,8 @@ int ReadArguments(const Options &options, Job *job) {
   }
   job->update.size = job->image.size;
   job->update.checksum = job->image.checksum;
-  std::optional<std::string> password;
-  const int status = ReadPassword(options, &password);
-  job->update.password.text = password.value_or("");
-  job->permit = PermitOf(options);
-  if (password && (options.password || !password->empty()))
-    job->permit.password = AdminPassword(*password);
+  const int status = ReadPermit(options, &job->permit);
+  if (job->permit.password) job->update.password.text = job->permit.password->text;
   return status;
 }
 
@@ -153,7 +139,7 @@ int OpenJobSession(const Options &options, Job *job) {
 int CheckAppliance(Job *job) {
   const DiscoverInfo &info = job->session.info;
   const std::string mac = MacText(job->session.mac);
-  if (!Given(job->options, "--product")) job->update.product = info.product_id;
+  if (Given(job->options, "--product") == nullptr) job->update.product = info.product_id;
   if (job->update.product != info.product_id)
     return Fail("key",
                 "the image is for product " + HexText(job->update.product) + ", but " + mac +
@@ -213,8 +199,9 @@ int AskForUpdate(const Job &job) {
     return GiveUp(job, "request", Interrupted(job.interrupt) ? "interrupted" : "no answer");
   if (answer->state == ACP_STATE_OK) return EXIT_DONE;
   const bool unconfirmed = answer->state == ACP_STATE_PASSWORD_ERROR && MustConfirm(job);
-  return Refused(job, "request", answer->state,
-                 unconfirmed ? NOT_CONFIRMED : HintFor(REQUEST_HINTS, answer->state));
+  return Refused(
+      job, "request", answer->state,
+      unconfirmed ? NotVerifiedHint(job.session) : HintFor(REQUEST_HINTS, answer->state));
 }
 
 int SendImage(const Job &job) {

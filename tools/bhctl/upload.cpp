@@ -107,6 +107,7 @@ int SocketError(const Descriptor &socket) {
 // Bound to the interface, so that no routing table has a say in it.
 bool OpenSocket(const std::string &interface, Descriptor *socket) {
   *socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (socket->fd < 0) return false;
   setsockopt(socket->fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
   return setsockopt(socket->fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
                     static_cast<socklen_t>(interface.size())) == 0;

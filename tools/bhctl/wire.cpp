@@ -3,7 +3,6 @@
 #include "tools/bhctl/wire.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace bhctl {
 namespace {

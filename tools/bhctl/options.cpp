@@ -1,0 +1,19 @@
+// What the commands' own checks of their arguments share.
+
+#include "tools/bhctl/options.h"
+
+#include "tools/bhctl/print.h"
+
+namespace bhctl {
+
+const std::string *Given(const Options &options, const std::string &name) {
+  const auto found = options.arguments.find(name);
+  return found == options.arguments.end() ? nullptr : &found->second;
+}
+
+int UsageFailure(const std::string &message) {
+  PrintError(message);
+  return EXIT_USAGE;
+}
+
+}  // namespace bhctl
