@@ -3,7 +3,6 @@
 #include "board/contained.h"
 
 #include <linux/if_packet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <sys/shm.h>

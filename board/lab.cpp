@@ -72,8 +72,7 @@ static std::string IdentityMap(const char *own_map) {
 }
 
 // Whoever has unshared its user namespace has no rights left in the one above, so that the full map
-// is written by a child that stayed there. It starts
-// when it reads "+".
+// is written by a child that stayed there. It starts when it reads "+".
 static pid_t StartMapWriter(int start) {
   const std::string directory = "/proc/" + std::to_string(getpid());
   const std::string uids = IdentityMap("/proc/self/uid_map");

@@ -119,7 +119,7 @@ static pid_t ForkFor(const Board &board, int *caller) {
   close(*caller);
   pid_t process = -1;
   if (read(read_end.fd, &process, sizeof process) != sizeof process) process = -1;
-  waitpid(helper, nullptr, 0);
+  if (helper > 0) waitpid(helper, nullptr, 0);
   if (process > 0) children.push_back({process, board.init, OpenPid(process), std::nullopt});
   return process;
 }
@@ -148,13 +148,13 @@ static void SetEnvironment(const Board &board, const Command &command) {
   }
 }
 
-// dup2 that also works when the descriptor stands at its place already.
+// Without a descriptor the place keeps what it has.
 static void Place(int fd, int place) {
   if (fd >= 0 && dup2(fd, place) < 0) Fail("dup2");
 }
 
 static void PlaceDescriptors(const Command &command) {
-  const int in = command.in >= 0 ? command.in : open("/dev/null", O_RDONLY | O_CLOEXEC);
+  const int in = command.in >= 0 ? command.in : open("/dev/null", O_RDONLY);
   const int err = command.err >= 0 ? fcntl(command.err, F_DUPFD_CLOEXEC, 3) : -1;
   const int out = command.out >= 0 ? fcntl(command.out, F_DUPFD_CLOEXEC, 3) : -1;
   Place(in, STDIN_FILENO);

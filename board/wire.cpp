@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
