@@ -30,9 +30,9 @@ char *libbh_GetConfigValue(const char *path, const char *key);
 /* Writes `value` into every line of the file that defines `key`, and leaves all else as it was: a
  * key that no line defines is not added. A missing file is created with the one line. The file is
  * rewritten in place, without a lock: callers hold the configuration lock where others write too.
- * Returns 0; -1 without memory; -10000 - EMSGSIZE when a line would exceed 255 bytes with its line
- * end (the file is untouched); -10000 - EINVAL for a null argument; -10000 - errno when the file
- * cannot be read, opened for writing (it is untouched then) or written to the end. */
+ * Returns 0; -1 without memory; -10000 - EMSGSIZE when a line there would exceed 255 bytes with its
+ * line end (the file is untouched); -10000 - EINVAL for a null argument; -10000 - errno when the
+ * file cannot be read, opened for writing (it is untouched then) or written to the end. */
 int32_t libbh_SetConfigValue(const char *path, const char *key, const char *value);
 
 /* The result that stands for the errno `error`: -10000 - error. */
@@ -102,8 +102,8 @@ int32_t libbh_Shutdown(void);
 int32_t libbh_SaveConfig(void);
 int32_t libbh_LoadConfig(void);
 
-/* The Internet checksum (RFC 1071) of the file; 0xFFFF when it cannot be read, is empty or has more
- * than 2 GiB. */
+/* The Internet checksum (RFC 1071) of the file; 0xFFFF for one that cannot be read, is empty or has
+ * 2 GiB or more. */
 uint16_t libbh_FileChksum(const char *path);
 
 /* Mounts the device, in the place of what is mounted there. 0 or -1, after three attempts. */
@@ -179,9 +179,9 @@ int32_t libbh_WriteIfStanza(const struct IfInfo *record);
 /* ---- network interfaces ---- */
 
 /* Fills the record of the interface that it names; the caller has zeroed the other fields. Bit 0x2
- * of `flags` asks for the counters too. An interface that is down or has no IPv4 address gets its
- * hardware address and DHCP state only. 0; -10006 when there is no such interface or no counters;
- * -10000 - errno. */
+ * of `flags` asks for the counters too, of the first interface whose name contains this one. An
+ * interface that is down or has no IPv4 address gets its hardware address and DHCP state only. 0;
+ * -10006 when there is no such interface or no counters; -10000 - errno. */
 int32_t libbh_GetIfInfo(struct IfInfo *record, uint32_t flags);
 
 /* Checks the record and, unless `check_only`, makes it the interface's configuration, in the file
@@ -211,7 +211,7 @@ struct IfListEntry {
 struct IfListEntry *libbh_GetIfList(int32_t family, int32_t with_aliases);
 void libbh_FreeIfList(struct IfListEntry *list);
 
-/* 1 when the kernel has the interface, up or not; else 0. */
+/* 1 when the kernel has the interface, up or not, or one whose name ends with `name`; else 0. */
 int32_t libbh_IfExists(const char *name);
 
 /* Stores a AND b (operation 0) or a OR NOT b (operation 1). 0, or -1 for another operation. */
@@ -249,8 +249,7 @@ int32_t libbh_ParseDottedQuad(const char *text, struct in_addr *address);
 struct RouteEntry {
   char name[16]; /* interface */
   struct sockaddr_in destination, gateway, mask;
-  uint32_t
-      flags; /* the kernel's RTF_..., and 0x0400 when the route stands in the interfaces file */
+  uint32_t flags; /* the kernel's RTF_..., and 0x0400 for one that is in the interfaces file */
   int32_t metric; /* kernel's and requests: the metric plus 1; from the file: as written */
   int32_t ref_count, use, mtu, window, irtt;
   struct RouteEntry *next;

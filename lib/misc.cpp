@@ -100,6 +100,7 @@ HeapText EscapeQuotes(const char *value) {
   return escaped;
 }
 
+// A carriage return before the last character makes it CRLF, whatever that character is.
 std::string_view LineEnding(std::string_view line) {
   if (line.size() >= 2 && line[line.size() - 2] == '\r') return "\r\n";
   return line.back() == '\n' ? "\n" : "";

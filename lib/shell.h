@@ -14,8 +14,8 @@ std::string FormatText(const char *format, ...) __attribute__((format(printf, 1,
 // characters, else as it is.
 std::string QuoteForShell(const std::string &text);
 
-// Nonzero while this process waits for a shell command or sleeps: a signal handler that wants to
-// end it may do so then. The only one of its kind in a program that links the library.
+// Nonzero while this process is in RunShell or libbh_sleep: a signal handler that wants to end it
+// may do so then. The only one of its kind in a program that links the library.
 extern "C" volatile sig_atomic_t libbh_waiting;
 
 // Runs the command line in a shell and waits for it. The status as system() returns it.
