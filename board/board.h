@@ -88,7 +88,7 @@ void HaltAll(std::vector<Board> &boards);  // quicker than one by one
 struct Command {
   std::vector<std::string> argv = {};  // argv[0] is looked up on the board's PATH
   std::vector<std::string> env = {};   // NAME=VALUE, beside the caller's environment
-  std::string fail = {};               // calls to fail, see shim.cpp: "bh_servd/fork:1:EAGAIN,..."
+  std::string fail = {};               // calls to fail, see failing.h: "bh_servd/fork:1:EAGAIN,..."
   int in = -1;                         // -1: /dev/null
   int out = -1;                        // -1: the caller's own
   int err = -1;                        // -1: the caller's own

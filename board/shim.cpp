@@ -24,17 +24,7 @@
 // and the board's clock is set on by its time. /run/board-ticks, if there is one, has what times()
 // returns.
 //
-// Failing on demand: the environment variable BOARD_FAIL lists calls to fail, parted by commas:
-//
-//   program/call[=argument][:n[:error]]      bh_servd/fork:1:EAGAIN,bh_servd/calloc=544
-//
-// The n-th such call (default 1; 0: every one) of a program of that name ("*": any) fails with the
-// error (default ENOMEM for calloc, else EIO). The argument is the path of an open or fopen, the
-// number of bytes of a calloc, a socket's family, a mount's device, or an ioctl's number as the
-// call log has it; then only calls with it count. Calls are counted in each process image; a fork
-// takes the count along, and a program that changes the variable starts anew. The calls that can
-// fail are those of WRAP and WRAP_PATH, and open, fork, calloc, socket, ioctl, mount and
-// settimeofday.
+// Calls fail on demand: see board/failing.h.
 //
 // The shim is loaded into programs of any language: it uses nothing of the C++ library.
 
@@ -67,91 +57,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "board/failing.h"
+
 namespace {
 
 constexpr int64_t kSecond = 1000000000;  // in nanoseconds
 
-constexpr struct {
-  const char *name;
-  int number;
-} kErrors[] = {
-    {"EACCES", EACCES}, {"EADDRINUSE", EADDRINUSE}, {"EAGAIN", EAGAIN},
-    {"EINTR", EINTR},   {"EINVAL", EINVAL},         {"EIO", EIO},
-    {"EMFILE", EMFILE}, {"ENETDOWN", ENETDOWN},     {"ENOBUFS", ENOBUFS},
-    {"ENODEV", ENODEV}, {"ENOENT", ENOENT},         {"ENOMEM", ENOMEM},
-    {"ENOSPC", ENOSPC}, {"ENXIO", ENXIO},           {"EPERM", EPERM},
-    {"EROFS", EROFS},
-};
-
-struct Plan {
-  const char *call;
-  const char *argument;  // null: whatever it is
-  unsigned long nth;     // 0: every one
-  int error;
-  unsigned long seen;
-};
-Plan plans[8];
-size_t plan_count = 0;
-
 uint32_t *clock_offset = nullptr;  // low and high half, shared by all processes on the board
-
-[[noreturn]] void Refuse(const char *text) {
-  std::fprintf(stderr, "board shim: cannot read this of BOARD_FAIL: %s\n", text);
-  std::abort();
-}
-
-int ErrorNumber(const char *name) {
-  for (const auto &error : kErrors)
-    if (std::strcmp(name, error.name) == 0) return error.number;
-  Refuse(name);
-}
-
-void ReadPlan(char *item) {
-  const char *program = strsep(&item, "/");
-  char *argument = strsep(&item, ":");
-  const char *nth = strsep(&item, ":");
-  const char *call = strsep(&argument, "=");
-  if (call == nullptr || plan_count == sizeof plans / sizeof *plans) Refuse(program);
-  if (std::strcmp(program, "*") != 0 && std::strcmp(program, program_invocation_short_name) != 0)
-    return;
-  const int usual = std::strcmp(call, "calloc") == 0 ? ENOMEM : EIO;
-  plans[plan_count++] = {call, argument, nth == nullptr ? 1 : std::strtoul(nth, nullptr, 10),
-                         item == nullptr ? usual : ErrorNumber(item), 0};
-}
-
-// Reads the variable if it is not what it was.
-void ReadPlans() {
-  static char known[1024];
-  static char items[sizeof known];
-  const char *set = std::getenv("BOARD_FAIL");
-  const char *list = set == nullptr ? "" : set;
-  if (std::strcmp(list, known) == 0) return;
-  plan_count = 0;
-  const size_t size = std::strlen(list) + 1;
-  if (size > sizeof items) Refuse(list);
-  std::memcpy(known, list, size);
-  std::memcpy(items, list, size);
-  char *rest = size > 1 ? items : nullptr;
-  while (rest != nullptr)
-    ReadPlan(strsep(&rest, ","));
-}
-
-// Whether this call is one to fail; errno is then set.
-bool Fails(const char *call, const char *argument = nullptr) {
-  ReadPlans();
-  for (size_t i = 0; i < plan_count; i++) {
-    Plan &plan = plans[i];
-    if (std::strcmp(plan.call, call) != 0) continue;
-    if (plan.argument != nullptr &&
-        (argument == nullptr || std::strcmp(plan.argument, argument) != 0))
-      continue;
-    plan.seen++;
-    if (plan.nth != 0 && plan.seen != plan.nth) continue;
-    errno = plan.error;
-    return true;
-  }
-  return false;
-}
 
 // The call behind this file's own of that name.
 template <typename Function>
@@ -184,7 +96,6 @@ void MapClock() {
 __attribute__((constructor)) void Start() {
   AnnounceProcess();
   MapClock();
-  ReadPlans();
 }
 
 int Refusal(int error) {
@@ -379,6 +290,22 @@ void *EarlyMemory(size_t size) {
   return memory + used - step;
 }
 
+// What has been opened has its effect on the file; then one that takes no writes has its place.
+int WithFailingWrites(int fd, const char *path, int flags) {
+  if (fd < 0 || (flags & O_ACCMODE) == O_RDONLY || !Fails("write", path)) return fd;
+  const int sealed = memfd_create("sealed", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fcntl(sealed, F_ADD_SEALS, F_SEAL_WRITE) != 0 || dup3(sealed, fd, flags & O_CLOEXEC) != fd)
+    std::abort();
+  close(sealed);
+  return fd;
+}
+
+FILE *WithFailingWrites(FILE *file, const char *path, const char *mode) {
+  const bool is_read = std::strpbrk(mode, "wa+") == nullptr;
+  if (file != nullptr && !is_read) WithFailingWrites(fileno(file), path, O_WRONLY | O_CLOEXEC);
+  return file;
+}
+
 }  // namespace
 
 extern "C" {
@@ -404,20 +331,22 @@ WRAP(FILE *, popen, nullptr, (const char *command, const char *mode), (command, 
 WRAP(int, system, -1, (const char *command), (command))
 WRAP(int, shmget, -1, (key_t key, size_t size, int flags), (key, size, flags))
 WRAP(void *, shmat, MAP_FAILED, (int id, const void *address, int flags), (id, address, flags))
-WRAP(int, semget, -1, (key_t key, int count, int flags), (key, count, flags))
+WRAP(int, shmctl, -1, (int id, int command, struct shmid_ds *status), (id, command, status))
+WRAP(int, shmdt, -1, (const void *address), (address))
+WRAP(int, semop, -1, (int set, struct sembuf *operations, size_t count), (set, operations, count))
 WRAP(int, sigaction, -1, (int number, const struct sigaction *action, struct sigaction *old),
      (number, action, old))
 WRAP(sighandler_t, signal, SIG_ERR, (int number, sighandler_t handler), (number, handler))
 
 // The calls of a file's name; programs with 64-bit file offsets call them under their second name.
-#define WRAP_PATH(type, name, kind, failure, parameters, arguments) \
-  type name parameters {                                            \
-    static auto *const real = FindReal(&(name), #name);             \
-    return Fails(kind, path) ? (failure) : real arguments;          \
+#define WRAP_PATH(type, name, parameters, arguments)                                       \
+  type name parameters {                                                                   \
+    static auto *const real = FindReal(&(name), #name);                                    \
+    return Fails("fopen", path) ? nullptr : WithFailingWrites(real arguments, path, mode); \
   }
 
-WRAP_PATH(FILE *, fopen, "fopen", nullptr, (const char *path, const char *mode), (path, mode))
-WRAP_PATH(FILE *, fopen64, "fopen", nullptr, (const char *path, const char *mode), (path, mode))
+WRAP_PATH(FILE *, fopen, (const char *path, const char *mode), (path, mode))
+WRAP_PATH(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
 
 // open takes its mode only sometimes, and as a further argument; passing one always does no harm.
 int OpenFor32(const char *path, int flags, mode_t mode) __asm__("open");
@@ -425,12 +354,19 @@ int OpenFor64(const char *path, int flags, mode_t mode) __asm__("open64");
 
 int OpenFor32(const char *path, int flags, mode_t mode) {
   static auto *const real = FindReal(&open, "open");
-  return Fails("open", path) ? -1 : real(path, flags, mode);
+  return Fails("open", path) ? -1 : WithFailingWrites(real(path, flags, mode), path, flags);
 }
 
 int OpenFor64(const char *path, int flags, mode_t mode) {
   static auto *const real = FindReal(&open64, "open64");
-  return Fails("open", path) ? -1 : real(path, flags, mode);
+  return Fails("open", path) ? -1 : WithFailingWrites(real(path, flags, mode), path, flags);
+}
+
+int semget(key_t key, int count, int flags) {
+  static auto *const real = FindReal(&semget, "semget");
+  char octal[16];
+  std::snprintf(octal, sizeof octal, "%o", static_cast<unsigned>(flags));
+  return Fails("semget", octal) ? -1 : real(key, count, flags);
 }
 
 int socket(int domain, int type, int protocol) {
@@ -474,7 +410,7 @@ int mount(const char *device, const char *directory, const char *type, unsigned 
   char partition[128];
   std::snprintf(partition, sizeof partition, "/run/disks/%.64s",
                 name == nullptr ? device : name + 1);
-  return real(partition, directory, nullptr, MS_BIND, nullptr);
+  return real(partition, directory, "none", MS_BIND, nullptr);
 }
 
 // The emulator leaves the time of the last operation out of a set's status.
@@ -534,10 +470,10 @@ void *calloc(size_t count, size_t size) {
     real = FindReal(&calloc, "calloc");
     looking = false;
   }
-  if (plan_count != 0) {
+  if (HasPlans()) {
     char bytes[24];
     std::snprintf(bytes, sizeof bytes, "%zu", count * size);
-    if (Fails("calloc", bytes)) return nullptr;
+    if (FailsByVariable("calloc", bytes)) return nullptr;
   }
   return real(count, size);
 }

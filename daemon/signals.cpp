@@ -61,13 +61,18 @@ void EndServer(int code) {
   exit(0);
 }
 
+// However the server ends, a later start must not find its pid file. Not a child's to do.
+void RemovePidFile() {
+  if (IsServer() && ReadPid(pid_file) == getpid()) unlink(pid_file);
+}
+
 // After a crash any lock may be held and any memory damaged: the pid file goes first, then the log
 // is tried. A second fault ends the process, since SIGSEGV is blocked here, and a deadlock is ended
 // by the alarm.
 void EndAfterCrash(int code) {
   signal(SIGALRM, SIG_DFL);
   alarm(CRASH_DEADLINE);
-  if (IsServer() && ReadPid(pid_file) == getpid()) unlink(pid_file);
+  RemovePidFile();
   syslog(LOG_NOTICE, "DeletePidfile()");
   LogExit(code);
   _exit(0);
@@ -156,6 +161,7 @@ void EndWait() {
 void ClaimServer() {
   snprintf(pid_file, sizeof(pid_file), "%s", PidFilePath(daemon_state.ifname).c_str());
   daemon_state.server_pid = getpid();
+  atexit(RemovePidFile);  // the library ends the process when it cannot make the lock
 }
 
 void InstallSignalHandlers() {

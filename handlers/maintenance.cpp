@@ -83,7 +83,8 @@ int32_t chage_language(const char *lang, const char *codepage) {
 
 int32_t clear_usb_info() {
   if (!RemoveLeftover("/tmp/diskinfo")) return 0;
-  RunCommandLine("cp /etc/korvo/diskinfo /tmp/diskinfo");
+  // Without a process for the copy the file would be emptied; its status plays no part.
+  if (RunCommandLine("cp /etc/korvo/diskinfo /tmp/diskinfo") < 0) return 0;
   RunCommandLine("grep -v \"usb_disk\" /tmp/diskinfo > /etc/korvo/diskinfo");
   for (int entry = 1; entry <= USB_ENTRIES; ++entry)
     RunCommandLine(FormatText("echo \"usb_disk%d=\" >> /etc/korvo/diskinfo", entry));

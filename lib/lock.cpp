@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 
 #include "lib/codes.h"
@@ -32,6 +33,7 @@ constexpr int FREE = 1;
 constexpr int HELD = 0;
 
 constexpr int USE_CHECKS = 10;
+constexpr int FIND_ATTEMPTS = 2;  // who could not release a level would hold it to the end
 
 // Process IDs of the appliance stay below 32768. Larger ones are cut here, and equally wherever
 // they are compared.
@@ -85,12 +87,22 @@ int32_t Take(int set, Level level, OwnerRecord &owner) {
   return 0;
 }
 
+// Without a record the kernel tells: only the holder operates on a held level.
+bool IsOwn(int set, Level level, const OwnerRecord *owner) {
+  return owner != nullptr ? owner->holders[level] == OwnId()
+                          : semctl(set, level, GETPID) == getpid();
+}
+
 // The record goes first: written after the release, it would wipe the next holder's. A level that
-// is free already, under a stale record that happens to name this process, is not raised.
-void Release(int set, Level level, OwnerRecord &owner) {
-  if (owner.holders[level] != OwnId()) return;
-  owner.holders[level] = 0;
-  if (ValueOf(set, level) == HELD) Operate(set, level, +1, 0);
+// is free already, under a stale record that happens to name this process, is not raised. One that
+// cannot be raised is set, which takes back what the kernel would do at the holder's end.
+void Release(int set, Level level, OwnerRecord *owner) {
+  if (!IsOwn(set, level, owner)) return;
+  if (owner != nullptr) owner->holders[level] = 0;
+  SemaphoreArgument free_again = {};
+  free_again.value = FREE;
+  if (ValueOf(set, level) == HELD && !Operate(set, level, +1, 0))
+    semctl(set, level, SETVAL, free_again);
 }
 
 bool Holds(int set, Level level, const OwnerRecord &owner) {
@@ -120,7 +132,7 @@ int OpenUsedSet(key_t key) {
 int OpenOrMakeSet(key_t key) {
   const int set = semget(key, LEVELS, IPC_CREAT | IPC_EXCL | OPEN_TO_ALL);
   if (set < 0) {
-    if (errno != EEXIST) _exit(0);
+    if (errno != EEXIST) exit(0);
     return OpenUsedSet(key);
   }
   SemaphoreArgument argument = {};
@@ -154,17 +166,22 @@ int32_t libbh_lock() {
   if (!owner) return LOCK_NO_KEY;
   const int set = OpenOrMakeSet(key);
   if (set < 0) return LOCK_NOT_READY;
-  return TakeFreeLevel(set, *owner);
+  const int32_t result = TakeFreeLevel(set, *owner);
+  // Nobody would ever take a set of ours that was never operated on; the next one makes it anew.
+  if (result != 0 && !HasBeenUsed(set)) semctl(set, 0, IPC_RMID);
+  return result;
 }
 
 int32_t libbh_unlock() {
   const int saved_errno = errno;
   const key_t key = ftok(KEY_FILE, PROJECT);
   const OwnerPtr owner = AttachOwner(key);
-  const int set = owner ? semget(key, LEVELS, 0) : -1;
+  int set = -1;
+  for (int attempt = 0; key != -1 && set < 0 && attempt < FIND_ATTEMPTS; ++attempt)
+    set = semget(key, LEVELS, 0);
   if (set >= 0) {
-    Release(set, MAIN, *owner);
-    Release(set, INHERITED, *owner);
+    Release(set, MAIN, owner.get());
+    Release(set, INHERITED, owner.get());
   }
   errno = saved_errno;
   return set >= 0 ? 0 : -1;

@@ -8,6 +8,7 @@
 
 using std::string;
 using wire::Bytes;
+using wire::Packet;
 
 namespace {
 
@@ -19,15 +20,6 @@ enum State : uint32_t {
   kNotPermitted = 0x8000000A,
   kBadProduct = 0x80000010,
 };
-
-Bytes Packet(uint16_t command, const Bytes &body) {
-  Bytes packet = wire::Request("20 00 00 00 07 00 01 00 00 00 00 00 00 00 00 00", body);
-  packet[8] = static_cast<uint8_t>(command);
-  packet[9] = static_cast<uint8_t>(command >> 8);
-  packet[10] = static_cast<uint8_t>(body.size());
-  packet[11] = static_cast<uint8_t>(body.size() >> 8);
-  return packet;
-}
 
 Bytes Special(int code, uint8_t extra = 0, const Bytes &text = {}, const Bytes &old = {}) {
   Bytes body(48);

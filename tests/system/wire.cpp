@@ -87,6 +87,15 @@ Bytes Request(std::string_view head, const Bytes &body, std::string_view dst_mac
   return bytes;
 }
 
+Bytes Packet(uint16_t command, const Bytes &body) {
+  Bytes packet = Request("20 00 00 00 07 00 01 00 00 00 00 00 00 00 00 00", body);
+  packet[8] = static_cast<uint8_t>(command);
+  packet[9] = static_cast<uint8_t>(command >> 8);
+  packet[10] = static_cast<uint8_t>(body.size());
+  packet[11] = static_cast<uint8_t>(body.size() >> 8);
+  return packet;
+}
+
 Client Open(const std::string &interface) {
   Client client;
   client.capture = OpenCapture(interface);

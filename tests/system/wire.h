@@ -33,6 +33,9 @@ uint32_t Number(const Bytes &bytes, size_t offset);
 Bytes Request(std::string_view head, const Bytes &body = {},
               std::string_view dst_mac = "ff ff ff ff ff ff");
 
+// The same with the rest of the header as it usually is.
+Bytes Packet(uint16_t command, const Bytes &body = {});
+
 Client Open(const std::string &interface);
 void Close(Client &client);
 void Send(const Client &client, const Bytes &datagram);

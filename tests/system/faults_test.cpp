@@ -1,0 +1,339 @@
+// Each call that a request or the start leads to and that can fail, made to fail once: the client
+// gets a state that tells so, or nothing where the reply itself failed; the server works on, and
+// leaves nothing behind. The shim counts the calls: board/failing.h.
+
+#include <fcntl.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "tests/system/fixture.h"
+
+using std::string;
+using wire::Bytes;
+using wire::Packet;
+using States = std::vector<uint32_t>;
+
+namespace {
+
+constexpr uint32_t kFail = 0xFFFFFFFF, kLocked = 0x80000009, kTestFail = 0x8000000C;
+constexpr char kPidFile[] = "/var/run/bh_servd-eth0.pid", kPlan[] = "/run/failing";
+constexpr char kEndsServer[] = "semget 3666";  // as it must, without a set of semaphores
+constexpr const char *kSettings[] = {"/etc/network/interfaces", "/etc/hosts", "/etc/samba/smb.conf",
+                                     "/etc/korvo/info", "/etc/korvo/diskinfo"};
+const std::set<string> kReplying = {"socket 17", "setsockopt", "bind", "sendto"};
+const std::set<string> kKept = {"bh_servd.log", "hddrootmode", "korsub_info.sh", "kv_firm_mem",
+                                "firm_size_id", "diskinfo",    "results.txt",    "results.tmp"};
+
+struct Case {
+  const char *name;
+  Bytes request;
+  States states = {0};           // the first one when nothing fails
+  const char *before = "true";   // for the board's shell, and
+  const char *proof = "true";    // for a state 0 to be a true one
+  Bytes first = {}, after = {};  // requests around it, in which nothing fails
+  size_t replies = 1;
+  bool locks = false;  // the lock is rightly held then
+};
+
+Bytes Record(uint16_t command, size_t size,
+             std::initializer_list<std::pair<size_t, string>> texts) {
+  Bytes body(size);
+  for (const auto &[at, text] : texts) {
+    body.resize(std::max(body.size(), at + text.size()));
+    std::copy(text.begin(), text.end(), body.begin() + static_cast<ptrdiff_t>(at));
+  }
+  return Packet(command, body);
+}
+
+Bytes Special(char code, char extra = 0, const string &text = "") {
+  return Record(0x80A0, 48, {{0, {code}}, {4, {extra}}, {8, text}});
+}
+
+Bytes Command(char type, const string &text) {
+  const char length = static_cast<char>(text.size());
+  return Record(0x8A10, 11 + text.size(), {{0, {length}}, {4, {type}}, {8, text}});
+}
+
+// Whether the lock is free for others, as one that was never used is not, and none is a zombie.
+bool IsTidy() {
+  const int set = semget(ftok("/var/log/qrconf_lock", 0), 0, 0);
+  struct semid_ds use = {};
+  bool tidy = set < 0 || (semctl(set, 0, GETVAL) == 1 && semctl(set, 1, GETVAL) == 1 &&
+                          semctl(set, 0, IPC_STAT, &use) == 0 && use.sem_otime != 0);
+  for (const auto &entry : std::filesystem::directory_iterator("/run/kernel-proc")) {
+    std::ifstream file(entry.path() / "stat");
+    string line;
+    tidy = tidy && (!std::getline(file, line) || line.find(") Z ") == string::npos);
+  }
+  return tidy;
+}
+
+}  // namespace
+
+class Faults : public SystemTest {
+ protected:
+  void Start(const char *product = "0x0010", const char *password = "FernGate7") {
+    BootBoard({.product_id = product});
+    board::WriteFile(board, "/run/fast-sleep", "");
+    board::WriteFile(board, "/www/.htpasswd", "root:abcHKXPavTczo\n");  // "FernGate7"
+    secret = password;
+    for (const char *path : kSettings)
+      settings.push_back(board::ReadFile(board, path));
+    names = Names();
+    Serve();
+  }
+  void Serve() {
+    StartDaemon();
+    while (wire::Receive(client, wire::milliseconds(0)))
+      continue;
+    close(trace);
+    trace = board::OpenFile(board, "/var/log/trace", O_RDONLY | O_CLOEXEC);
+    TakeKey();
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(Ask(Special(0x0D, 0, Text("FernGate"))), States{0});
+    EXPECT_EQ(Ask(Special(0x0C, 0, Text(secret))), States{0});
+  }
+  string Text(const string &password) {
+    const Bytes encoded = Encoded(password);
+    return {encoded.begin(), encoded.end()};
+  }
+  std::set<string> Names() {
+    std::set<string> found;
+    for (const char *folder : {"/etc", "/tmp", "/var/tmp"})
+      for (const auto &entry : std::filesystem::directory_iterator(board.root + folder))
+        found.insert(entry.path().filename());
+    return found;
+  }
+  int OpenFiles() {
+    return board::RunInside(
+               board,
+               [pid = std::to_string(ServerPid())] {
+                 const std::filesystem::directory_iterator files("/run/kernel-proc/" + pid + "/fd");
+                 return static_cast<int>(std::distance(begin(files), end(files)));
+               })
+        .exit_code;
+  }
+  // A packet that the server does not know is traced, without a call that could fail.
+  bool HasServed() {
+    char chunk[65536];
+    for (ssize_t size = 0; (size = read(trace, chunk, sizeof(chunk))) > 0;)
+      traced.append(chunk, static_cast<size_t>(size));
+    char line[32];
+    snprintf(line, sizeof(line), "Unknown (%x)", unknown);
+    return traced.find(line) != string::npos || !board::Exists(board, kPidFile);
+  }
+  // The states of the replies. Should one be missing, a ping that nothing disturbs comes instead.
+  States Ask(const Bytes &request, size_t wanted = 1) {
+    States states;
+    traced.clear();
+    wire::Send(client, request);
+    wire::Send(client, Packet(++unknown));
+    EXPECT_TRUE(board::WaitFor([&] { return HasServed(); }));
+    notes = board::ReadFile(board, kPlan);
+    board::Remove(board, kPlan);
+    const bool lives = board::Exists(board, kPidFile);
+    auto reply = wire::Receive(client, wire::milliseconds(0));
+    for (; reply; reply = wire::Receive(client, wire::milliseconds(0)))
+      states.push_back(wire::Number(*reply, 28));
+    if (states.size() >= wanted || !lives) return states;
+    wire::Send(client, wire::Request("20 00 00 00 07 00 01 00 40 80 00 00 77 00 00 00"));
+    while ((reply = wire::Receive(client)) && (*reply)[12] != 0x77)
+      states.push_back(wire::Number(*reply, 28));
+    EXPECT_TRUE(reply) << "no ping";
+    return states;
+  }
+  // The call that has failed; empty when there were not so many.
+  string Struck(int n) {
+    std::istringstream lines(notes);
+    string line;
+    while (n-- >= 0)
+      std::getline(lines, line);
+    return lines ? line : "";
+  }
+  void Try(const Case &test) {
+    const int open_files = OpenFiles();
+    string struck = "-";
+    for (int n = 1; !struck.empty() && !HasFailure(); ++n) {
+      for (size_t i = 0; i < settings.size(); ++i)
+        board::WriteFile(board, kSettings[i], settings[i]);
+      if (!test.first.empty()) Ask(test.first);
+      if (test.before != Case().before) OnBoard({"bash", "-c", test.before});
+      board::WriteFile(board, kPlan, "bh_servd " + std::to_string(n) + "\n");
+      const States states = Ask(test.request, test.replies);
+      struck = Struck(n);
+      SCOPED_TRACE(string(test.name) + " " + std::to_string(n) + ": " + struck);
+      Judge(test, struck, states);
+      if (struck == kEndsServer) {
+        EXPECT_TRUE(AwaitServers(0));
+        Serve();
+      }
+      if (test.locks) Ask(Special(0x0B));
+      EXPECT_TRUE(board::WaitFor([&] { return board::RunInside(board, IsTidy).exit_code == 1; }));
+      if (!test.after.empty()) Ask(test.after);
+    }
+    ExpectAlive();
+    EXPECT_EQ(OpenFiles(), open_files) << test.name;
+  }
+  void Judge(const Case &test, const string &struck, const States &states) {
+    const bool silent = kReplying.contains(struck) || struck == kEndsServer ||
+                        (struck == "fork" && string(test.name) == "ping");
+    const bool whole = states.size() == test.replies;
+    EXPECT_TRUE(whole || silent) << states.size();
+    for (const uint32_t state : states)
+      EXPECT_EQ(std::count(test.states.begin(), test.states.end(), state), 1) << std::hex << state;
+    EXPECT_TRUE(!struck.empty() || (whole && states.back() == test.states[0]));
+    if (whole && states.back() == 0 && test.proof != Case().proof) {
+      EXPECT_EQ(OnBoard({"bash", "-c", test.proof}).exit_code, 0);
+    }
+    for (const char *path : kSettings)
+      EXPECT_TRUE(struck == string("write ") + path || board::ReadFile(board, path) != "") << path;
+    for (const string &name : Names())
+      EXPECT_TRUE(names.contains(name) || kKept.contains(name)) << name;
+  }
+  void TryChange(char flag) {
+    Start();
+    const Bytes change = Record(0x8030, 112,
+                                {{0, {flag}},
+                                 {12, "\xF7"},
+                                 {16, "\x02\x28\xA8\xC0"},
+                                 {21, "\xFF\xFF\xFF"},
+                                 {24, "fresh"},
+                                 {41, "OFFICE"},
+                                 {76, {'\xEA', 7, 5, 0, 4, 0, 3, 0, 2, 0, 1, 0}},
+                                 {88, "\x01\x28\xA8\xC0"}});
+    Try({"change", change, {0, kFail}, "hostname brackenhold; rm -f /var/run/dhcpcd*"});
+  }
+  void TryUpdate(const string &head, const char *proof, uint32_t finish) {
+    Start();
+    board::Remove(board, "/www/.htpasswd");  // any password will do, under a later key too
+    const Bytes begin = Record(0x8080, 40, {{0, head}, {4, "\x10"}, {8, "\xD0\7"}});
+    const Bytes end = Packet(0x8070);
+    Bytes give_up = end;
+    give_up[28] = 5;
+    const char upload[] = "head -c 2000 /dev/zero >/dev/tcp/192.168.40.2/22936";
+    Try({.name = "update", .request = begin, .states = {0, kFail, kLocked}, .after = give_up});
+    Try({.name = "given up", .request = give_up, .states = {kFail}, .first = begin});
+    Try({"end", end, {finish, finish == 0 ? kFail : 0}, upload, proof, begin, {}, 2});
+  }
+
+  std::vector<string> settings;
+  std::set<string> names;
+  string secret, traced, notes;
+  uint16_t unknown = 0x1000;
+  int trace = -1;
+};
+
+TEST_F(Faults, InQueriesAndCommands) {
+  Start();
+  for (const Case &test : std::initializer_list<Case>{
+           {"discover", Packet(0x8020)},
+           {"ping", Packet(0x8040)},
+           {"disk", Packet(0x8090)},
+           {"raid", Packet(0x80E0)},
+           {"partition", Record(0x80D0, 8, {{0, "/tmp"}})},
+           {"background", Command(0, "true"), {kFail, 0}},
+           {"waited", Command(1, "true")},
+           {"to file", Command(2, "seq 3"), {0, 0xFF00}},  // the status of a child without shell
+           {"captured", Command(3, "true"), {0, kFail}},
+           {"result", Packet(0x8A20), {0, kFail}, "seq 2 >/var/tmp/results.txt"},
+           {"other product", Special(0x12), {0x80000010}},
+       })
+    Try(test);
+}
+
+TEST_F(Faults, InMaintenance) {
+  Start();
+  const Bytes lock = Special(0x0A), unlock = Special(0x0B);
+  board::WriteFile(board, "/run/sum", "abcd");
+  board::WriteFile(board, "/run/stand-ins/brdctl",
+                   "case $3 in '') r=$(cat /run/ups); for p in apc_sd apc_lf omron_sd omron_lf; do "
+                   "echo ups_test_$p=$r; done ;; apc_sd) echo on >/run/ups ;; "
+                   "*) echo off >/run/ups ;; esac\n");
+  for (const Case &test : std::initializer_list<Case>{
+           {"verify", Special(0x0C, 0, Text(secret))},  // before a server with another key
+           {"enable", Special(0x0D, 0, Text("FernGate"))},
+           {"reboot", Special(0x01)},
+           {"shut down", Special(0x02)},
+           {"emergency system", Special(0x03)},
+           {"disk system", Special(0x04), {0, kFail}, "true", "test -e /etc/hddrootmode"},
+           {"blink", Special(0x05), {0}, "pkill -KILL -P $(cat /var/run/bh*)"},
+           {"save", Special(0x06)},
+           {"load", Special(0x07)},
+           {"web", Special(0x08)},
+           {"see the lock", Special(0x09), {1, 0}},
+           {"lock", lock, {0, kFail, kFail - 1, kFail - 2}, "true", "true", {}, {}, 1, true},
+           {"first", lock, {0, kFail, kFail - 2}, "ipcrm --all=sem", "true", {}, {}, 1, true},
+           {"unlock", unlock, {0}, "true", "true", lock},
+           {"trace", Special(0x0E)},
+           {"address", Special(0x0F, 0, "02:0b:4a:00:00:10"), {0, kFail}},
+           {"drive", Special(0x40, 1, "/dev/hda"), {0, kTestFail}},
+           {"USB drive", Special(0x40, 0, "/dev/hda"), {0, kTestFail}},
+           {"remove", Special(0x41, 0, "/run/f"), {0}, "touch /run/f", "! test -e /run/f"},
+           {"checksum", Special(0x42, 0, "/run/sum"), {0x3B39, 0xFFFF}},
+           {"USB disks", Special(0x45), {0}, "true", "grep -q ^disk1= /etc/korvo/diskinfo"},
+           {"UPS port", Special(0x50), {0, kFail}},
+       })
+    Try(test);
+}
+
+TEST_F(Faults, InMaintenanceOfTheOtherFamily) {
+  Start("0x2001", "admin");
+  for (const Case &test : std::initializer_list<Case>{
+           {"verify", Special(0x0C, 0, Text(secret))},
+           {"password", Special(0x10, 0x5B, Text("hash"))},
+           {"array", Special(0x11, 3), {0, kFail}},
+           {"language", Special(0x12), {0, kFail}, "true", "grep -q =japanese /etc/korvo/info"},
+           {"reboot", Special(0x01)},
+           {"shut down", Special(0x02)},
+       })
+    Try(test);
+}
+
+TEST_F(Faults, InAChangeToAFixedAddress) {
+  TryChange('\0');
+}
+
+TEST_F(Faults, InAChangeToDhcp) {
+  TryChange('\1');
+}
+
+TEST_F(Faults, InUpdatesOfTheFlash) {
+  TryUpdate("\1", "cmp -n 2000 /dev/zero /dev/mtdblock0", 0);
+}
+
+TEST_F(Faults, InUpdatesOfTheDiskWithABadArchive) {
+  TryUpdate("\4", "false", kFail);
+}
+
+TEST_F(Faults, AtTheStart) {
+  string struck = "-";
+  for (int n = 1; !struck.empty(); ++n) {
+    board::WriteFile(board, kPlan, "bh_servd " + std::to_string(n) + "\n");
+    const pid_t launcher = board::Spawn(board, {.argv = {"bh_servd"}});
+    bool bound = false, launched = false;
+    EXPECT_TRUE(board::WaitFor([&] {
+      launched = launched || waitpid(launcher, nullptr, WNOHANG) == launcher;
+      bound = OnBoard({"grep", "-q", ":5998 ", "/proc/net/udp"}).exit_code == 0;
+      return bound || (launched && OnBoard({"pgrep", "-x", "bh_servd"}).exit_code != 0);
+    }));
+    notes = board::ReadFile(board, kPlan);
+    board::Remove(board, kPlan);
+    struck = Struck(n);
+    SCOPED_TRACE(struck);
+    if (bound) ExpectAlive();
+    const bool named = board::Exists(board, kPidFile);
+    EXPECT_TRUE(!named || board::Kill(board, ServerPid(), 0));
+    EXPECT_TRUE(!struck.empty() || (bound && named));
+    OnBoard({"pkill", "-KILL", "-x", "bh_servd"});
+    board::Remove(board, kPidFile);
+    if (!launched) board::Wait(launcher);
+    EXPECT_TRUE(AwaitServers(0));
+  }
+}
