@@ -6,6 +6,7 @@
 
 #include "acp/packet.h"
 #include "daemon/state.h"
+#include "lib/checksum.h"
 
 namespace {
 

@@ -8,8 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "lib/checksum.h"
-
 constexpr size_t ETHERNET_HEADER_SIZE = 14;
 constexpr size_t IP_HEADER_SIZE = 20;
 constexpr size_t UDP_HEADER_SIZE = 8;

@@ -79,15 +79,6 @@ void LookUpMac(int fd, in_addr_t address, uint8_t *mac) {
   memcpy(mac, request.arp_ha.sa_data, MAC_SIZE);
 }
 
-in_addr_t InterfaceAddress(int fd) {
-  struct ifreq request = {};
-  CopyInterfaceName(request.ifr_name, sizeof(request.ifr_name));
-  if (ioctl(fd, SIOCGIFADDR, &request) != 0) return NO_ADDRESS;
-  struct sockaddr_in address = {};
-  memcpy(&address, &request.ifr_addr, sizeof(address));
-  return address.sin_addr.s_addr;
-}
-
 void SendFrame(int fd, std::span<const uint8_t> frame) {
   struct sockaddr_ll address = LinkAddress();
   address.sll_halen = MAC_SIZE;
@@ -109,7 +100,7 @@ void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, 
   uint8_t frame[FRAME_HEADERS + LARGEST_REPLY];
   uint8_t dst_mac[MAC_SIZE];
   LookUpMac(fd, dst_ip, dst_mac);
-  const in_addr_t src_ip = InterfaceAddress(fd);
+  const in_addr_t src_ip = InterfaceAddress(fd, NO_ADDRESS);
   memcpy(frame + FRAME_HEADERS, payload.data(), payload.size());
   MakeIpUdpHeader(frame + ETHERNET_HEADER_SIZE, src_ip, dst_ip, htons(ACP_PORT), dst_port,
                   static_cast<uint16_t>(payload.size()));
@@ -174,4 +165,13 @@ int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, siz
   }
   close(fd);
   return 0;
+}
+
+in_addr_t InterfaceAddress(int fd, in_addr_t otherwise) {
+  struct ifreq request = {};
+  CopyInterfaceName(request.ifr_name, sizeof(request.ifr_name));
+  if (ioctl(fd, SIOCGIFADDR, &request) != 0) return otherwise;
+  struct sockaddr_in address = {};
+  memcpy(&address, &request.ifr_addr, sizeof(address));
+  return address.sin_addr.s_addr;
 }

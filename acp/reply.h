@@ -55,4 +55,7 @@ int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state);
 int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,
                    in_addr_t dst_ip, const uint8_t *src_mac);
 
+// The served interface's address as the socket `fd` is told it; `otherwise` when it has none.
+in_addr_t InterfaceAddress(int fd, in_addr_t otherwise);
+
 #endif  // BH_ACP_REPLY_H_

@@ -27,8 +27,6 @@ bool PidFileExists(const std::string &ifname) {
 }
 
 int32_t WritePidFile(const std::string &ifname, pid_t pid) {
-  struct stat status = {};
-  if (stat("/var/run", &status) != 0) return -1;
   const std::string path = PidFilePath(ifname);
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return -1;

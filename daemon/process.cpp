@@ -83,10 +83,8 @@ int32_t FinishExec(pid_t child, int32_t wait, int32_t *status) {
   return WaitForChild(child, status) < 0 ? -1 : 0;
 }
 
-// This child is no new program: what it has of the server's must not outlive that.
 [[noreturn]] void RunToFile(const std::string &line) {
   ReadNothing();
-  if (daemon_state.sock != -1) close(daemon_state.sock);
   _exit(system(line.c_str()));
 }
 
@@ -128,6 +126,12 @@ pid_t ForkChild() {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   return 0;
+}
+
+pid_t ForkWorker() {
+  const pid_t child = ForkChild();
+  if (child == 0 && daemon_state.sock != -1) close(daemon_state.sock);
+  return child;
 }
 
 pid_t WaitForChild(pid_t pid, int *status) {
@@ -197,7 +201,7 @@ int32_t exec2(const char *command, int32_t wait, const char *outfile, int32_t *s
     return -1;
   }
   const ChildHold hold = HoldChildren();
-  const pid_t child = ForkChild();
+  const pid_t child = ForkWorker();
   if (child == 0) RunToFile(FileCommand(command, outfile));
   const int32_t result = FinishExec(child, wait, status);
   ReleaseChildren(hold);

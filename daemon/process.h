@@ -31,6 +31,10 @@ void ReleaseChildren(const ChildHold &hold);
 // Returns its pid, 0 in the child, -1 with errno set.
 pid_t ForkChild();
 
+// The same for a child that works on as the daemon's own program, without the service socket: else
+// it would keep the port when the server has ended.
+pid_t ForkWorker();
+
 // Waits until the child `pid` has ended and stores its status, if `status` is not null. Returns
 // `pid`, or -1 when there is no such child (any more).
 pid_t WaitForChild(pid_t pid, int *status);

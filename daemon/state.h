@@ -19,6 +19,11 @@ constexpr uint32_t MODE_NOSTANDALONE = 0x2;     // nothing is served
 constexpr uint32_t MODE_NOFORK = 0x4;           // serve in the foreground, trace to the terminal
 constexpr uint32_t MODE_COMMAND_ENABLED = 0x8;  // remote commands are accepted
 
+// The daemon's own settings file, and its key that is "1" once a client has marked the appliance as
+// initialised.
+constexpr const char *STATE_FILE = "/etc/bh_servd.log";
+constexpr const char *INITIALIZED_KEY = "INITIALIZE";
+
 struct KeyEntry;
 
 struct DaemonState {

@@ -32,7 +32,7 @@ int32_t DebugPrint(const char *format, ...) {
 
 int32_t open_trace_file(const char *path) {
   if (path == nullptr || path[0] == '\0') return -1;
-  // A stream opened before stays open: the trace of a running child may still go to it.
+  // A stream opened before stays open; nothing more is written to it.
   daemon_state.trace_fp = fopen(path, "we");
   return daemon_state.trace_fp != nullptr ? 0 : -1;
 }

@@ -23,10 +23,11 @@ constexpr const char *ARCHIVE = "image.zip";
 constexpr const char *SYSTEM = "tmpimage.tgz";
 
 void RemoveOld(const char *directory, const char *name) {
+  const std::string path = FormatText("%s/%s", directory, name);
   struct stat entry = {};
-  if (lstat(FormatText("%s/%s", directory, name).c_str(), &entry) != 0) return;
+  if (lstat(path.c_str(), &entry) != 0) return;
   int32_t status = 0;
-  exec1(FormatText("/bin/rm %s/%s", directory, name).c_str(), 1, &status);
+  exec1(FormatText("/bin/rm %s", path.c_str()).c_str(), 1, &status);
 }
 
 // Writes as much at a time as the file takes. False when it takes no more, though the stream's

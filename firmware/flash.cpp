@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
-#include <vector>
 
 #include "daemon/process.h"
 #include "daemon/trace.h"
@@ -74,9 +73,10 @@ bool Flush(int device) {
 }
 
 bool ReadsBack(int device, std::span<const uint8_t> rest) {
+  uint8_t buffer[PIECE];
   while (!rest.empty()) {
     const std::span<const uint8_t> piece = NextPieceOf(rest);
-    std::vector<uint8_t> back(piece.size());
+    const std::span<uint8_t> back(buffer, piece.size());
     if (!ReadFull(device, back) || !std::equal(back.begin(), back.end(), piece.begin()))
       return false;
     rest = rest.subspan(piece.size());

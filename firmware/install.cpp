@@ -10,12 +10,6 @@
 #include "daemon/state.h"
 #include "firmware/update_script.h"
 
-namespace {
-
-constexpr const char *DISK = "/dev/hda1";
-
-}  // namespace
-
 int32_t set_fw_updating(int32_t on) {
   daemon_state.fw_updating = on != 0 ? 1 : 0;
   if (on != 0) return RunCommandLine("echo \"fwupdate\" >/var/run/fwupdate");
@@ -28,7 +22,7 @@ int32_t write_firm(const char *device) {
   RunCommandLine("echo 4000 >/proc/sys/dev/raid/speed_limit_max");
   run_fw_update_script(1);
   set_fw_updating(1);
-  const int32_t result = strcmp(device, DISK) == 0
+  const int32_t result = strcmp(device, DISK_TARGET) == 0
                              ? write_firmInHdd(daemon_state.zip_part, daemon_state.system_part)
                              : write_firmInflash(device);
   set_fw_updating(0);

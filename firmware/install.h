@@ -7,7 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 
-// Installs on the flash device, or on the disk's partitions if it is "/dev/hda1", and tells the
+// The device that stands for the disk's partitions; all others are flash.
+constexpr const char *DISK_TARGET = "/dev/hda1";
+
+// Installs on the flash device, or on the disk's partitions for DISK_TARGET, and tells the
 // appliance's update script before and after. Returns 0, or -1, also when `device` is null: then
 // nothing happens.
 int32_t write_firm(const char *device);

@@ -4,10 +4,8 @@
 #include "firmware/receiver.h"
 
 #include <fcntl.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
@@ -25,6 +23,7 @@
 #include <utility>
 
 #include "acp/packet.h"
+#include "acp/reply.h"
 #include "daemon/process.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
@@ -37,14 +36,12 @@ constexpr int BACKLOG = 1;
 constexpr time_t WAKE_UP = 10;  // seconds between two looks at nothing
 constexpr size_t MOST_CONNECTIONS = 1024;
 
-// In milliseconds. Once its end is asked for: how long an upload may stand still, and how long it
-// may go on. How long a receiver may take to listen, and to end when it was told to. And how often
-// its progress is looked at.
-constexpr int64_t STANDSTILL = 10'000;
-constexpr int64_t GOING_ON = 120'000;
-constexpr int STARTING = 1000;
-constexpr int64_t STOPPING = 1000;
-constexpr long LOOK = 100;
+// Milliseconds.
+constexpr int64_t STANDSTILL = 10'000;  // of an upload whose end is asked for, before it is stopped
+constexpr int64_t GOING_ON = 120'000;   // of such an upload in all
+constexpr int STARTING = 1000;          // until a new receiver listens
+constexpr int64_t STOPPING = 1000;      // until a receiver has ended on a signal
+constexpr long LOOK = 100;              // between two looks at an upload's progress
 
 // Bytes received so far, in memory that the daemon shares with its receivers. Null without memory:
 // every upload then seems to stand still.
@@ -53,7 +50,7 @@ volatile uint32_t *progress = nullptr;
 void ShareProgress() {
   if (progress == nullptr) {
     void *page =
-        mmap(nullptr, sizeof(*progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, 0, 0);
+        mmap(nullptr, sizeof(*progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page != MAP_FAILED) progress = static_cast<volatile uint32_t *>(page);
   }
   if (progress != nullptr) *progress = 0;
@@ -88,14 +85,9 @@ void CloseAndExit(int) {
 
 struct sockaddr_in ServiceAddress(int socket) {
   struct sockaddr_in address = {};
-  struct ifreq request = {};
-  daemon_state.ifname.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
-  if (ioctl(socket, SIOCGIFADDR, &request) == 0)
-    memcpy(&address, &request.ifr_addr, sizeof(address));
-  else
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
   address.sin_family = AF_INET;
   address.sin_port = htons(ACP_PORT);
+  address.sin_addr.s_addr = InterfaceAddress(socket, htonl(INADDR_ANY));
   return address;
 }
 
@@ -225,7 +217,6 @@ void GiveUp(Segment segment, pid_t daemon) {
 
 // A receiver without its daemon would hold the port for ever: it ends with it.
 [[noreturn]] void Receive(uint32_t size, pid_t daemon) {
-  close(daemon_state.sock);
   struct sigaction action = {};
   sigemptyset(&action.sa_mask);
   action.sa_handler = CloseAndExit;
@@ -330,7 +321,7 @@ pid_t firm_recive(uint32_t size) {
   auto &live = daemon_state.live_receivers;
   const ChildHold hold = HoldChildren();
   const auto free_place = std::find(std::begin(live), std::end(live), 0);
-  const pid_t child = free_place == std::end(live) ? -1 : ForkChild();
+  const pid_t child = free_place == std::end(live) ? -1 : ForkWorker();
   if (child == 0) Receive(size, daemon);
   close(pipe[1]);
   if (child > 0) {

@@ -21,6 +21,7 @@
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "firmware/image.h"
+#include "firmware/install.h"
 #include "firmware/receiver.h"
 #include "lib/codes.h"
 #include "lib/libbh.h"
@@ -51,10 +52,10 @@ struct Partition {
   const char *directory;
   const char *fstype;
 };
-constexpr Partition SYSTEM_PARTITION = {"/dev/hda1", "/mnt/hda1", "ext2"};
+constexpr Partition SYSTEM_PARTITION = {DISK_TARGET, "/mnt/hda1", "ext2"};
 constexpr Partition ZIP_PARTITION = {"/dev/hda3", "/mnt/hda3", "ext3"};
 constexpr const char *ARRAY = "/mnt/array1";
-constexpr int64_t ARRAY_MEGABYTES = 199;  // too few
+constexpr int64_t TOO_FEW_MEGABYTES = 199;
 
 constexpr uint32_t LARGEST_IN_TMP = 0x7FFFFF;  // image bytes; /tmp is a small RAM disk
 
@@ -85,7 +86,7 @@ uint32_t CheckArray() {
   }
   const int64_t size = static_cast<int64_t>(status.f_blocks / 2048) * (status.f_bsize / 512);
   DebugPrint("statfs() /mnt/array1 size=%ld MB\n", static_cast<long>(size));
-  return size > ARRAY_MEGABYTES ? ACP_STATE_OK : ACP_STATE_NO_SPACE;
+  return size > TOO_FEW_MEGABYTES ? ACP_STATE_OK : ACP_STATE_NO_SPACE;
 }
 
 const Target FLASH_AND_DISK[] = {
@@ -98,7 +99,7 @@ const Target ZEPH_FLASH_AND_ARRAY[] = {
     {1, "/dev/mtd0", nullptr},
     {2, "/dev/mtd1", nullptr},
     {5, "/dev/mtd4", nullptr},
-    {6, "/dev/hda1", CheckArray},
+    {6, DISK_TARGET, CheckArray},
 };
 
 constexpr Family FIRST = {"ACP_FIRMUP2_REPLY", FLASH_AND_DISK, ACP_STATE_FAILURE, ACP_STATE_FAILURE,
@@ -230,10 +231,8 @@ int32_t StartReceiver(const AcpRequest &request, const UpdateRequest &update,
   ChooseKeyFile(update.firm_size);
   if (family.traces_key_file) DebugPrint("SHM_MEM_FOR_FIRM=%s\n", daemon_state.firm_mem_path);
   if (!CreateImage(update.firm_size)) {
-    daemon_state.firm_dev = nullptr;
-    SendState(request, ACP_FIRMUP2_REPLY, ACP_STATE_FAILURE);
+    Refuse(request, ACP_STATE_FAILURE);
     DebugPrint("%s shmget() error. >>>>>>>>\n", family.name);
-    libbh_unlock();
     return 0;
   }
   pid_t child = firm_recive(update.firm_size);

@@ -29,8 +29,6 @@ constexpr size_t DATE_AT = 76;
 constexpr int32_t DHCPS_OFF = 0;
 constexpr int32_t DHCPS_ON = 1;
 
-constexpr char STATE_FILE[] = "/etc/bh_servd.log";
-
 // Addresses are numbers whose most significant byte is the first octet of the dotted form.
 struct IdentityChange {
   uint16_t flag;
@@ -165,7 +163,7 @@ int32_t StoreSettings(const IdentityChange &change, Aftermath &after) {
     result = after.checked == 0 ? 0 : -1;
   }
   if (Asks(change, FLAG_CHANGE_INIT)) {
-    libbh_SetConfigValue(STATE_FILE, "INITIALIZE", "1");
+    libbh_SetConfigValue(STATE_FILE, INITIALIZED_KEY, "1");
     DebugPrint("acpip->flag & FLAG_CHANGE_INIT.E\n");
   }
   libbh_unlock();

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <span>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "acp/body.h"
@@ -24,7 +23,7 @@
 namespace {
 
 constexpr size_t LONGEST_RESULT_LINE = 511;  // characters, line feed included
-constexpr size_t LARGEST_REPLY_BUFFER = 7500;
+constexpr size_t REPLY_BUFFER = 7500;        // bytes, header included
 
 // The record's size as clients count it: its two numbers and the text's first byte with padding.
 constexpr int32_t COMMAND_RECORD = 12;
@@ -56,7 +55,7 @@ bool IsComplete(const AcpRequest &request, const CommandRequest &command) {
   return false;
 }
 
-// The routines' own limits; type 3 has none.
+// The routines' own limits; exec_capture has none.
 bool CanRun(const CommandRequest &command) {
   if (command.type == COMMAND_TO_FILE) return FitsExec2(command.text, daemon_state.result_file);
   return command.type == COMMAND_CAPTURED || FitsExec1(command.text);
@@ -78,7 +77,7 @@ bool Admit(const AcpRequest &request, const CommandRequest &command) {
   return admitted && CanRun(command);
 }
 
-// Types 0 and 1. A fork that fails leaves the status word at the 0 of the admission.
+// A fork that fails leaves the status word at the 0 of the admission.
 int32_t RunWords(const CommandRequest &command) {
   int32_t status = 0;
   const int32_t type = static_cast<int32_t>(command.type);
@@ -90,7 +89,6 @@ int32_t RunWords(const CommandRequest &command) {
   return status;
 }
 
-// Type 2.
 int32_t RunToFile(const CommandRequest &command) {
   int32_t status = 0;
   const int32_t type = static_cast<int32_t>(command.type);
@@ -100,14 +98,18 @@ int32_t RunToFile(const CommandRequest &command) {
   return status;
 }
 
-// Type 3: the output goes into the reply, up to its first NUL byte. False when there is no memory.
+// Room for any reply of this file; null, with a word in the trace, without memory.
+Reply AllocateBuffer() {
+  Reply reply = AllocateReply(REPLY_BUFFER - ACP_HEADER_SIZE);
+  if (!reply.bytes) DebugPrint("**  AllocateMemory fail\r\n");
+  return reply;
+}
+
+// The output goes into the reply, up to its first NUL byte. False when there is no memory.
 bool AnswerWithOutput(const AcpRequest &request, const CommandRequest &command) {
   char output[MOST_OUTPUT + 1] = "";
-  Reply reply = AllocateReply(LARGEST_REPLY_BUFFER - ACP_HEADER_SIZE);
-  if (!reply.bytes) {
-    DebugPrint("**  AllocateMemory fail\r\n");
-    return false;
-  }
+  Reply reply = AllocateBuffer();
+  if (!reply.bytes) return false;
   const int32_t result = exec_capture(command.text.c_str(), output, sizeof(output));
   const size_t length = strlen(output);
   memcpy(reply.bytes.get() + ACP_HEADER_SIZE + sizeof(CommandHeader), output, length);
@@ -164,11 +166,8 @@ int32_t ACP_command_reply(const AcpRequest &request) {
 
 int32_t ACP_result_reply(const AcpRequest &request) {
   DebugPrint("-> ACP_result_reply\r\n");
-  Reply reply = AllocateReply(LARGEST_REPLY_BUFFER - ACP_HEADER_SIZE);
-  if (!reply.bytes) {
-    DebugPrint("**  AllocateMemory fail\r\n");
-    return -1;
-  }
+  Reply reply = AllocateBuffer();
+  if (!reply.bytes) return -1;
   std::string line;
   const bool taken = MayFetchResult(request) && TakeResultLine(line);
   CommandHeader header = {};

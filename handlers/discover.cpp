@@ -15,18 +15,16 @@
 #include "daemon/options.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/codes.h"
 #include "lib/libbh.h"
 #include "lib/text.h"
 
 namespace {
 
-constexpr const char *STATE_FILE = "/etc/bh_servd.log";
 constexpr const char *MAC_INTERFACE = "eth0";  // whichever interface is served
 
 constexpr int32_t TIMER_SLEEP = 2;
 constexpr int32_t TIMER_BACKUP = 3;
-constexpr int32_t DHCP_SERVER_ON = 1;
-constexpr int32_t MODE_DHCP = 1;
 
 constexpr char EMERGENCY_BUILD_DATE[] = "0000/0/0 0:00:00";
 constexpr char EMERGENCY_SUB_VERSION[] = "HDD 0.0";
@@ -48,7 +46,7 @@ void FillText(char (&field)[SIZE], TextGetter getter) {
 }
 
 bool IsInitialized() {
-  const HeapText value(libbh_GetConfigValue(STATE_FILE, "INITIALIZE"));
+  const HeapText value(libbh_GetConfigValue(STATE_FILE, INITIALIZED_KEY));
   return value && strcmp(value.get(), "1") == 0;
 }
 
@@ -57,7 +55,7 @@ uint32_t StatusBits(const IfInfo &record) {
   const int32_t timer = libbh_GetTimerStatus();
   if (timer == TIMER_SLEEP) status |= DISCOVER_TIMER_SLEEP;
   if (timer == TIMER_BACKUP) status |= DISCOVER_TIMER_BACKUP;
-  if (libbh_GetDHCPServerMode() == DHCP_SERVER_ON) status |= DISCOVER_DHCP_SERVER;
+  if (libbh_GetDHCPServerMode() != 0) status |= DISCOVER_DHCP_SERVER;
   if (record.mode == MODE_DHCP && record.lease.valid != 0) status |= DISCOVER_DHCP_LEASE;
   if (IsInitialized()) status |= DISCOVER_INITIALIZED;
   return status;

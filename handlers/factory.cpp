@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "acp/packet.h"
 #include "daemon/process.h"
@@ -229,7 +230,7 @@ int32_t kensa_SetBootParam(int32_t ramdisk) {
   FlashBlock block = {};
   block[2] = 0x41;
   block[3] = static_cast<char>(0x82);
-  const std::string text = ramdisk != 0 ? "bootparm=root=/dev/ram0" : "bootparm=root=/dev/md0";
+  const std::string_view text = ramdisk != 0 ? "bootparm=root=/dev/ram0" : "bootparm=root=/dev/md0";
   text.copy(block.data() + 16, text.size());
 
   const int fd = OpenFlash(BOOT_FLASH, O_WRONLY);

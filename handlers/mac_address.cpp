@@ -18,14 +18,14 @@
 #include <iterator>
 #include <string>
 
+#include "acp/packet.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "lib/shell.h"
 
 namespace {
 
-constexpr size_t MAC_BYTES = 6;
-using MacAddress = std::array<uint8_t, MAC_BYTES>;
+using MacAddress = std::array<uint8_t, MAC_SIZE>;
 
 constexpr unsigned long EEPROM_REQUEST = 0x89F5;  // SIOCDEVPRIVATE + 5
 constexpr uint8_t INIT_EEPROM = 5;
@@ -99,7 +99,7 @@ int32_t WriteEepromMac(int32_t socket, const char *ifname, const uint8_t *mac) {
   EepromRequest eeprom = {};
   eeprom.command = INIT_EEPROM;
   eeprom.address = address.data();
-  eeprom.length = MAC_BYTES;
+  eeprom.length = MAC_SIZE;
   ifreq request = {};
   strncpy(request.ifr_name, ifname, sizeof(request.ifr_name) - 1);
   memcpy(&request.ifr_ifru, &eeprom, sizeof(eeprom));

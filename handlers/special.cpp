@@ -103,13 +103,6 @@ uint32_t BootDiskSystem(const AcpRequest &) {
   return static_cast<uint32_t>(SetEmergenceMode(0));
 }
 
-// A child that works on by itself keeps the server's port from nobody.
-pid_t ForkWorker() {
-  const pid_t child = ForkChild();
-  if (child == 0 && daemon_state.sock != -1) close(daemon_state.sock);
-  return child;
-}
-
 // Children that end meanwhile do not cut the time short.
 void Sleep(time_t seconds) {
   timespec left = {};
