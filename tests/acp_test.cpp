@@ -3,7 +3,10 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
+#include <numeric>
 #include <vector>
 
 #include "acp/body.h"
@@ -15,6 +18,8 @@
 
 using wire::Bytes;
 using wire::Hex;
+using wire::Part;
+using wire::Request;
 
 namespace {
 
@@ -24,17 +29,6 @@ AcpRequest RequestOf(const Bytes &bytes) {
   memcpy(request.packet, bytes.data(), bytes.size());
   request.recvlen = static_cast<int32_t>(bytes.size());
   return request;
-}
-
-// A header in wire order with MACs of 0x11 and 0x22, result 0x0A0B0C0D, and `body`.
-Bytes Packet(std::string_view head, const Bytes &body) {
-  Bytes bytes = Hex(head);
-  for (const char *part : {"11 11 11 11 11 11", "22 22 22 22 22 22", "0D 0C 0B 0A"}) {
-    const Bytes more = Hex(part);
-    bytes.insert(bytes.end(), more.begin(), more.end());
-  }
-  bytes.insert(bytes.end(), body.begin(), body.end());
-  return bytes;
 }
 
 template <typename Number>
@@ -47,7 +41,9 @@ Number HostNumber(const Bytes &bytes, size_t offset) {
 }  // namespace
 
 TEST(Convert, HeaderNumbersHaveTheirLeastSignificantByteFirst) {
-  const Bytes wire = Packet("20 00 AA BB 07 00 01 00 20 C0 20 01 A1 A2 A3 A4", {});
+  Bytes wire = Request("20 00 AA BB 07 00 01 00 20 C0 20 01 A1 A2 A3 A4");
+  wire.resize(28);
+  wire::Append(wire, 0x0A0B0C0D);
   Bytes packet = wire;
   SwapAcpHeader(packet, Conversion::kToHost);
 
@@ -58,9 +54,8 @@ TEST(Convert, HeaderNumbersHaveTheirLeastSignificantByteFirst) {
   EXPECT_EQ(header.command, ACP_DISCOVER_REPLY);
   EXPECT_EQ(header.option_size, 288);
   EXPECT_EQ(header.result, 0x0A0B0C0DU);
-  EXPECT_EQ(Bytes(packet.begin() + 2, packet.begin() + 4), Hex("AA BB"));
-  EXPECT_EQ(Bytes(packet.begin() + 12, packet.begin() + 28),
-            Bytes(wire.begin() + 12, wire.begin() + 28));
+  EXPECT_EQ(Part(packet, 2, 2), Hex("AA BB"));
+  EXPECT_EQ(Part(packet, 12, 16), Part(wire, 12, 16));
 
   SwapAcpHeader(packet, Conversion::kToWire);
   EXPECT_EQ(packet, wire);
@@ -73,62 +68,51 @@ TEST(Convert, BodyNumbersFollowTheTable) {
   for (size_t i = 0; i < 56; ++i)
     raid_numbers.push_back(i / 7 * 92 + i % 7 * 4);
   const struct {
-    const char *head;
+    uint16_t command;
     size_t body_size;
     std::vector<size_t> u16, u32;
   } cases[] = {
-      {"20 00 00 00 07 00 01 00 20 80 02 00 00 00 00 00", 2, {0}, {}},
-      {"20 00 00 00 07 00 01 00 20 C0 20 01 00 00 00 00",
+      {0x8020, 2, {0}, {}},
+      {0xC020,
        288,
        {112, 114, 124, 126, 128, 130, 132, 134},
        {0, 4, 8, 136, 140, 144, 148, 152, 160}},
-      {"20 00 00 00 07 00 01 00 30 80 80 00 00 00 00 00",
-       128,
-       {0, 76, 78, 80, 82, 84, 86},
-       {12, 16, 20, 88, 92, 96, 100, 104, 108}},
-      {"20 00 00 00 07 00 01 00 30 C0 10 00 00 00 00 00", 16, {}, {}},
-      {"20 00 00 00 07 00 01 00 80 80 40 00 00 00 00 00", 64, {}, {0, 4, 8, 12, 32}},
-      {"20 00 00 00 07 00 01 00 81 80 40 00 00 00 00 00", 64, {}, {0, 4, 8, 12, 32}},
-      {"20 00 00 00 07 00 01 00 A0 80 20 00 00 00 00 00", 32, {}, {4}},
-      {"20 00 00 00 07 00 01 00 10 8A 10 00 00 00 00 00", 16, {}, {0, 4}},
-      {"20 00 00 00 07 00 01 00 20 CA 10 00 00 00 00 00", 16, {}, {0, 4}},
-      {"20 00 00 00 07 00 01 00 90 C0 00 02 00 00 00 00", 512, disk_words, {}},
-      {"20 00 00 00 07 00 01 00 E0 C0 E0 02 00 00 00 00", 736, {}, raid_numbers},
-      {"20 00 00 00 07 00 01 00 D0 C0 5C 00 00 00 00 00", 92, {}, {0, 4, 8, 12, 16, 20, 24}},
+      {0x8030, 128, {0, 76, 78, 80, 82, 84, 86}, {12, 16, 20, 88, 92, 96, 100, 104, 108}},
+      {0xC030, 16, {}, {}},
+      {0x8080, 64, {}, {0, 4, 8, 12, 32}},
+      {0x8081, 64, {}, {0, 4, 8, 12, 32}},
+      {0x80A0, 32, {}, {4}},
+      {0x8A10, 16, {}, {0, 4}},
+      {0xCA20, 16, {}, {0, 4}},
+      {0xC090, 512, disk_words, {}},
+      {0xC0E0, 736, {}, raid_numbers},
+      {0xC0D0, 92, {}, {0, 4, 8, 12, 16, 20, 24}},
   };
   for (const auto &test : cases) {
-    SCOPED_TRACE(test.head);
     Bytes body(test.body_size);
-    for (size_t i = 0; i < body.size(); ++i)
-      body[i] = static_cast<uint8_t>(i * 7 + 1);
-    const Bytes wire = Packet(test.head, body);
-    Bytes packet = wire;
+    std::iota(body.begin(), body.end(), uint8_t{1});
+    const Bytes wire = Request(test.command, body);
+    Bytes packet = wire, expected = wire;
     SwapAcpHeader(packet, Conversion::kToHost);
-
-    Bytes expected = packet;  // bytes that the table does not name stay as they were on the wire
-    std::copy(body.begin(), body.end(), expected.begin() + 32);
-    for (const size_t offset : test.u16) {
-      const uint8_t *field = body.data() + offset;
-      const auto number = static_cast<uint16_t>(field[0] | field[1] << 8);
-      memcpy(expected.data() + 32 + offset, &number, sizeof(number));
+    if constexpr (std::endian::native == std::endian::big) {
+      for (const size_t offset : test.u16)
+        std::reverse(expected.data() + 32 + offset, expected.data() + 34 + offset);
+      for (const size_t offset : test.u32)
+        std::reverse(expected.data() + 32 + offset, expected.data() + 36 + offset);
     }
-    for (const size_t offset : test.u32) {
-      const uint32_t number = wire::Number(body, offset);
-      memcpy(expected.data() + 32 + offset, &number, sizeof(number));
-    }
-    EXPECT_EQ(packet, expected);
+    EXPECT_EQ(Part(packet, 32), Part(expected, 32)) << std::hex << test.command;
     SwapAcpHeader(packet, Conversion::kToWire);
-    EXPECT_EQ(packet, wire);
+    EXPECT_EQ(packet, wire) << std::hex << test.command;
   }
 }
 
 TEST(Convert, NothingOutsideOfThePacketIsTouched) {
   // A body cut inside its second number: the first is converted, the rest stays.
-  Bytes cut = Packet("20 00 00 00 07 00 01 00 80 80 40 00 00 00 00 00", Hex("01 00 00 00 02 00"));
+  Bytes cut = Request("20 00 00 00 07 00 01 00 80 80 40 00 00 00 00 00", Hex("01 00 00 00 02 00"));
   cut.shrink_to_fit();
   SwapAcpHeader(cut, Conversion::kToHost);
   EXPECT_EQ(HostNumber<uint32_t>(cut, 32), 1U);
-  EXPECT_EQ(Bytes(cut.end() - 2, cut.end()), Hex("02 00"));
+  EXPECT_EQ(Part(cut, 36), Hex("02 00"));
 
   Bytes short_packet(31, 0x20);
   SwapAcpHeader(short_packet, Conversion::kToHost);
@@ -137,7 +121,7 @@ TEST(Convert, NothingOutsideOfThePacketIsTouched) {
 
 TEST(Body, ReadersStopAtTheReceivedBytes) {
   const Bytes body = Hex("01 02 03 04 41 42 00 43 44 45");
-  AcpRequest request = RequestOf(Packet("20 00 00 00 07 00 01 00 D0 80 0A 00 00 00 00 00", body));
+  AcpRequest request = RequestOf(Request("20 00 00 00 07 00 01 00 D0 80 0A 00 00 00 00 00", body));
   SwapAcpHeader(request.packet, Conversion::kToHost);
   const auto span = RequestBody(request);
   ASSERT_EQ(span.size(), 10U);
@@ -155,14 +139,14 @@ TEST(Body, ReadersStopAtTheReceivedBytes) {
 }
 
 TEST(Body, IsEmptyWithoutBytesOrBehindAnotherHeaderSize) {
-  AcpRequest bare = RequestOf(Packet("20 00 00 00 07 00 01 00 D0 80 00 00 00 00 00 00", {}));
+  AcpRequest bare = RequestOf(Request("20 00 00 00 07 00 01 00 D0 80 00 00 00 00 00 00"));
   SwapAcpHeader(bare.packet, Conversion::kToHost);
   EXPECT_TRUE(RequestBody(bare).empty());
   bare.recvlen = 30;
   EXPECT_TRUE(RequestBody(bare).empty());
 
-  AcpRequest odd = RequestOf(Packet("22 00 00 00 07 00 01 00 D0 80 08 00 00 00 00 00",
-                                    Hex("00 00 2F 74 6D 70 00 00 00 00")));
+  AcpRequest odd = RequestOf(Request("22 00 00 00 07 00 01 00 D0 80 08 00 00 00 00 00",
+                                     Hex("00 00 2F 74 6D 70 00 00 00 00")));
   SwapAcpHeader(odd.packet, Conversion::kToHost);
   EXPECT_TRUE(RequestBody(odd).empty());
 }
@@ -181,14 +165,13 @@ TEST(Frame, HeadersOfAnOddPayloadAndOfAZeroChecksum) {
   };
   for (const auto &test : cases) {
     Bytes packet(28, 0xEE);
-    const Bytes payload = Hex(test.payload);
-    packet.insert(packet.end(), payload.begin(), payload.end());
+    wire::Append(packet, Hex(test.payload));
     daemon_state.ip_id = test.ip_id;
     const uint16_t total =
         MakeIpUdpHeader(packet.data(), inet_addr("192.168.40.2"), 0xFFFFFFFF, htons(22936),
-                        htons(40000), static_cast<uint16_t>(payload.size()));
+                        htons(40000), static_cast<uint16_t>(packet.size() - 28));
     EXPECT_EQ(total, packet.size());
-    EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 28), Hex(test.headers));
+    EXPECT_EQ(Part(packet, 0, 28), Hex(test.headers));
     EXPECT_EQ(daemon_state.ip_id, test.next_id);
   }
 }
@@ -204,12 +187,12 @@ TEST(SendPacket, RefusesWhatDoesNotFitAFrame) {
 }
 
 TEST(EnabledClient, IsTheOneThatEnabledCommandMode) {
-  AcpRequest request = RequestOf(Packet("20 00 00 00 07 00 01 00 A0 80 00 00 00 00 00 00", {}));
-  memset(daemon_state.enable_mac, 0x11, 6);
+  AcpRequest request = RequestOf(Request("20 00 00 00 07 00 01 00 A0 80 00 00 00 00 00 00"));
+  memcpy(daemon_state.enable_mac, request.packet + 16, 6);
   daemon_state.enable_state = -1;
   EXPECT_EQ(CheckEnabledClient(request), -1);
   daemon_state.enable_state = 0;
   EXPECT_EQ(CheckEnabledClient(request), 0);
-  request.packet[21] = 0x12;
+  request.packet[21] ^= 1;
   EXPECT_EQ(CheckEnabledClient(request), -1);
 }

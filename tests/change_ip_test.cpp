@@ -1,7 +1,6 @@
 // Change IP on a board: who is admitted, what each bit stores, applies and restarts, and in which
 // order around the reply.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,10 +44,10 @@ class ChangeIp : public testing::Test {
     body[0] |= static_cast<uint8_t>(mask >> 16), body[12] = static_cast<uint8_t>(mask);
     body.resize(size);
     body = wire::Request("20 00 00 00 07 00 01 00 30 80 70 00 00 00 00 00", body);
-    request.peer_port = htons(client.port), request.recvlen = static_cast<int32_t>(body.size());
-    std::copy(body.begin(), body.end(), request.packet);
+    wire::Deliver(client, body, request);
     SwapAcpHeader({request.packet, body.size()}, Conversion::kToHost);
-    WriteFile(board::kCallLog, ""), client.frames.clear(), ACP_Change_IP_Reply(request);
+    WriteFile(board::kCallLog, "");
+    ACP_Change_IP_Reply(request);
     const std::vector<wire::Bytes> replies = wire::ReplyFrames(client);
     if (replies.size() != 1 || replies[0].size() != 74) return "no reply";
     EXPECT_EQ(wire::Number(replies[0], 50), 0x0000C030U);

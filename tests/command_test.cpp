@@ -1,7 +1,6 @@
 // Remote commands on a board: what each way of running one answers, what is refused, the result
 // file line by line, and children that end at the worst moment.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,9 +17,12 @@
 #include "tests/system/wire.h"
 
 using std::string;
+using namespace fixture;
+using wire::Append;
 using wire::Bytes;
 using wire::Hex;
 using wire::Number;
+using wire::Part;
 using namespace std::string_literals;
 
 namespace {
@@ -28,22 +30,13 @@ namespace {
 constexpr char kResults[] = "/var/tmp/results.txt";
 constexpr uint32_t kRefused = 0xFFFFFFFF;
 
-void Append(Bytes &bytes, uint32_t number) {
-  for (int shift = 0; shift < 32; shift += 8)
-    bytes.push_back(static_cast<uint8_t>(number >> shift));
-}
-
 // `length` and `text` as given, the NUL and the two bytes behind it, and `more` of those.
 Bytes CommandOf(uint32_t type, const string &text, uint32_t length, int more = 0) {
   Bytes body;
   Append(body, length);
   Append(body, type);
-  body.insert(body.end(), text.begin(), text.end());
-  body.resize(body.size() + static_cast<size_t>(3 + more));
-  Bytes request = wire::Request("20 00 00 00 07 00 01 00 10 8A 00 00 00 00 00 00", body);
-  request[10] = static_cast<uint8_t>(body.size());
-  request[11] = static_cast<uint8_t>(body.size() >> 8);
-  return request;
+  Append(body, wire::Text(text, text.size() + static_cast<size_t>(3 + more)));
+  return wire::Request(0x8A10, body);
 }
 
 class Command : public testing::Test {
@@ -71,37 +64,27 @@ class Command : public testing::Test {
   Bytes Ask(const Bytes &datagram) {
     static AcpRequest request;
     request.sock = -1;
-    request.peer_port = htons(client.port);
-    request.recvlen = static_cast<int32_t>(datagram.size());
-    memcpy(request.packet, datagram.data(), datagram.size());
-    client.frames.clear();
+    wire::Deliver(client, datagram, request);
     dispatch(request);
     const std::vector<Bytes> replies = wire::ReplyFrames(client);
-    if (replies.size() != 1 || replies[0].size() < 74) return Bytes(44);
-    return {replies[0].begin() + 42, replies[0].end()};
+    return replies.size() == 1 && replies[0].size() >= 74 ? Part(replies[0], 42) : Bytes(44);
   }
   uint32_t Run(uint32_t type, const string &text) {
     return Number(Ask(CommandOf(type, text, static_cast<uint32_t>(text.size()))), 28);
   }
   // The line of a result reply, or "refused".
   string FetchLine() {
-    const Bytes reply = Ask(wire::Request("20 00 00 00 07 00 01 00 20 8A 00 00 00 00 00 00"));
+    const Bytes reply = Ask(wire::Request(0x8A20));
     const size_t length = Number(reply, 32);
     EXPECT_EQ(reply.size(), 44 + length);
     EXPECT_EQ(reply[10] | reply[11] << 8, static_cast<int>(12 + length));
-    EXPECT_EQ(Bytes(reply.end() - 4, reply.end()), Bytes(4));
+    EXPECT_EQ(Part(reply, 40 + length), Bytes(4));
     if (Number(reply, 28) != 0) return "refused";
-    return {reply.begin() + 40, reply.begin() + 40 + static_cast<std::ptrdiff_t>(length)};
+    return {reply.begin() + 40, reply.end() - 4};
   }
 
   wire::Client client;
 };
-
-void AwaitEnd(pid_t child) {
-  siginfo_t info = {};
-  while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
-  }
-}
 
 string Repeat(const string &text, int count) {
   string all;
@@ -113,7 +96,7 @@ string Repeat(const string &text, int count) {
 }  // namespace
 
 TEST_F(Command, AnswersWithTheStatusOfItsType) {
-  fixture::WriteFile("/tmp/two", "echo $# >> /tmp/ran\nexit 2\n");
+  WriteFile("/tmp/two", "echo $# >> /tmp/ran\nexit 2\n");
   const struct {
     string text;
     uint32_t type, result;
@@ -138,10 +121,10 @@ TEST_F(Command, AnswersWithTheStatusOfItsType) {
       {"true", 4, kRefused},
       {"true", 0xFFFFFFFF, kRefused},
   };
-  fixture::RemoveFile("/tmp/ran");
+  RemoveFile("/tmp/ran");
   for (const auto &test : cases)
     EXPECT_EQ(Run(test.type, test.text), test.result) << test.type << " " << test.text;
-  EXPECT_EQ(fixture::ReadFile("/tmp/ran"), "3\n1\n29\n1\n1\n");
+  EXPECT_EQ(ReadFile("/tmp/ran"), "3\n1\n29\n1\n1\n");
 
   for (int i = 0; i < 20; ++i) {  // children that end before their pid is stored
     EXPECT_EQ(Run(0, "true"), kRefused);
@@ -161,7 +144,7 @@ TEST_F(Command, CapturedOutputIsInTheReply) {
   const Bytes most = Ask(CommandOf(3, "yes | head -c 9000000", 21));
   EXPECT_EQ(most.size(), 1470U);
   EXPECT_EQ(most[1466], 'y');
-  EXPECT_EQ(Bytes(most.end() - 3, most.end()), Bytes(3));
+  EXPECT_EQ(Part(most, 1467), Bytes(3));
   EXPECT_EQ(Ask(CommandOf(3, "printf 'ab\\0cd'", 15)).size(), 45U);
   int input[2] = {};
   ASSERT_EQ(pipe(input), 0);
@@ -177,19 +160,19 @@ TEST_F(Command, CapturedOutputIsInTheReply) {
 TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
   const string touch = "touch /tmp/ran";
   const uint32_t whole = static_cast<uint32_t>(touch.size());
-  fixture::RemoveFile("/tmp/ran");
+  RemoveFile("/tmp/ran");
   for (const uint32_t length :
        {0U, whole - 1, whole + 1, 0x7FFFFFFFU, 0x7FFFFFD5U, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFD5U})
     EXPECT_EQ(Number(Ask(CommandOf(3, touch, length)), 28), kRefused) << length;
   EXPECT_EQ(Number(Ask(CommandOf(3, touch, whole, -1)), 28), kRefused);
   for (const char *line : {"recvlen(56)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(14)-1\n",
                            "recvlen(57)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(2147483647)-1\n"})
-    EXPECT_NE(fixture::ReadFile("/tmp/trace").find(line), string::npos) << line;
+    EXPECT_NE(ReadFile("/tmp/trace").find(line), string::npos) << line;
   Bytes elsewhere = CommandOf(0, touch, whole);  // its header is said to be a byte longer
   ++elsewhere[0];
   --elsewhere[10];
   EXPECT_EQ(Number(Ask(elsewhere), 28), kRefused);
-  EXPECT_EQ(fixture::ReadFile("/tmp/trace").find("exec1>"), string::npos);
+  EXPECT_EQ(ReadFile("/tmp/trace").find("exec1>"), string::npos);
   daemon_state.enable_mac[5] = 2;
   EXPECT_EQ(Run(1, touch), kRefused);
   EXPECT_EQ(FetchLine(), "refused");
@@ -197,7 +180,7 @@ TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
   EXPECT_EQ(Run(0, "sleep 1000"), kRefused);  // what a started one answers
   const pid_t running = daemon_state.cmd_chpid;
   EXPECT_GT(running, 0);
-  fixture::WriteFile(kResults, "line\n");
+  WriteFile(kResults, "line\n");
   EXPECT_EQ(Run(1, touch), kRefused);
   EXPECT_EQ(FetchLine(), "refused");
   EXPECT_FALSE(std::filesystem::exists("/tmp/ran"));
@@ -212,25 +195,21 @@ TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
 
 TEST_F(Command, ResultFileIsTakenLineByLine) {
   EXPECT_EQ(FetchLine(), "refused");
-  fixture::WriteFile(kResults, "old\n");
+  WriteFile(kResults, "old\n");
   EXPECT_EQ(Run(2, "printf 'one\\n\\n%%s\\0x\\nend'"), 0U);
   for (const char *line : {"one\n", "\n", "%s", "end", "", ""})
     EXPECT_EQ(FetchLine(), line);
-  fixture::WriteFile(kResults, string(600, 'x') + "\nlast\n");
+  WriteFile(kResults, string(600, 'x') + "\nlast\n");
   for (const string &line : {string(511, 'x'), string(89, 'x') + "\n", "last\n"s, ""s})
     EXPECT_EQ(FetchLine(), line);
-  fixture::RemoveFile(kResults);
+  RemoveFile(kResults);
   std::filesystem::create_directory(kResults);
   EXPECT_EQ(FetchLine(), "refused");
   EXPECT_TRUE(std::filesystem::is_directory(kResults));
 }
 
 TEST_F(Command, NeitherStatusesNorDescriptorsAreLost) {
-  const auto descriptors = [] {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all));
-  };
-  const auto before = descriptors();
+  const std::ptrdiff_t before = OpenDescriptors();
   for (int i = 0; i < 1000; ++i) {
     int32_t status = 7;
     char output[8];
@@ -239,19 +218,12 @@ TEST_F(Command, NeitherStatusesNorDescriptorsAreLost) {
     ASSERT_EQ(exec_capture("echo x", output, sizeof(output)), 0);
     ASSERT_STREQ(output, "x\n");
     ASSERT_EQ(exec2("true", 2, kResults, &status), 0);
-    const ChildHold hold = HoldChildren();
-    const pid_t child = exec1("true", 0, &status);
-    ASSERT_GT(child, 0);
-    AwaitEnd(child);  // before anybody knows its pid
-    daemon_state.cmd_chpid = child;
-    ReleaseChildren(hold);
-    ASSERT_EQ(daemon_state.cmd_chpid, 0);
   }
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
-  EXPECT_EQ(descriptors(), before);
+  EXPECT_EQ(OpenDescriptors(), before);
 
   // Refusals leave the result file to be fetched, a fork that fails does not.
-  fixture::WriteFile(kResults, "1\n2\n");
+  WriteFile(kResults, "1\n2\n");
   EXPECT_EQ(Run(1, string(512, 'x')), kRefused);
   EXPECT_EQ(FetchLine(), "1\n");
   setenv("BOARD_FAIL", "*/fork:0:EAGAIN", 1);

@@ -1,10 +1,14 @@
-// Files of the board under test: written whole, with the directories above them, read whole, gone.
+// What tests on a board share: files written whole, with the directories above them, read whole,
+// gone; and what a daemon in this process may not lose, its descriptors and its children's
+// statuses.
 
 #ifndef BH_TESTS_FILES_H_
 #define BH_TESTS_FILES_H_
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -30,6 +34,19 @@ inline void RemoveFile(const std::string &path) {
   std::error_code error;
   std::filesystem::remove(path, error);
   EXPECT_FALSE(error) << path << ": " << error.message();
+}
+
+inline std::ptrdiff_t OpenDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return std::distance(begin(all), end(all));
+}
+
+// Returns once the child has ended, and leaves it to be reaped.
+inline siginfo_t AwaitEnd(pid_t child) {
+  siginfo_t info = {};
+  while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR)
+    continue;
+  return info;
 }
 
 }  // namespace fixture

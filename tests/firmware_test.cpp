@@ -27,8 +27,7 @@
 #include "tests/files.h"
 #include "tests/system/wire.h"
 
-using fixture::ReadFile;
-using fixture::WriteFile;
+using namespace fixture;
 using std::string;
 using wire::Bytes;
 
@@ -84,10 +83,9 @@ void Encode(Bytes &body, string text) {
 }
 
 Bytes BodyOf(const Order &order) {
-  string hex;
+  Bytes body;
   for (const uint32_t number : {order.type, order.pid, order.size, order.sum, 0U, 0U})
-    hex += FormatText("%08x", __builtin_bswap32(number));
-  Bytes body = wire::Hex(hex);
+    wire::Append(body, number);
   Encode(body, order.password);
   body.resize(order.zip.empty() ? std::max<size_t>(body.size(), 37) : 32);
   if (!order.zip.empty()) body.resize(36, 1);  // its length, as far as it is looked at
@@ -96,17 +94,13 @@ Bytes BodyOf(const Order &order) {
 }
 
 // The replies as "COMMAND:STATE ". The packet holds the whole body, of which `received` came.
-string Ask(int command, uint8_t result, const Bytes &body = {}, size_t received = 9999) {
+string Ask(uint16_t command, uint8_t result, const Bytes &body = {}, size_t received = 9999) {
   static AcpRequest request;
-  const auto length = static_cast<unsigned>(std::min(body.size(), received));
-  const char *const head = "20 00 00 00 07 00 01 00 %02x 80 %02x %02x 00 00 00 00";
-  Bytes packet = wire::Request(FormatText(head, command, length & 255, length >> 8), body);
+  Bytes packet = wire::Request(command, wire::Part(body, 0, received));
   packet[28] = result;
+  wire::Deliver(client, packet, request);
+  std::copy(body.begin(), body.end(), request.packet + 32);
   request.peer_addr = inet_addr("192.168.40.1");
-  request.peer_port = htons(client.port);
-  request.recvlen = static_cast<int32_t>(32 + length);
-  std::copy(packet.begin(), packet.end(), request.packet);
-  client.frames.clear();
   dispatch(request);
   string replies;
   const Bytes rest = wire::Hex("00 00 00 00 00 00 02 0b 4a 00 00 10 02 0b 4a 00 00 01");
@@ -118,11 +112,11 @@ string Ask(int command, uint8_t result, const Bytes &body = {}, size_t received 
 }
 
 string Begin(const Order &order) {
-  return Ask(order.zip.empty() ? 0x80 : 0x81, 0, BodyOf(order));
+  return Ask(order.zip.empty() ? 0x8080 : 0x8081, 0, BodyOf(order));
 }
 
 string End(uint8_t result) {
-  return Ask(0x70, result);
+  return Ask(0x8070, result);
 }
 
 void AwaitListener(const string &address = "0228A8C0", bool wanted = true) {
@@ -179,6 +173,22 @@ int Count(const string &path, const string &part) {
   return count;
 }
 
+// Whether what the order asks for can be had: a letter for each thing that is unusual.
+void Prepare(const string &around, Order &order) {
+  const auto is = [&](char what) { return around.find(what) != string::npos; };
+  if (is('L')) order.password = "FernGateLong";
+  if (is('p')) order.password = "fernGate";
+  if (is('P')) order.password = string(40, 'x');
+  if (is('z')) order.zip = string(504, 'x') + (is('Z') ? "FernGate" : "FernGat");
+  if (is('L')) WriteFile("/www/.htpasswd", "root:$1$saltsalt$E5KeHmE3OKSR6P4LGNeKs0");
+  if (is('s')) RunCommandLine("mount -t tmpfs -o size=199m array /mnt/array1");
+  if (is('a')) RunCommandLine("mount -t tmpfs -o size=200m array /mnt/array1");
+  if (is('n')) rmdir("/mnt/array1");
+  if (is('k')) CleanKey(0);
+  if (is('e')) daemon_state.enable_mac[5] = 2;
+  if (is('v')) daemon_state.password_verified = -1;
+}
+
 // A child that has done its work, stopped. Continued, it exits with 3.
 pid_t ForkStopped(void (*work)()) {
   const pid_t child = fork();
@@ -191,9 +201,8 @@ pid_t ForkStopped(void (*work)()) {
 // Sends the child a signal. Its exit status, or minus the signal that ended it.
 int EndOf(pid_t child, int number) {
   const ChildHold hold = HoldChildren();
-  siginfo_t info = {};
   kill(child, number);
-  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+  const siginfo_t info = AwaitEnd(child);
   ReleaseChildren(hold);
   return info.si_code == CLD_EXITED ? info.si_status : -info.si_status;
 }
@@ -222,22 +231,12 @@ TEST_F(Firmware, RequestIsAdmittedOrRefused) {
        order = {}) {
     SCOPED_TRACE(FormatText("%s %s", around.c_str(), outcome.c_str()));
     Reset(product);
-    const auto is = [&](char what) { return around.find(what) != string::npos; };
-    if (is('L')) order.password = "FernGateLong";
-    if (is('p')) order.password = "fernGate";
-    if (is('P')) order.password = string(40, 'x');
-    if (is('z')) order.zip = string(504, 'x') + (is('Z') ? "FernGate" : "FernGat");
-    if (is('L')) WriteFile("/www/.htpasswd", "root:$1$saltsalt$E5KeHmE3OKSR6P4LGNeKs0");
-    if (is('s')) RunCommandLine("mount -t tmpfs -o size=199m array /mnt/array1");
-    if (is('a')) RunCommandLine("mount -t tmpfs -o size=200m array /mnt/array1");
-    if (is('n')) rmdir("/mnt/array1");
-    if (is('k')) CleanKey(0);
-    if (is('e')) daemon_state.enable_mac[5] = 2;
-    if (is('v')) daemon_state.password_verified = -1;
-    const pid_t locker = is('l') ? ForkStopped([] { libbh_lock(); }) : 0;
+    Prepare(around, order);
+    const bool locked = around.find('l') != string::npos, forks = around.find('f') == string::npos;
+    const pid_t locker = locked ? ForkStopped([] { libbh_lock(); }) : 0;
     const bool started = outcome[0] == '/';
     if (started && CreateImage(9999)) memset(AttachSegment(FindImage()).get(), 0xAA, 9999);
-    const string failure = is('f') ? "*/fork:0:EAGAIN" : "*/mount=/dev/hda" + around + ":0:EIO";
+    const string failure = forks ? "*/mount=/dev/hda" + around + ":0:EIO" : "*/fork:0:EAGAIN";
     setenv("BOARD_FAIL", failure.c_str(), 1);
     EXPECT_EQ(Begin(order), started ? kStarted : "C080:" + outcome + " ");
     unsetenv("BOARD_FAIL");
@@ -246,10 +245,10 @@ TEST_F(Firmware, RequestIsAdmittedOrRefused) {
     EXPECT_EQ(daemon_state.firm_mem_path == string("/tmp/kv_firm_mem"), !started || !on_disk);
     EXPECT_EQ(Content(), started ? string(order.size + 256, '\0') : "");
     EXPECT_EQ(daemon_state.zip_pass, started ? order.zip : "");
-    EXPECT_EQ(daemon_state.firm_down_chpid > 0, started && !is('f'));
-    EXPECT_EQ(libbh_lock(), is('l') ? -3 : 0);
+    EXPECT_EQ(daemon_state.firm_down_chpid > 0, started && forks);
+    EXPECT_EQ(libbh_lock(), locked ? -3 : 0);
     libbh_unlock();
-    if (is('l')) EndOf(locker, SIGKILL);
+    if (locked) EndOf(locker, SIGKILL);
     EXPECT_EQ(End(5), kRefused);
     EXPECT_EQ(Content(), "");
     trace += ReadFile(kTrace);
@@ -268,12 +267,12 @@ TEST_F(Firmware, RequestMayEndAnywhere) {
   const Bytes first = BodyOf({.zip = "zip-word"}), zeph = BodyOf({.pid = 0x2001});
   for (size_t length = 0; length <= first.size(); ++length) {
     daemon_state.product_id = 0x10;
-    EXPECT_EQ(Ask(0x81, 0, first, length), length < 32 ? "C080:80000001 " : kStarted) << length;
+    EXPECT_EQ(Ask(0x8081, 0, first, length), length < 32 ? "C080:80000001 " : kStarted) << length;
     EXPECT_EQ(strcmp(daemon_state.zip_pass, "zip-word") == 0, length == 44) << length;
     End(5);
     daemon_state.product_id = 0x2001;
     const string reply = length < 8 ? "C080:80000010 " : length < 12 ? "C080:FFFFFFFF " : kStarted;
-    EXPECT_EQ(Ask(0x80, 0, zeph, length), reply) << length;
+    EXPECT_EQ(Ask(0x8080, 0, zeph, length), reply) << length;
     End(5);
   }
   std::istringstream limits(
@@ -308,12 +307,8 @@ TEST_F(Firmware, ChecksumIsThatOfTheReceivedBytes) {
 }
 
 TEST_F(Firmware, ReceiverTakesOneUpload) {
-  const auto descriptors = [] {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all));
-  };
   Update({}, "image");  // opens what stays open
-  const auto before = descriptors();
+  const std::ptrdiff_t before = OpenDescriptors();
   for (int round = 0; round < 6; ++round) {
     std::istringstream cases(
         "1000 k 1000 500 c 500 1500 k 1000 1000 sk 1000 500 sc 500 500 r 0 0 c 0 0 ssc 0");
@@ -327,7 +322,7 @@ TEST_F(Firmware, ReceiverTakesOneUpload) {
       EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
     }
   }
-  EXPECT_EQ(descriptors(), before);
+  EXPECT_EQ(OpenDescriptors(), before);
   AwaitListener("0228A8C0", false);
 }
 
@@ -382,6 +377,14 @@ TEST_F(Firmware, EndStopsItsReceiverOnly) {
   EXPECT_EQ(Begin({}), kStarted);
   AwaitListener();
   EXPECT_EQ(Begin({}), kStarted);  // the first one keeps the port
+  EXPECT_EQ(End(0), kFailed);
+  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({.type = 5}), "C080:FFFFFFFF ");  // which hides no receiver from the end
+  EXPECT_EQ(End(5), kRefused);
+  AwaitListener("0228A8C0", false);
+  EXPECT_EQ(Begin({}), kStarted);
+  Upload("half", "k", false);
+  kill(daemon_state.firm_down_chpid, SIGKILL);
   EXPECT_EQ(End(0), kFailed);
   EXPECT_EQ(Update({}, "image"), kDone);
   EXPECT_EQ(Begin({}), kStarted);

@@ -17,7 +17,7 @@
 
 using std::string;
 using wire::Bytes;
-using wire::Packet;
+using wire::Request;
 using States = std::vector<uint32_t>;
 
 namespace {
@@ -49,7 +49,7 @@ Bytes Record(uint16_t command, size_t size,
     body.resize(std::max(body.size(), at + text.size()));
     std::copy(text.begin(), text.end(), body.begin() + static_cast<ptrdiff_t>(at));
   }
-  return Packet(command, body);
+  return Request(command, body);
 }
 
 Bytes Special(char code, char extra = 0, const string &text = "") {
@@ -134,7 +134,7 @@ class Faults : public SystemTest {
     States states;
     traced.clear();
     wire::Send(client, request);
-    wire::Send(client, Packet(++unknown));
+    wire::Send(client, Request(++unknown));
     EXPECT_TRUE(board::WaitFor([&] { return HasServed(); }));
     notes = board::ReadFile(board, kPlan);
     board::Remove(board, kPlan);
@@ -143,7 +143,7 @@ class Faults : public SystemTest {
     for (; reply; reply = wire::Receive(client, wire::milliseconds(0)))
       states.push_back(wire::Number(*reply, 28));
     if (states.size() >= wanted || !lives) return states;
-    wire::Send(client, wire::Request("20 00 00 00 07 00 01 00 40 80 00 00 77 00 00 00"));
+    wire::Send(client, Request("20 00 00 00 07 00 01 00 40 80 00 00 77 00 00 00"));
     while ((reply = wire::Receive(client)) && (*reply)[12] != 0x77)
       states.push_back(wire::Number(*reply, 28));
     EXPECT_TRUE(reply) << "no ping";
@@ -214,7 +214,7 @@ class Faults : public SystemTest {
     Start();
     board::Remove(board, "/www/.htpasswd");  // any password will do, under a later key too
     const Bytes begin = Record(0x8080, 40, {{0, head}, {4, "\x10"}, {8, "\xD0\7"}});
-    const Bytes end = Packet(0x8070);
+    const Bytes end = Request(0x8070);
     Bytes give_up = end;
     give_up[28] = 5;
     const char upload[] = "head -c 2000 /dev/zero >/dev/tcp/192.168.40.2/22936";
@@ -233,16 +233,16 @@ class Faults : public SystemTest {
 TEST_F(Faults, InQueriesAndCommands) {
   Start();
   for (const Case &test : std::initializer_list<Case>{
-           {"discover", Packet(0x8020)},
-           {"ping", Packet(0x8040)},
-           {"disk", Packet(0x8090)},
-           {"raid", Packet(0x80E0)},
+           {"discover", Request(0x8020)},
+           {"ping", Request(0x8040)},
+           {"disk", Request(0x8090)},
+           {"raid", Request(0x80E0)},
            {"partition", Record(0x80D0, 8, {{0, "/tmp"}})},
            {"background", Command(0, "true"), {kFail, 0}},
            {"waited", Command(1, "true")},
            {"to file", Command(2, "seq 3"), {0, 0xFF00}},  // the status of a child without shell
            {"captured", Command(3, "true"), {0, kFail}},
-           {"result", Packet(0x8A20), {0, kFail}, "seq 2 >/var/tmp/results.txt"},
+           {"result", Request(0x8A20), {0, kFail}, "seq 2 >/var/tmp/results.txt"},
            {"other product", Special(0x12), {0x80000010}},
        })
     Try(test);

@@ -22,6 +22,11 @@ void SystemTest::SetUp() {
   BootBoard({});
 }
 
+void ServingTest::SetUp() {
+  SystemTest::SetUp();
+  StartDaemon();
+}
+
 void SystemTest::BootBoard(const board::Config &config) {
   if (board.init > 0) {
     wire::Close(client);
@@ -47,6 +52,8 @@ void SystemTest::TearDown() {
     std::ofstream(folder / "calls") << board::ReadFile(board, board::kCallLog);
     printf("what happened is in %s\n", folder.c_str());
   }
+  for (const std::string &file : client_files)
+    std::filesystem::remove(file);
   wire::Close(client);
   board::Halt(board);
 }
@@ -60,6 +67,11 @@ void SystemTest::StartDaemon(const std::vector<std::string> &options, int server
   argv.insert(argv.end(), options.begin(), options.end());
   ASSERT_EQ(OnBoard(argv).exit_code, 0);
   ASSERT_TRUE(AwaitServers(servers)) << Syslog();
+}
+
+void SystemTest::StopDaemon() {
+  EXPECT_EQ(OnBoard({"bh_servd", "-t", "eth0"}).exit_code, 0);
+  ASSERT_TRUE(AwaitServers(0));
 }
 
 bool SystemTest::AwaitServers(int count) {
@@ -110,6 +122,18 @@ std::string SystemTest::Bhctl(const std::string &arguments) {
   for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe))
     output += static_cast<char>(c);
   return output + "exit " + std::to_string(WEXITSTATUS(pclose(pipe)));
+}
+
+void SystemTest::ExpectBhctl(const std::string &arguments, const std::string &part) {
+  const std::string output = Bhctl(arguments);
+  EXPECT_NE(output.find(part), std::string::npos) << arguments << ":\n" << output;
+}
+
+std::string SystemTest::ClientFile(const std::string &content) {
+  client_files.push_back(testing::TempDir() + "client-" + std::to_string(getpid()) + "-" +
+                         std::to_string(client_files.size()));
+  std::ofstream(client_files.back(), std::ios::binary) << content;
+  return client_files.back();
 }
 
 std::string SystemTest::Syslog() {

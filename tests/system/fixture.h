@@ -25,6 +25,7 @@ class SystemTest : public testing::Test {
   // Starts the daemon in the background with the trace in a file, and waits until so many servers
   // are bound in all. A ping's child holds the socket a little longer than its server.
   void StartDaemon(const std::vector<std::string> &options = {}, int servers = 1);
+  void StopDaemon();  // with eth0, by its own option
   bool AwaitServers(int count);
   pid_t ServerPid(const std::string &interface = "eth0");
 
@@ -38,6 +39,10 @@ class SystemTest : public testing::Test {
 
   // Runs bhctl at the client's end: its output, errors too, and "exit N".
   std::string Bhctl(const std::string &arguments);
+  void ExpectBhctl(const std::string &arguments, const std::string &part);  // of that
+
+  // A file of the client's with that content, until the test ends: its path.
+  std::string ClientFile(const std::string &content);
 
   std::string Syslog();  // "<priority>message" a line
   std::string Trace();
@@ -46,11 +51,16 @@ class SystemTest : public testing::Test {
   board::Board board;
   wire::Client client;
   wire::Bytes discovered;  // by TakeKey
+  std::vector<std::string> client_files;
 };
 
-// Requests without a body, up to their MAC addresses.
-constexpr char kPing[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
-constexpr char kDiscover[] = "20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00";
-constexpr char kDisk[] = "20 00 00 00 07 00 01 00 90 80 00 00 00 00 00 00";
+// The same with the daemon started.
+class ServingTest : public SystemTest {
+ protected:
+  void SetUp() override;
+};
+
+// Commands.
+constexpr uint16_t kPing = 0x8040, kDiscover = 0x8020, kDisk = 0x8090, kSpecial = 0x80A0;
 
 #endif  // BH_TESTS_SYSTEM_FIXTURE_H_

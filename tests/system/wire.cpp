@@ -10,9 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace wire {
 
@@ -20,10 +20,6 @@ namespace {
 
 constexpr uint16_t kAcpPort = 22936;
 constexpr std::string_view kClientMac = "02 0b 4a 00 00 01";
-
-void Append(Bytes &bytes, const Bytes &more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-}
 
 struct sockaddr_in Address(in_addr_t address, uint16_t port) {
   struct sockaddr_in result = {};
@@ -71,6 +67,12 @@ Bytes Hex(std::string_view text) {
   return bytes;
 }
 
+Bytes Text(std::string_view text, size_t size) {
+  Bytes bytes(text.begin(), text.end());
+  if (size != text.npos) bytes.resize(size);
+  return bytes;
+}
+
 uint32_t Number(const Bytes &bytes, size_t offset) {
   uint32_t number = 0;
   for (size_t i = 4; i-- > 0;)
@@ -78,22 +80,36 @@ uint32_t Number(const Bytes &bytes, size_t offset) {
   return number;
 }
 
+void Append(Bytes &bytes, uint32_t number) {
+  for (int shift = 0; shift < 32; shift += 8)
+    bytes.push_back(static_cast<uint8_t>(number >> shift));
+}
+
+void Append(Bytes &bytes, const Bytes &more) {
+  bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+Bytes Part(const Bytes &bytes, size_t offset, size_t length) {
+  const uint8_t *start = bytes.data() + std::min(offset, bytes.size());
+  const uint8_t *end = bytes.data() + bytes.size();
+  return {start, start + std::min(length, static_cast<size_t>(end - start))};
+}
+
 Bytes Request(std::string_view head, const Bytes &body, std::string_view dst_mac) {
   Bytes bytes = Hex(head);
   Append(bytes, Hex(kClientMac));
   Append(bytes, Hex(dst_mac));
-  Append(bytes, {0, 0, 0, 0});
+  Append(bytes, 0);
   Append(bytes, body);
   return bytes;
 }
 
-Bytes Packet(uint16_t command, const Bytes &body) {
-  Bytes packet = Request("20 00 00 00 07 00 01 00 00 00 00 00 00 00 00 00", body);
-  packet[8] = static_cast<uint8_t>(command);
-  packet[9] = static_cast<uint8_t>(command >> 8);
-  packet[10] = static_cast<uint8_t>(body.size());
-  packet[11] = static_cast<uint8_t>(body.size() >> 8);
-  return packet;
+Bytes Request(uint16_t command, const Bytes &body, std::string_view dst_mac) {
+  char head[64];
+  const size_t size = body.size();
+  snprintf(head, sizeof(head), "20 00 00 00 07 00 01 00 %02x %02x %02zx %02zx 00 00 00 00",
+           command & 255, command >> 8, size & 255, size >> 8 & 255);
+  return Request(head, body, dst_mac);
 }
 
 Client Open(const std::string &interface) {
@@ -134,6 +150,13 @@ std::optional<Bytes> Receive(const Client &client, milliseconds timeout) {
   if (length < 0) return std::nullopt;
   payload.resize(static_cast<size_t>(length));
   return payload;
+}
+
+void Deliver(Client &client, const Bytes &datagram, AcpRequest &request) {
+  client.frames.clear();
+  request.peer_port = htons(client.port);
+  request.recvlen = static_cast<int32_t>(datagram.size());
+  std::copy(datagram.begin(), datagram.end(), request.packet);
 }
 
 std::vector<Bytes> ReplyFrames(Client &client) {

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "acp/request.h"
+
 namespace wire {
 
 using Bytes = std::vector<uint8_t>;
@@ -25,16 +27,24 @@ struct Client {
 // "20 00 ff": spaces are for the reader.
 Bytes Hex(std::string_view text);
 
-// The 32-bit number at `offset`, least significant byte first.
+// The text's bytes, cut or filled with zeros to `size` where one is given.
+Bytes Text(std::string_view text, size_t size = std::string_view::npos);
+
+// Numbers have 32 bits, their least significant byte first.
 uint32_t Number(const Bytes &bytes, size_t offset);
+void Append(Bytes &bytes, uint32_t number);
+void Append(Bytes &bytes, const Bytes &more);
+
+Bytes Part(const Bytes &bytes, size_t offset, size_t length = SIZE_MAX);
 
 // 16 header bytes up to the MAC addresses given literally as `head`, then the client's MAC,
 // `dst_mac`, a zero result and the body.
 Bytes Request(std::string_view head, const Bytes &body = {},
               std::string_view dst_mac = "ff ff ff ff ff ff");
 
-// The same with the rest of the header as it usually is.
-Bytes Packet(uint16_t command, const Bytes &body = {});
+// The same with a well-formed head.
+Bytes Request(uint16_t command, const Bytes &body = {},
+              std::string_view dst_mac = "ff ff ff ff ff ff");
 
 Client Open(const std::string &interface);
 void Close(Client &client);
@@ -42,6 +52,10 @@ void Send(const Client &client, const Bytes &datagram);
 
 // The next reply's payload, or nothing within the time.
 std::optional<Bytes> Receive(const Client &client, milliseconds timeout = milliseconds(3000));
+
+// Puts a datagram of the client's where the receive loop leaves it, for a daemon in this process.
+// What lay behind it stays there, and the frames seen so far are forgotten.
+void Deliver(Client &client, const Bytes &datagram, AcpRequest &request);
 
 // The frames from the board to UDP port `client.port` seen so far.
 std::vector<Bytes> ReplyFrames(Client &client);
