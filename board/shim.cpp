@@ -338,6 +338,19 @@ WRAP(int, sigaction, -1, (int number, const struct sigaction *action, struct sig
      (number, action, old))
 WRAP(sighandler_t, signal, SIG_ERR, (int number, sighandler_t handler), (number, handler))
 
+// Signal handlers' calls look for BOARD_FAIL too, where nothing is for a moment while this moves
+// it.
+int setenv(const char *name, const char *value, int overwrite) {
+  static auto *const real = FindReal(&setenv, "setenv");
+  sigset_t all{};
+  sigset_t previous{};
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &previous);
+  const int result = real(name, value, overwrite);
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  return result;
+}
+
 // The calls of a file's name; programs with 64-bit file offsets call them under their second name.
 #define WRAP_PATH(type, name, parameters, arguments)                                       \
   type name parameters {                                                                   \

@@ -1,8 +1,8 @@
 // Signal handlers that do only what is safe at the instruction they interrupted.
 //
 // The exit needs syslog, stdio and the allocator. It therefore runs inside the handler only while
-// the server waits in a system call, which the flag `waiting` and the library's own tell; otherwise
-// the handler leaves a note that the next wait finds.
+// the server waits in a system call, which the flag `waiting` tells; otherwise the handler leaves a
+// note that the next wait finds.
 
 #include "daemon/signals.h"
 
@@ -11,18 +11,19 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
 #include <new>
 
 #include "daemon/pidfile.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "lib/libbh.h"
-#include "lib/shell.h"
 
 namespace {
 
@@ -53,7 +54,6 @@ void LogExit(int code) {
 void EndServer(int code) {
   // A second signal must not start the exit within the exit.
   daemon_state.waiting = 0;
-  libbh_waiting = 0;
   if (IsServer()) DeletePidfile();
   if (daemon_state.sock != -1) close(daemon_state.sock);
   daemon_state.ifname.clear();
@@ -100,6 +100,11 @@ void ForgetChild(pid_t pid) {
   }
 }
 
+bool IsReceiver(pid_t pid) {
+  const auto &live = daemon_state.live_receivers;
+  return pid > 0 && std::find(std::begin(live), std::end(live), pid) != std::end(live);
+}
+
 void sigchld_handler(int) {
   const int saved_errno = errno;
   int status = 0;
@@ -111,17 +116,17 @@ void sigchld_handler(int) {
 }
 
 // The image receiver raises SIGUSR1 when it cannot start, just before it ends: the configuration
-// lock that was taken for the update is given back. Only the sender is waited for, and not
-// for ever: SIGCHLD may have reaped it before, and another child may live long. A sender outside of
-// this process tree has no pid here.
+// lock that was taken for the update is given back. Only a receiver that SIGCHLD has not reaped
+// before is waited for: any other sender may live long, and send again. Nor is that one for ever,
+// or once the server is to end.
 void sigusr1_handler(int, siginfo_t *info, void *) {
   const int saved_errno = errno;
   const struct timespec pause = {.tv_sec = 0, .tv_nsec = 1'000'000};
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   const time_t deadline = now.tv_sec + FAILED_RECEIVER_WAIT;
-  pid_t ended = info->si_pid > 0 ? 0 : -1;
-  while (ended == 0 && now.tv_sec <= deadline) {
+  pid_t ended = IsReceiver(info->si_pid) ? 0 : -1;
+  while (ended == 0 && daemon_state.exit_pending == 0 && now.tv_sec <= deadline) {
     ended = waitpid(info->si_pid, nullptr, WNOHANG);
     if (ended == 0) nanosleep(&pause, nullptr);
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -141,7 +146,7 @@ void kv_serv_exit(int code) {
     TellUpdating();
   } else if (IsForkedChild()) {
     _exit(0);  // the pid file, the log line and the lock are the living server's
-  } else if (daemon_state.waiting != 0 || libbh_waiting != 0) {
+  } else if (daemon_state.waiting != 0) {
     EndServer(code);
   } else {
     daemon_state.exit_pending = code;

@@ -19,9 +19,9 @@ void ClaimServer();
 // 0, but for SIGHUP and SIGTERM while a firmware image is being installed.
 void kv_serv_exit(int code);
 
-// Bracket the server's waits for a datagram, a child or a shell command. An exit signal that came
-// since the last wait takes effect in BeginWait, one that comes before EndWait at once. One that
-// came just before a firmware image began to be installed waits until that is done.
+// Bracket the server's waits for a datagram, a child or a shell command, the library's too. An exit
+// signal that came since the last wait takes effect in BeginWait, one that comes before EndWait at
+// once. One that came just before a firmware image began to be installed waits until that is done.
 void BeginWait();
 void EndWait();
 

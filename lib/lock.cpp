@@ -16,7 +16,7 @@
 
 #include "lib/codes.h"
 #include "lib/libbh.h"
-#include "lib/shell.h"
+#include "lib/wait.h"
 
 namespace {
 
@@ -153,8 +153,6 @@ int32_t TakeFreeLevel(int set, OwnerRecord &owner) {
 
 }  // namespace
 
-volatile sig_atomic_t libbh_waiting = 0;
-
 int32_t libbh_lock() {
   if (access(KEY_FILE, F_OK) != 0) {
     const int file = open(KEY_FILE, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -199,8 +197,8 @@ int32_t libbh_checklock() {
 int32_t libbh_sleep(int32_t seconds) {
   timeval time = {};
   time.tv_sec = seconds;
-  libbh_waiting = 1;
+  if (BeginWait != nullptr) BeginWait();
   const int32_t result = select(0, nullptr, nullptr, nullptr, &time);
-  libbh_waiting = 0;
+  if (EndWait != nullptr) EndWait();
   return result;
 }

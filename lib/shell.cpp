@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "lib/text.h"
+#include "lib/wait.h"
 
 std::string FormatText(const char *format, ...) {
   char *text = nullptr;
@@ -35,9 +36,9 @@ std::string QuoteForShell(const std::string &text) {
 }
 
 int RunShell(const std::string &command) {
-  libbh_waiting = 1;
+  if (BeginWait != nullptr) BeginWait();
   const int status = system(command.c_str());
-  libbh_waiting = 0;
+  if (EndWait != nullptr) EndWait();
   return status;
 }
 

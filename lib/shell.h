@@ -3,7 +3,6 @@
 #ifndef BH_LIB_SHELL_H_
 #define BH_LIB_SHELL_H_
 
-#include <csignal>
 #include <cstddef>
 #include <string>
 
@@ -13,10 +12,6 @@ std::string FormatText(const char *format, ...) __attribute__((format(printf, 1,
 // The text as one word of a command line: in single quotes if the shell would act on any of its
 // characters, else as it is.
 std::string QuoteForShell(const std::string &text);
-
-// Nonzero while this process is in RunShell or libbh_sleep: a signal handler that wants to end it
-// may do so then. The only one of its kind in a program that links the library.
-extern "C" volatile sig_atomic_t libbh_waiting;
 
 // Runs the command line in a shell and waits for it. The status as system() returns it.
 int RunShell(const std::string &command);

@@ -17,6 +17,7 @@
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "lib/libbh.h"
+#include "lib/shell.h"
 #include "tests/files.h"
 #include "tests/system/wire.h"
 
@@ -138,7 +139,7 @@ TEST_F(Daemon, TerminatedChildLeavesThePidFileAlone) {
 }
 
 // What a server does between SIGTERM and its next wait.
-enum class Then { kWait, kWaitWhileUpdating, kWaitWhileInstalling, kFork };
+enum class Then { kWait, kWaitWhileUpdating, kWaitWhileInstalling, kFork, kShell, kSleep };
 
 int ServerAfterSigterm(Then then) {
   ClaimServer();
@@ -159,6 +160,8 @@ int ServerAfterSigterm(Then then) {
     waitpid(child, &status, WNOHANG);
     return WEXITSTATUS(status);
   }
+  if (then == Then::kShell) return RunShell("true");
+  if (then == Then::kSleep) return libbh_sleep(0);
   BeginWait();
   return 2;
 }
@@ -167,7 +170,9 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
   const std::tuple<Then, int, bool> cases[] = {{Then::kWait, 0, false},
                                                {Then::kWaitWhileUpdating, 2, true},
                                                {Then::kWaitWhileInstalling, 2, true},
-                                               {Then::kFork, 3, true}};
+                                               {Then::kFork, 3, true},
+                                               {Then::kShell, 0, false},
+                                               {Then::kSleep, 0, false}};
   for (const auto &[then, wanted, pid_file] : cases) {
     const ChildHold hold = HoldChildren();
     const pid_t server = ForkChild();
