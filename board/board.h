@@ -137,7 +137,7 @@ bool Kill(const Board &board, pid_t inner, int signal);
 // Polls the condition each millisecond until it holds or the time is over; says whether it held.
 template <typename Predicate>
 bool WaitFor(Predicate predicate,
-             std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+             std::chrono::milliseconds timeout = std::chrono::milliseconds(20000)) {
   const auto end = std::chrono::steady_clock::now() + timeout;
   while (!predicate()) {
     if (std::chrono::steady_clock::now() >= end) return false;

@@ -153,21 +153,26 @@ int RunCommandLine(const std::string &command) {
   return status;
 }
 
-void RunUntilExit(const std::string &command) {
+pid_t ForkUntilExit() {
   sigset_t events = {};
   sigset_t previous = {};
   sigemptyset(&events);
   for (const int number : {SIGCHLD, SIGTERM, SIGHUP})
     sigaddset(&events, number);
   sigprocmask(SIG_BLOCK, &events, &previous);
-  const pid_t child = ForkChild();
-  if (child == 0) ExecShell(command.c_str());
+  const pid_t child = ForkWorker();
+  if (child == 0) return 0;
   while (child > 0 && daemon_state.exit_pending == 0 && waitpid(child, nullptr, WNOHANG) == 0) {
     const int number = sigwaitinfo(&events, nullptr);
     if (number == SIGTERM || number == SIGHUP) daemon_state.exit_pending = number;
   }
   raise(SIGCHLD);  // other children's ends came by the same signals
   sigprocmask(SIG_SETMASK, &previous, nullptr);
+  return child;
+}
+
+void RunUntilExit(const std::string &command) {
+  if (ForkUntilExit() == 0) ExecShell(command.c_str());
 }
 
 bool FitsExec1(const std::string &command) {

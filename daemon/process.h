@@ -42,8 +42,12 @@ pid_t WaitForChild(pid_t pid, int *status);
 // Runs a command line in a shell and waits for it. Its wait status, -1 when it cannot be started.
 int RunCommandLine(const std::string &command);
 
-// The same for a command that may end this server: when that is asked for it is not waited for any
-// longer, so that the client still has its answer before the server's next wait.
+// Forks a worker that may end this server, and waits for its end; when the server's own is asked
+// for it is not waited for any longer, so that the client still has its answer before the server's
+// next wait. Returns as ForkChild does.
+pid_t ForkUntilExit();
+
+// The same with a command line in a shell as the worker.
 void RunUntilExit(const std::string &command);
 
 // Whether exec1 and exec2 take the command: they have room for 511 characters (exec2: with " > "

@@ -74,15 +74,15 @@ bool IsEmergencySystem() {
   return libbh_GetProductState() == PRODUCT_STATE_EMERGENCY;
 }
 
+// The library's restart and power-off always return 0.
 uint32_t Reboot(const AcpRequest &) {
-  int32_t result = 0;
   const bool emergency = IsEmergencySystem();
   if (emergency || is_zeph_product())
     RunUntilExit("/sbin/reboot");
-  else
-    result = libbh_Reboot();
-  if (!emergency) DebugPrint("libbh_Reboot(). lRet=0x%x\n", static_cast<uint32_t>(result));
-  return static_cast<uint32_t>(result);
+  else if (ForkUntilExit() == 0)
+    _exit(libbh_Reboot());
+  if (!emergency) DebugPrint("libbh_Reboot(). lRet=0x%x\n", static_cast<unsigned>(ACP_STATE_OK));
+  return ACP_STATE_OK;
 }
 
 uint32_t Shutdown(const AcpRequest &) {
@@ -90,9 +90,9 @@ uint32_t Shutdown(const AcpRequest &) {
     RunUntilExit("/usr/local/bin/shutdown.sh");
     return ACP_STATE_OK;
   }
-  const uint32_t result = static_cast<uint32_t>(libbh_Shutdown());
-  DebugPrint("libbh_Shutdown(). lRet=0x%x\n", result);
-  return result;
+  if (ForkUntilExit() == 0) _exit(libbh_Shutdown());
+  DebugPrint("libbh_Shutdown(). lRet=0x%x\n", static_cast<unsigned>(ACP_STATE_OK));
+  return ACP_STATE_OK;
 }
 
 uint32_t BootEmergencySystem(const AcpRequest &) {

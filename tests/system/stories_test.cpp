@@ -96,9 +96,17 @@ TEST_F(Story, OfficeProductKeepsItsAccounts) {
   EXPECT_TRUE(board::WaitFor([&] { return TakeCalls().find("dkwiz_mkjbod.sh") != string::npos; }));
   ExpectBhctl("language japanese", "exit 0");
   EXPECT_NE(board::ReadFile(board, "/etc/korvo/info").find("japanese"), string::npos);
-  // What switches the appliance off stops the daemon first, which answers all the same.
-  board::WriteFile(board, "/run/stand-ins/shutdown.sh",
-                   "kill -TERM $(cat /var/run/bh_servd-eth0.pid); sleep 5");
-  ExpectBhctl("--yes shutdown", "exit 0");
-  EXPECT_TRUE(AwaitServers(0));
+}
+
+// What switches the appliance off stops the daemon first, which answers all the same.
+TEST_F(Story, ApplianceThatIsSwitchedOffAnswersFirst) {
+  for (const string script : {"/run/stand-ins/shutdown.sh", "/run/stand-ins/korsub_shutdown2.sh"})
+    board::WriteFile(board, script, "kill -TERM $(cat /var/run/bh_servd-eth0.pid); sleep 5");
+  for (const char *state : {"/etc/brackenhold_release", "/etc/brackenhold_emergence"}) {
+    ExpectBhctl("--yes shutdown --pass-phrase FernGate", "exit 0");
+    EXPECT_TRUE(AwaitServers(0));
+    board::Remove(board, state);
+    board::WriteFile(board, "/etc/brackenhold_emergence", "");
+    StartDaemon();
+  }
 }

@@ -51,7 +51,7 @@ void Close(Client &client);
 void Send(const Client &client, const Bytes &datagram);
 
 // The next reply's payload, or nothing within the time.
-std::optional<Bytes> Receive(const Client &client, milliseconds timeout = milliseconds(3000));
+std::optional<Bytes> Receive(const Client &client, milliseconds timeout = milliseconds(10000));
 
 // Puts a datagram of the client's where the receive loop leaves it, for a daemon in this process.
 // What lay behind it stays there, and the frames seen so far are forgotten.
