@@ -375,6 +375,18 @@ int OpenFor64(const char *path, int flags, mode_t mode) {
   return Fails("open", path) ? -1 : WithFailingWrites(real(path, flags, mode), path, flags);
 }
 
+// What programs with checks of buffers call when they pass no mode.
+int OpenCheckedFor32(const char *path, int flags) __asm__("__open_2");
+int OpenCheckedFor64(const char *path, int flags) __asm__("__open64_2");
+
+int OpenCheckedFor32(const char *path, int flags) {
+  return OpenFor32(path, flags, 0);
+}
+
+int OpenCheckedFor64(const char *path, int flags) {
+  return OpenFor64(path, flags, 0);
+}
+
 int semget(key_t key, int count, int flags) {
   static auto *const real = FindReal(&semget, "semget");
   char octal[16];
