@@ -50,7 +50,7 @@ volatile uint32_t *progress = nullptr;
 void ShareProgress() {
   if (progress == nullptr) {
     void *page =
-        mmap(nullptr, sizeof(*progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        mmap(nullptr, sizeof(*progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, 0, 0);
     if (page != MAP_FAILED) progress = static_cast<volatile uint32_t *>(page);
   }
   if (progress != nullptr) *progress = 0;

@@ -234,12 +234,6 @@ TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
   close(log);
 }
 
-#else
-
-TEST_F(Daemon, CrashIsTheSanitizers) {
-  EXPECT_DEATH(raise(SIGSEGV), "AddressSanitizer");
-}
-
 #endif
 
 TEST_F(Daemon, StopNeverSignalsFromADamagedPidFile) {
