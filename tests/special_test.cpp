@@ -163,5 +163,7 @@ TEST_F(Special, ChildrenAreWaitedForOnlyWhereTheyAreMeant) {
   setenv("BOARD_FAIL", "*/fork:0:EAGAIN", 1);
   EXPECT_EQ(Seen(5, 0, ""), "0\nACP_Special_Reply() led_pid=" + std::to_string(other) + "\n");
   EXPECT_EQ(Seen(0x11, 3, "") + std::to_string(daemon_state.led_pid), "ffffffff\n-1");
+  daemon_state.product_id = 0x10;
+  EXPECT_NE(Seen(1, 0, "").find("korsub_shutdown2.sh 1"), string::npos);
   kill(other, SIGKILL), unsetenv("BOARD_FAIL");
 }
