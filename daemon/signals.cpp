@@ -24,6 +24,7 @@
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "lib/libbh.h"
+#include "lib/wait.h"
 
 namespace {
 
@@ -161,6 +162,14 @@ void BeginWait() {
 
 void EndWait() {
   daemon_state.waiting = 0;
+}
+
+void libbh_begin_wait() {
+  BeginWait();
+}
+
+void libbh_end_wait() {
+  EndWait();
 }
 
 void ClaimServer() {

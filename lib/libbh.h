@@ -122,7 +122,7 @@ int32_t libbh_Mount(const char *device, const char *directory, const char *fstyp
 int32_t libbh_lock(void);
 
 /* Releases all that the calling process holds; may be called by a signal handler. 0, also when it
- * held nothing; -1 when there is no lock in the system or no owner record. */
+ * held nothing; -1 when there is no lock in the system. */
 int32_t libbh_unlock(void);
 
 /* 0 when the calling process holds a level, or when the key file is there and the semaphores are

@@ -197,8 +197,8 @@ int32_t libbh_checklock() {
 int32_t libbh_sleep(int32_t seconds) {
   timeval time = {};
   time.tv_sec = seconds;
-  if (BeginWait != nullptr) BeginWait();
+  if (libbh_begin_wait != nullptr) libbh_begin_wait();
   const int32_t result = select(0, nullptr, nullptr, nullptr, &time);
-  if (EndWait != nullptr) EndWait();
+  if (libbh_end_wait != nullptr) libbh_end_wait();
   return result;
 }

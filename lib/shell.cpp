@@ -36,9 +36,9 @@ std::string QuoteForShell(const std::string &text) {
 }
 
 int RunShell(const std::string &command) {
-  if (BeginWait != nullptr) BeginWait();
+  if (libbh_begin_wait != nullptr) libbh_begin_wait();
   const int status = system(command.c_str());
-  if (EndWait != nullptr) EndWait();
+  if (libbh_end_wait != nullptr) libbh_end_wait();
   return status;
 }
 

@@ -3,9 +3,10 @@
 #ifndef BH_LIB_WAIT_H_
 #define BH_LIB_WAIT_H_
 
-// Bracket the library's waits for a shell command and its sleep. There only in the daemon, whose
-// own waits have them too.
-void BeginWait() __attribute__((weak));
-void EndWait() __attribute__((weak));
+// Bracket the library's waits for a shell command and its sleep. Only the daemon has them.
+extern "C" {
+void libbh_begin_wait() __attribute__((weak));
+void libbh_end_wait() __attribute__((weak));
+}
 
 #endif  // BH_LIB_WAIT_H_
