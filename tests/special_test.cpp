@@ -98,6 +98,7 @@ ACP_Special_Reply()libbh_FileChksum(). lRet=ffff| > 2001 12 0 - = 0|ACP_Special_
   EXPECT_NE(Seen(0x50, 0, "").find("() kensa_50_upstest. lRet=ffffffff\n"), string::npos);
   rename("/etc/brackenhold_release", "/etc/brackenhold_emergence");
   Play("> 10 1 0 - = 0|/sbin/reboot| > 10 2 0 - = 0|/usr/local/bin/shutdown.sh|");
+  rename("/etc/brackenhold_emergence", "/etc/brackenhold_release");
   Play("> 10 40 2 /etc/crontab = ffffffff|");  // stays in the buffer behind what comes next
   for (size_t size = 0; size < 20; ++size) {
     EXPECT_EQ(Seen(0x41, 7, "/etc/crontab", size)[0], size > 0 ? 'f' : '8');
