@@ -74,20 +74,16 @@ bool IsEmergencySystem() {
   return libbh_GetProductState() == PRODUCT_STATE_EMERGENCY;
 }
 
-// By a worker, since the library's script may end this server; without one here all the same.
-void RunPowerScript(int32_t (*script)()) {
-  const pid_t worker = ForkUntilExit();
-  if (worker == 0) _exit(script());
-  if (worker < 0) script();
-}
-
-// The library's restart and power-off always return 0.
+// The library's scripts may end this server: a worker runs them, or without one the server after
+// all. They always return 0.
 uint32_t Reboot(const AcpRequest &) {
   const bool emergency = IsEmergencySystem();
   if (emergency || is_zeph_product())
     RunUntilExit("/sbin/reboot");
-  else
-    RunPowerScript(libbh_Reboot);
+  else if (const pid_t worker = ForkUntilExit(); worker == 0)
+    _exit(libbh_Reboot());
+  else if (worker < 0)
+    libbh_Reboot();
   if (!emergency) DebugPrint("libbh_Reboot(). lRet=0x%x\n", static_cast<unsigned>(ACP_STATE_OK));
   return ACP_STATE_OK;
 }
@@ -97,7 +93,9 @@ uint32_t Shutdown(const AcpRequest &) {
     RunUntilExit("/usr/local/bin/shutdown.sh");
     return ACP_STATE_OK;
   }
-  RunPowerScript(libbh_Shutdown);
+  const pid_t worker = ForkUntilExit();
+  if (worker == 0) _exit(libbh_Shutdown());
+  if (worker < 0) libbh_Shutdown();
   DebugPrint("libbh_Shutdown(). lRet=0x%x\n", static_cast<unsigned>(ACP_STATE_OK));
   return ACP_STATE_OK;
 }
