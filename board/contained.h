@@ -4,7 +4,8 @@
 //
 // A fork goes on as the child or as the parent, by the next choice. The end of a child is a jump to
 // `end`; to the parent it has ended at once, with a status by choice. Programs are not run: those
-// whose output is read print `output`. No wait takes time. Frames are looked at and go nowhere.
+// whose output is read have printed `output`. No wait takes time. Frames are looked at and go
+// nowhere.
 
 #ifndef BH_BOARD_CONTAINED_H_
 #define BH_BOARD_CONTAINED_H_

@@ -2,23 +2,81 @@
 
 #include "lib/shell.h"
 
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "lib/hooks.h"
 #include "lib/text.h"
-#include "lib/wait.h"
+
+namespace {
+
+void BeginWait() {
+  if (libbh_begin_wait != nullptr) libbh_begin_wait();
+}
+
+void EndWait() {
+  if (libbh_end_wait != nullptr) libbh_end_wait();
+}
+
+// In a child.
+[[noreturn]] void ExecTo(int output, const char *command) {
+  if (output == STDOUT_FILENO)  // of a program that was started without one
+    fcntl(output, F_SETFD, 0);
+  else
+    dup2(output, STDOUT_FILENO);
+  execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
+  _exit(127);  // as shells tell that a command is missing
+}
+
+// Reads the first line, with its newline; of a longer one the first `longest` characters. A program
+// that ends in the wait for it leaves neither stdio nor popen half done.
+std::string ReadLine(int pipe, size_t longest) {
+  std::string text(longest, '\0');
+  size_t length = 0;
+  while (length < longest && text.find('\n') == text.npos) {
+    BeginWait();
+    const ssize_t got = read(pipe, text.data() + length, longest - length);
+    EndWait();
+    if (got < 0 && errno == EINTR) continue;  // a handled signal is no end
+    if (got <= 0) break;
+    length += static_cast<size_t>(got);
+  }
+  text.resize(length);
+  std::string_view rest = text;
+  return std::string(UpToNul(NextPiece(rest, longest)));
+}
+
+void AwaitChild(pid_t child) {
+  pid_t ended = -1;
+  do {
+    BeginWait();
+    ended = waitpid(child, nullptr, 0);
+    EndWait();
+  } while (ended < 0 && errno == EINTR);
+}
+
+}  // namespace
 
 std::string FormatText(const char *format, ...) {
-  char *text = nullptr;
   va_list arguments;
   va_start(arguments, format);
-  const int length = vasprintf(&text, format, arguments);
+  va_list again;
+  va_copy(again, arguments);
+  const int length = vsnprintf(nullptr, 0, format, arguments);
+  // Without memory this ends here: an empty command would pass for one that has been run.
+  std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
+  vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
   va_end(arguments);
-  const HeapText release(length < 0 ? nullptr : text);
-  return length < 0 ? "" : std::string(text, static_cast<size_t>(length));
+  return text;
 }
 
 std::string QuoteForShell(const std::string &text) {
@@ -36,22 +94,20 @@ std::string QuoteForShell(const std::string &text) {
 }
 
 int RunShell(const std::string &command) {
-  if (libbh_begin_wait != nullptr) libbh_begin_wait();
+  BeginWait();
   const int status = system(command.c_str());
-  if (libbh_end_wait != nullptr) libbh_end_wait();
+  EndWait();
   return status;
 }
 
 std::string FirstOutputLine(const char *command, size_t longest) {
-  FILE *output = popen(command, "re");
-  if (output == nullptr) return "";
-  std::string line(longest + 1, '\0');
-  while (fgets(line.data(), static_cast<int>(line.size()), output) == nullptr) {
-    line[0] = '\0';
-    if (ferror(output) == 0 || errno != EINTR) break;  // a handled signal is no end
-    clearerr(output);
-  }
-  pclose(output);
-  line.resize(strlen(line.c_str()));
+  int ends[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC) != 0) return "";
+  const pid_t child = fork();
+  if (child == 0) ExecTo(ends[1], command);
+  close(ends[1]);
+  const std::string line = child > 0 ? ReadLine(ends[0], longest) : "";
+  close(ends[0]);  // a command that prints more ends by it
+  if (child > 0) AwaitChild(child);
   return line;
 }

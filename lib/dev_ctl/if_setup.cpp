@@ -12,12 +12,10 @@
 #include "lib/dev_ctl/dhcp.h"
 #include "lib/dev_ctl/interfaces_file.h"
 #include "lib/dev_ctl/socket.h"
+#include "lib/hooks.h"
 #include "lib/hosts.h"
 #include "lib/libbh.h"
 #include "lib/shell.h"
-
-// There only in the daemon.
-extern "C" int32_t DebugPrint(const char *format, ...) __attribute__((weak, format(printf, 1, 2)));
 
 namespace {
 
@@ -37,7 +35,7 @@ constexpr uint32_t CLASS_MASKS[] = {0xFFFFFF00, 0xFFFF0000, 0xFF000000};
 
 template <typename... Values>
 void Trace(const char *format, Values... values) {
-  if (DebugPrint != nullptr) DebugPrint(format, values...);
+  if (libbh_debug_print != nullptr) libbh_debug_print(format, values...);
 }
 
 bool IsBroadcastOfAnyClass(uint32_t address) {
