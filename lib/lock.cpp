@@ -15,8 +15,8 @@
 #include <memory>
 
 #include "lib/codes.h"
+#include "lib/hooks.h"
 #include "lib/libbh.h"
-#include "lib/wait.h"
 
 namespace {
 
@@ -59,9 +59,16 @@ int16_t OwnId() {
   return static_cast<int16_t>(getpid());
 }
 
+// The key of the lock's objects, -1 when there is none: the private key would make new ones at each
+// use, which nobody finds again.
+key_t LockKey() {
+  const key_t key = ftok(KEY_FILE, PROJECT);
+  return key == IPC_PRIVATE ? -1 : key;
+}
+
 // Null when there is no key, or the segment cannot be had: nothing may be written then.
 OwnerPtr AttachOwner(key_t key) {
-  if (key == -1 || key == IPC_PRIVATE) return nullptr;
+  if (key == -1) return nullptr;
   const int segment = shmget(key, sizeof(OwnerRecord), IPC_CREAT | OPEN_TO_ALL);
   if (segment < 0) return nullptr;
   void *address = shmat(segment, nullptr, 0);
@@ -159,7 +166,7 @@ int32_t libbh_lock() {
     if (file < 0) return LOCK_NO_KEY;
     close(file);
   }
-  const key_t key = ftok(KEY_FILE, PROJECT);
+  const key_t key = LockKey();
   const OwnerPtr owner = AttachOwner(key);
   if (!owner) return LOCK_NO_KEY;
   const int set = OpenOrMakeSet(key);
@@ -172,7 +179,7 @@ int32_t libbh_lock() {
 
 int32_t libbh_unlock() {
   const int saved_errno = errno;
-  const key_t key = ftok(KEY_FILE, PROJECT);
+  const key_t key = LockKey();
   const OwnerPtr owner = AttachOwner(key);
   int set = -1;
   for (int attempt = 0; key != -1 && set < 0 && attempt < FIND_ATTEMPTS; ++attempt)
@@ -182,11 +189,11 @@ int32_t libbh_unlock() {
     Release(set, INHERITED, owner.get());
   }
   errno = saved_errno;
-  return set >= 0 ? 0 : -1;
+  return set >= 0 && owner ? 0 : LOCK_NO_KEY;
 }
 
 int32_t libbh_checklock() {
-  const key_t key = ftok(KEY_FILE, PROJECT);
+  const key_t key = LockKey();
   const OwnerPtr owner = AttachOwner(key);
   if (!owner) return 1;
   const int set = semget(key, LEVELS, 0);

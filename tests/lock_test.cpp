@@ -36,6 +36,41 @@ static int InChild(int (*function)(), uint64_t pid = 0) {
   return wait(&status) == child ? static_cast<int8_t>(WEXITSTATUS(status)) : -100;
 }
 
+static int SemaphoreSets() {
+  struct seminfo use = {};
+  semctl(0, 0, SEM_INFO, &use);
+  return use.semusz;
+}
+
+// Stands before the C library's for the tests and for the settings library.
+static bool key_is_private = false;
+
+key_t ftok(const char *path, int) noexcept {
+  if (access(path, F_OK) != 0) return -1;
+  return key_is_private ? IPC_PRIVATE : 0x010203;
+}
+
+TEST(Lock, HasNoObjectsUnderThePrivateKey) {
+  EXPECT_EQ(libbh_lock(), 0);
+  EXPECT_EQ(libbh_unlock(), 0);
+  const int before = SemaphoreSets();
+  key_is_private = true;
+  EXPECT_EQ(libbh_lock(), -1);
+  EXPECT_EQ(libbh_unlock(), -1);
+  EXPECT_EQ(libbh_checklock(), 1);
+  key_is_private = false;
+  EXPECT_EQ(SemaphoreSets(), before);
+}
+
+TEST(Lock, IsReleasedWithoutItsRecord) {
+  EXPECT_EQ(libbh_lock(), 0);
+  setenv("BOARD_FAIL", "*/shmat:0:ENOMEM", 1);
+  EXPECT_EQ(libbh_unlock(), -1) << "it cannot tell all that the caller holds";
+  unsetenv("BOARD_FAIL");
+  EXPECT_EQ(State()[0], 1);
+  EXPECT_EQ(libbh_checklock(), 1);
+}
+
 TEST(Lock, HasALevelForTheHolderAndOneForItsChild) {
   fixture::RemoveFile(KEY_FILE);
   EXPECT_EQ((Ints{libbh_checklock(), libbh_unlock(), shmget(-1, 0, 0)}), (Ints{1, -1, -1}));

@@ -270,7 +270,7 @@ TEST_F(Faults, InMaintenance) {
            {"see the lock", Special(0x09), {1, 0}},
            {"lock", lock, {0, kFail, kFail - 1, kFail - 2}, "true", "true", {}, {}, 1, true},
            {"first", lock, {0, kFail, kFail - 2}, "ipcrm --all=sem", "true", {}, {}, 1, true},
-           {"unlock", unlock, {0}, "true", "true", lock},
+           {"unlock", unlock, {0, kFail}, "true", "true", lock},
            {"trace", Special(0x0E)},
            {"address", Special(0x0F, 0, "02:0b:4a:00:00:10"), {0, kFail}},
            {"drive", Special(0x40, 1, "/dev/hda"), {0, kTestFail}},
