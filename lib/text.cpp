@@ -111,9 +111,8 @@ std::string WithoutNewline(std::string line) {
 }
 
 bool FileExists(const char *path) {
-  const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (file >= 0) close(file);
-  return file >= 0;
+  struct stat status = {};
+  return stat(path, &status) == 0;
 }
 
 int32_t ToNumber(const char *text) {

@@ -72,7 +72,7 @@ bool Mentions(std::string_view text, std::string_view part);
 // `line` without its newline, if it has one.
 std::string WithoutNewline(std::string line);
 
-// Whether the file can be opened for reading; a FIFO does not keep the caller waiting.
+// Whether there is a file of that name, of whatever kind. It takes no right to read it.
 bool FileExists(const char *path);
 
 // Room for the digits of a number and their NUL, where a text is scanned for one.

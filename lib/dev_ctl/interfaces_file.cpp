@@ -1,5 +1,5 @@
-// Lines are looked at in pieces of a fixed buffer's length and by what they contain anywhere; they
-// are kept as they are. An edited interface's stanza ends up at the end of the file.
+// Lines are judged by what their front, a fixed buffer's length, contains anywhere, and kept whole
+// as they are. An edited interface's stanza ends up at the end of the file.
 
 #include "lib/dev_ctl/interfaces_file.h"
 
@@ -41,17 +41,12 @@ void EndWithNewline(std::string &text) {
   if (!text.empty() && text.back() != '\n') text.push_back('\n');
 }
 
+// What stands behind a long line's front, in a comment for one, starts and ends nothing.
 void AddLine(std::string_view line, std::string_view name, bool &inside, InterfacesText &text) {
-  const bool ends_own_line = inside && line == "\n" && !text.own.ends_with('\n');
-  if (ends_own_line) {
-    text.own.append(line);  // of a line that filled the piece before
-  } else if (!inside) {
-    inside = EntersStanza(line, name);
-    (inside ? text.own : text.rest).append(line);
-  } else if (!IsBlankOrComment(line)) {
-    inside = !LeavesStanza(line, name);
-    (inside ? text.own : text.rest).append(line);
-  }
+  const std::string_view front = line.substr(0, LONGEST_PIECE);
+  if (inside && IsBlankOrComment(front)) return;
+  inside = inside ? !LeavesStanza(front, name) : EntersStanza(front, name);
+  (inside ? text.own : text.rest).append(line);
 }
 
 std::string FreshStanza(const IfInfo &record) {
@@ -84,7 +79,7 @@ int32_t SplitInterfacesFile(const char *name, InterfacesText &text) {
   std::string_view left = content;
   bool inside = false;
   while (!left.empty())
-    AddLine(NextPiece(left), name, inside, text);
+    AddLine(NextPiece(left, left.npos), name, inside, text);
   EndWithNewline(text.rest);
   EndWithNewline(text.own);
   return 0;

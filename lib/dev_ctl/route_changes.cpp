@@ -277,8 +277,6 @@ int32_t libbh_SetDefaultGateway(const char *interface, int32_t check_only,
   const in_addr_t netmask = record.netmask.sin_addr.s_addr;
   const int32_t refused = CheckGateway(*gateway, record.addr.sin_addr.s_addr, netmask);
   if (refused != 0 || check_only != 0) return refused;
-  // Through an interface without address no gateway can be reached: the present route stays.
-  if (netmask == 0) return 0;
   const RouteEntry route = DefaultRoute(*gateway);
   libbh_DelRoute(0, &any_default);
   libbh_AddRoute(interface, 0, &route);

@@ -169,7 +169,7 @@ bool ScanRouteLine(std::string_view line, RouteTexts &texts) {
   if (!line.starts_with("up") || start == line.npos) return false;
   const std::string route(line.substr(start));
   if (Mentions(route, "-net")) {
-    sscanf(route.c_str(), "route add -net %16s netmask %16s gw %16s metric %31[0-9-]",
+    sscanf(route.c_str(), "route add -net %16s netmask %16s gw %16s metric %31[0-9+-]",
            texts.destination, texts.mask, texts.gateway, texts.metric);
   } else if (Mentions(route, "default")) {
     sscanf(route.c_str(), "route add default gw %16s", texts.gateway);
