@@ -18,12 +18,13 @@ constexpr int32_t FIRST_TM_YEAR = 1900;  // struct tm counts years from here
 constexpr int MONTH_DAYS[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
 
 // The C library reads the zone's file once for a process and again only when TZ changes. The zone
-// may have been set since, by ourselves or by another process.
+// may have been set since, by ourselves or by another process, and TZ by the caller.
 void ReadZoneAgain() {
-  if (getenv("TZ") != nullptr) return;
-  setenv("TZ", "UTC0", 1);
-  tzset();
-  unsetenv("TZ");
+  if (getenv("TZ") == nullptr) {
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    unsetenv("TZ");
+  }
   tzset();
 }
 
@@ -45,11 +46,50 @@ bool IsTime(int32_t hour, int32_t minute, int32_t second) {
   return hour >= 0 && hour <= 23 && minute >= 0 && minute <= 59 && second >= 0 && second <= 59;
 }
 
-int32_t SetClock(tm local) {
+// Sets the clock, and leaves in `local` what it shows then: under the daylight saving of its own
+// day that may be another hour.
+int32_t SetClock(tm &local) {
   timeval now = {};
   now.tv_sec = mktime(&local);
   if (now.tv_sec == -1) return libbh_SysError(EOVERFLOW);
   return settimeofday(&now, nullptr) == 0 ? 0 : libbh_SysError(errno);
+}
+
+void PutDate(tm &local, int32_t year, int32_t month, int32_t day) {
+  local.tm_mon = month - 1;
+  local.tm_year = year - FIRST_TM_YEAR;
+  local.tm_mday = day;
+}
+
+void PutTime(tm &local, int32_t hour, int32_t minute, int32_t second) {
+  local.tm_hour = hour;
+  local.tm_min = minute;
+  local.tm_sec = second;
+}
+
+bool Shows(const tm &local, const DateTime &record) {
+  return local.tm_year + FIRST_TM_YEAR == record.year && local.tm_mon + 1 == record.month &&
+         local.tm_mday == record.day && local.tm_hour == record.hour &&
+         local.tm_min == record.minute;
+}
+
+// The date goes first, so that the time is set under the daylight saving of its own day. The time
+// half goes on from what the date half has set, not from the clock: a second that passes at
+// midnight must not become a day.
+void ApplyDateAndTime(const DateTime &record) {
+  tm local = LocalNow();
+  PutDate(local, record.year, record.month, record.day);
+  const bool date_set = SetClock(local) == 0;
+  if (!date_set) local = LocalNow();
+  PutTime(local, record.hour, record.minute, record.second);
+  const bool time_set = SetClock(local) == 0;
+  if (!date_set || !time_set || Shows(local, record)) return;
+  // Each half was taken under the daylight saving of the time before it. Where that is not the
+  // day's own, the clock is an hour off, near midnight a day.
+  PutDate(local, record.year, record.month, record.day);
+  PutTime(local, record.hour, record.minute, record.second);
+  local.tm_isdst = -1;  // whatever holds then
+  SetClock(local);
 }
 
 }  // namespace
@@ -70,7 +110,6 @@ int32_t libbh_GetDateAndTime(DateTime *record) {
   return 0;
 }
 
-// The date goes first, so that the time is set under the daylight saving of its own day.
 int32_t libbh_SetDateAndTime(int32_t mode, const DateTime *record) {
   if (record == nullptr) return libbh_SysError(EINVAL);
   int32_t result = libbh_SetTime(1, record->hour, record->minute, record->second);
@@ -78,10 +117,7 @@ int32_t libbh_SetDateAndTime(int32_t mode, const DateTime *record) {
   result = libbh_SetDate(1, record->year, record->month, record->day);
   if (result < 0) return result;
   if (mode != 0) return 0;
-  libbh_SetDate(0, record->year, record->month, record->day);
-  libbh_SetTime(0, record->hour, record->minute, record->second);
-  // A date set under the old day's daylight saving is an hour off, near midnight another day.
-  if (LocalNow().tm_mday != record->day) libbh_SetDate(0, record->year, record->month, record->day);
+  ApplyDateAndTime(*record);
   RunShell("/usr/local/bin/time_set.sh");
   return 0;
 }
@@ -90,9 +126,7 @@ int32_t libbh_SetDate(int32_t mode, int16_t year, int16_t month, int16_t day) {
   if (!IsDate(year, month, day)) return BAD_DATE_OR_TIME;
   if (mode != 0) return 0;
   tm local = LocalNow();
-  local.tm_mon = month - 1;
-  local.tm_year = year - FIRST_TM_YEAR;
-  local.tm_mday = day;
+  PutDate(local, year, month, day);
   return SetClock(local);
 }
 
@@ -100,9 +134,7 @@ int32_t libbh_SetTime(int32_t mode, int16_t hour, int16_t minute, int16_t second
   if (!IsTime(hour, minute, second)) return BAD_DATE_OR_TIME;
   if (mode != 0) return 0;
   tm local = LocalNow();
-  local.tm_hour = hour;
-  local.tm_min = minute;
-  local.tm_sec = second;
+  PutTime(local, hour, minute, second);
   return SetClock(local);
 }
 
