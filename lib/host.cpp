@@ -38,12 +38,12 @@ bool HasNameLength(const char *name) {
 }
 
 int32_t ReadWorkgroup(const char *path, char *buffer, int32_t size) {
-  if (buffer == nullptr) return libbh_SysError(EINVAL);
   const HeapText value(libbh_GetConfigValue(path, WORKGROUP_KEY));
   if (!value) return NO_WORKGROUP;
   const size_t length = strlen(value.get());
   const size_t room = size > 0 ? static_cast<size_t>(size) : 0;
   if (length == 0 || length > LONGEST_NAME || length > room) return BAD_WORKGROUP;
+  if (buffer == nullptr) return libbh_SysError(EINVAL);
   memcpy(buffer, value.get(), std::min(length + 1, room));
   return 0;
 }
@@ -55,10 +55,19 @@ int32_t SetSambaWorkgroup(const char *name) {
   return 0;
 }
 
-// Without a whole copy the information file stays as it is.
+bool AreEqual(const char *path, const char *other) {
+  std::string content;
+  std::string other_content;
+  return ReadTextFile(path, content) == 0 && ReadTextFile(other, other_content) == 0 &&
+         content == other_content;
+}
+
+// Without a whole copy the information file stays as it is. The copy itself tells: in a program
+// that ignores SIGCHLD no command has a status.
 void ReencodeInfo(const char *workgroup) {
   if (!RemoveLeftover(SCRATCH_FILE)) return;
-  if (RunShell("cp /etc/korvo/info /tmp/libbh_tmp") == 0 &&
+  RunShell("cp /etc/korvo/info /tmp/libbh_tmp");
+  if (AreEqual(INFO_FILE, SCRATCH_FILE) &&
       libbh_SetConfigValue(SCRATCH_FILE, INFO_WORKGROUP_KEY, workgroup) == 0)
     RunShell("nkf -e /tmp/libbh_tmp > /etc/korvo/info");
   unlink(SCRATCH_FILE);

@@ -53,11 +53,9 @@ int ReadOtherJobs(std::string &kept) {
   if (error != 0) return error;
   std::string_view rest = content;
   while (!rest.empty()) {
-    const std::string_view piece = NextPiece(rest);
-    if (!Mentions(piece, NTP_COMMAND))
-      kept.append(piece);
-    else if (!piece.ends_with('\n'))
-      NextPiece(rest, rest.npos);  // what a long server name left of the line
+    const std::string_view line = NextPiece(rest, rest.npos);
+    // A line's front decides for all of it: half a job would be another one.
+    if (!Mentions(line.substr(0, LONGEST_PIECE), NTP_COMMAND)) kept.append(line);
   }
   return 0;
 }
@@ -93,7 +91,7 @@ int32_t ReadNtpLine(const std::string &line, NtpConfig &config) {
   char server[LONGEST_SERVER + 1] = "";
   const bool active = line[0] != '#';
   sscanf(line.c_str() + (active ? 0 : 1),
-         "0 */%31[0-9-] * * * root /usr/sbin/ntpdate_script -b -s %255s", hours, server);
+         "0 */%31[0-9+-] * * * root /usr/sbin/ntpdate_script -b -s %255s", hours, server);
   config.enabled = active ? 1 : 0;
   config.interval_hours = ToNumber(hours);
   config.server = HeapCopy(server);

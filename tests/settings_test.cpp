@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <algorithm>
+#include <csignal>
+
 #include "board/board.h"
 #include "lib/libbh.h"
 #include "tests/files.h"
@@ -61,6 +64,9 @@ TEST(Settings, NamesAndServices) {
   WriteFile(PRODUCT, "PRODUCTID=0x2000");
   EXPECT_EQ((Ints{group("SEVENTEEN-LETTERS"), group(""), group("ABCD")}), (Ints{-112, -112, 0}));
   EXPECT_EQ(Fill(libbh_GetGroupName, {3, 4, 5}), "-112!!!!!!0ABCD!!0ABCD\0!"s);
+  EXPECT_EQ(libbh_GetGroupName(nullptr, 0), -112);
+  EXPECT_EQ(libbh_GetGroupName(nullptr, 5), -10000 - EINVAL);
+  EXPECT_EQ(libbh_GetAtalkWorkgroup(nullptr, 0), -113);
   EXPECT_EQ(libbh_SetTimeZone(330) + access("/tmp/libbh_tmp", F_OK), -1);
   EXPECT_EQ(ReadFile(INFO), "wg=ABCD\ntimezone=-5.5\n");
   WriteFile(PRODUCT, "PRODUCTID=0x2001");
@@ -86,6 +92,35 @@ TEST(Settings, NamesAndServices) {
             "2\n/usr/local/bin/load_config.sh\n");
 }
 
+TEST(Settings, WorkgroupIsSetInAProgramThatIgnoresItsChildren) {
+  signal(SIGCHLD, SIG_IGN);  // no command has a status then
+  libbh_lock();
+  WriteFile(INFO, "wg=OLD\n");
+  WriteFile(PRODUCT, "PRODUCTID=0x2000");
+  EXPECT_EQ(libbh_SetGroupName(0, "NEW", 0), 0);
+  EXPECT_EQ(ReadFile(INFO), "wg=NEW\n");
+}
+
+TEST(Settings, WorkgroupNeedsAWholeCopy) {
+  libbh_lock();
+  WriteFile(INFO, "wg=OLD\n");
+  WriteFile(PRODUCT, "PRODUCTID=0x2000");
+  WriteFile("/usr/local/bin/cp", "#!/bin/sh\nhead -c 3 $1 > $2\n");
+  ASSERT_EQ(system("chmod +x /usr/local/bin/cp"), 0);
+  EXPECT_EQ(libbh_SetGroupName(0, "NEW", 0), 0);
+  EXPECT_EQ(ReadFile(INFO), "wg=OLD\n");
+}
+
+TEST(Settings, LongCrontabLineIsKeptOrDroppedWhole) {
+  const string behind = "0 1 * * * root " + X250 + NTP.substr(NTP.find("/usr")) + "a\n";
+  const string inside = "0 1 " + NTP + X250 + "\n";
+  NtpConfig config = {0, const_cast<char *>("b"), 6};
+  libbh_lock();
+  WriteFile(CRONTAB, behind + inside);
+  EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
+  EXPECT_EQ(ReadFile(CRONTAB), behind + "#0 */6 " + NTP + "b \n");
+}
+
 TEST(Settings, NtpSchedule) {
   libbh_lock();
   EXPECT_EQ(Ntp("a\n0 9 * * * root /usr/sbin/ntpdate_script -b -s old\nb", 1, "n-1.org", 6),
@@ -104,6 +139,65 @@ TEST(Settings, NtpSchedule) {
   const NtpConfig config = {0, const_cast<char *>("a"), 1};
   EXPECT_EQ((RemoveFile(CRONTAB), symlink("/dev/full", CRONTAB)), 0);
   EXPECT_EQ(libbh_SetNtpConfig(0, &config), -10028);
+}
+
+TEST(Settings, DateAndTimeComeOutAsAskedWheneverDaylightSavingChanges) {
+  const struct {
+    const char *what;
+    time_t before;
+    DateTime wanted;
+    time_t after;
+    int calls;
+  } cases[] = {
+      {"no change", 1168000000, {2007, 2, 3, 4, 5, 6}, 1170471906, 2},
+      {"to a summer day", 1168000000, {2007, 7, 1, 12, 0, 0}, 1183284000, 2},
+      {"to a winter day, near midnight", 1151706600, {2006, 12, 24, 18, 30, 15}, 1166981415, 3},
+      {"to the day that begins it, before", 1168000000, {2007, 3, 25, 1, 0, 0}, 1174780800, 3},
+      {"to the day that begins it, after", 1174780800, {2007, 3, 25, 18, 0, 0}, 1174838400, 3},
+      {"to the day that ends it, before", 1168000000, {2007, 10, 28, 1, 0, 0}, 1193526000, 3},
+      {"to the day that ends it, after", 1183284000, {2007, 10, 28, 18, 0, 0}, 1193590800, 2},
+      {"a second before midnight", 1168000000, {2007, 2, 3, 23, 59, 59}, 1170543599, 2},
+  };
+  Zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  for (const auto &test : cases) {
+    SCOPED_TRACE(test.what);
+    const timeval before = {test.before, 0};
+    settimeofday(&before, nullptr);
+    WriteFile(kCallLog, "");
+    EXPECT_EQ(libbh_SetDateAndTime(0, &test.wanted), 0);
+    const string calls = ReadFile(kCallLog);
+    const string last = "settimeofday " + to_string(test.after) + ".000000\n";
+    EXPECT_TRUE(calls.ends_with(last + "/usr/local/bin/time_set.sh\n")) << calls;
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), '\n'), test.calls + 1) << calls;
+  }
+}
+
+TEST(Settings, DateAndTimeAreHalvesWhereOneFails) {
+  Zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  const timeval before = {1151706600, 0};  // 2006-07-01 00:30:00 local
+  const DateTime wanted = {2006, 12, 24, 18, 30, 15};
+  settimeofday(&before, nullptr);
+  setenv("BOARD_FAIL", "*/settimeofday:1", 1);
+  EXPECT_EQ(libbh_SetDateAndTime(0, &wanted), 0);
+  unsetenv("BOARD_FAIL");
+  DateTime now = {};
+  libbh_GetDateAndTime(&now);
+  EXPECT_EQ(now.month, 7);
+  EXPECT_EQ(now.day, 1);
+  EXPECT_EQ(now.hour, 18);
+}
+
+TEST(Settings, ZoneOfTheCallerIsFollowedAtEachCall) {
+  const timeval before = {1151706600, 0};  // 22:30 UTC
+  DateTime now = {};
+  settimeofday(&before, nullptr);
+  setenv("TZ", "UTC0", 1);
+  libbh_GetDateAndTime(&now);
+  EXPECT_EQ(now.hour, 22);
+  setenv("TZ", "XXX-3", 1);
+  libbh_GetDateAndTime(&now);
+  EXPECT_EQ(now.hour, 1);
+  unsetenv("TZ");
 }
 
 TEST(Settings, ClockAndZone) {
