@@ -113,8 +113,8 @@ int32_t libbh_GetReleaseVersion(uint16_t *out) {
 
 int32_t libbh_ReadSubVersion(const char *file, char *buffer, int32_t size) {
   const HeapText value = ReadValue(file, "SUBVERSION");
-  const int32_t result = CopyOut(value ? value.get() : "", buffer, size);
-  if (result != 0 && buffer != nullptr && size > 0) *buffer = '\0';
+  const int32_t result = value ? CopyOut(value.get(), buffer, size) : 0;
+  if ((!value || result != 0) && buffer != nullptr && size > 0) *buffer = '\0';
   return result;
 }
 

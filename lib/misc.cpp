@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -133,8 +134,14 @@ bool ReplaceValues(std::string_view content, std::string_view key, std::string_v
 int32_t CreateWithKey(const char *path, std::string_view key, std::string_view value) {
   std::string line(key);
   line.append("=\"").append(value).append("\"\n");
-  const int error = WriteTextFile(path, line);
-  return error == 0 ? 0 : libbh_SysError(error);
+  FilePtr file(fopen(path, "we"));
+  if (!file) return libbh_SysError(errno);
+  const int error = WriteAndClose(std::move(file), line);
+  if (error == 0) return 0;
+  // An empty file would define no key, and so take none at the next try. A link to it stays.
+  const HeapText created(realpath(path, nullptr));
+  if (created) unlink(created.get());
+  return libbh_SysError(error);
 }
 
 int32_t OverwriteFile(const char *path, std::string_view content) {

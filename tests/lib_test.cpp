@@ -132,15 +132,18 @@ TEST(SettingsFile, FullDiskIsReported) {
   signal(SIGXFSZ, SIG_IGN);
   rlimit limit = {};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-  const rlimit full = {7, limit.rlim_max};
-  // The last one does not fit the stream's buffer, so it fails before the file is closed.
-  for (const Value &before : {Value(), Value("KEY=old\n"), Value(string(9000, '\n'))}) {
+  const rlimit full = {0, limit.rlim_max};
+  // The second does not fit the stream's buffer, so it fails before the file is closed.
+  for (const Value &before : {Value("KEY=old\n"), Value(string(9000, '\n')), Value()}) {
     Put(SETTINGS, before);
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
     const int32_t result = libbh_SetConfigValue(SETTINGS, "KEY", "new");
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     EXPECT_EQ(result, -10000 - EFBIG);
   }
+  // The first write, the last of these, has left no file in which later ones would find no key.
+  EXPECT_EQ(libbh_SetConfigValue(SETTINGS, "KEY", "new"), 0);
+  EXPECT_EQ(Get(SETTINGS, "KEY"), "new");
 }
 
 TEST(Misc, DefaultsAndGrownTexts) {
@@ -177,6 +180,7 @@ TEST(Identity, TextsFitOrAreRefused) {
       {libbh_GetSubVersion, PRODUCT, "SUBVERSION=\"b123\"\n", 4, -5, ""},
       {libbh_GetSubVersion, PRODUCT, "SUBVERSION=b12", -1, -4, "?"},
       {libbh_GetSubVersion, PRODUCT, "VERSION=1\n", 1, 0, ""},
+      {libbh_GetSubVersion, PRODUCT, "VERSION=1\n", 0, 0, "?"},
       {libbh_GetReleaseSubVersion, RELEASE, "SUBVERSION=\"r7\"\n", 3, 0, "r7"},
       {libbh_GetReleaseSubVersion, RELEASE, "SUBVERSION=\"r7\"\n", 2, -3, ""},
       {libbh_GetBuildDate, PRODUCT, "BUILDDATE=\"2006/03/01\"\n", 11, 0, "2006/03/01"},
@@ -197,7 +201,8 @@ TEST(Identity, TextsFitOrAreRefused) {
     EXPECT_EQ(buffer[std::max(c.size, 2)], '!') << c.content << " in " << c.size;
   }
   EXPECT_EQ(libbh_GetReleaseBuildDate(nullptr, 64), -6);
-  EXPECT_EQ(libbh_GetReleaseSubVersion(nullptr, 64), -1);
+  WriteFile(RELEASE, "BUILDDATE=today\n");
+  EXPECT_EQ(libbh_GetReleaseSubVersion(nullptr, 64), 0) << "there is nothing to fit";
 }
 
 template <int32_t (*GETTER)(uint16_t *)>
