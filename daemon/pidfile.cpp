@@ -28,11 +28,13 @@ bool PidFileExists(const std::string &ifname) {
 
 int32_t WritePidFile(const std::string &ifname, pid_t pid) {
   const std::string path = PidFilePath(ifname);
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const std::string fresh = path + "." + std::to_string(pid);
+  const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return -1;
   const bool written = dprintf(fd, "%d", pid) > 0;
-  if (close(fd) == 0 && written) return 0;
-  unlink(path.c_str());
+  // A server that is just ending removes a file in which it finds no process.
+  if (close(fd) == 0 && written && rename(fresh.c_str(), path.c_str()) == 0) return 0;
+  unlink(fresh.c_str());
   return -1;
 }
 
@@ -46,11 +48,16 @@ pid_t ReadPid(const char *path) {
   return number > 1 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
 }
 
+bool NamesAnotherProcess(const char *path) {
+  const pid_t pid = ReadPid(path);
+  return pid != 0 && pid != getpid() && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
 int32_t DeletePidfile() {
   syslog(LOG_NOTICE, "DeletePidfile()");
   if (daemon_state.ifname.empty()) return -1;
   const std::string path = PidFilePath(daemon_state.ifname);
-  return ReadPid(path.c_str()) == getpid() ? remove(path.c_str()) : -1;
+  return NamesAnotherProcess(path.c_str()) ? -1 : remove(path.c_str());
 }
 
 int32_t stop_daemon(const char *name) {
@@ -63,9 +70,7 @@ int32_t stop_daemon(const char *name) {
   }
   const pid_t pid = ReadPid(path.c_str());
   remove(path.c_str());
-  if (pid == 0) return -1;
-
-  kill(pid, SIGTERM);
+  if (pid != 0) kill(pid, SIGTERM);
   syslog(LOG_EMERG, "stop_daemon() exit kv_servd.\n");
   DebugPrint("stop_daemon() exit kv_servd.\n");
   return 0;

@@ -13,20 +13,24 @@ std::string PidFilePath(const std::string &ifname);
 
 bool PidFileExists(const std::string &ifname);
 
-// Creates or truncates the pid file. Returns -1 when /var/run or the file cannot be had.
+// Creates or replaces the pid file, which is never seen without its number. Returns -1 when
+// /var/run or the file cannot be had.
 int32_t WritePidFile(const std::string &ifname, pid_t pid);
 
 // The process that the file names; 0 when there is none in it, or no file. Neither a process group
 // nor init is ever named. Safe in a signal handler.
 pid_t ReadPid(const char *path);
 
+// Whether the file names a living process other than this one: a server that was started when this
+// one had been told to stop. Safe in a signal handler.
+bool NamesAnotherProcess(const char *path);
+
 // Removes the pid file of the served interface. Returns -1 when no interface is set or the file is
-// another server's (which was started when this one had been told to stop), else the result of the
-// removal.
+// another server's, else the result of the removal.
 int32_t DeletePidfile();
 
-// Ends the instance that serves interface `name`. Returns 0 when its process was signalled, -1
-// when there is no pid file or none with a process in it.
+// Ends the instance that serves interface `name` and removes its pid file, which signals nobody
+// when there is no process in it. Returns 0, or -1 when there is no pid file.
 int32_t stop_daemon(const char *name);
 
 #endif  // BH_DAEMON_PIDFILE_H_

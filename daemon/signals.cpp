@@ -23,8 +23,8 @@
 #include "daemon/pidfile.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/hooks.h"
 #include "lib/libbh.h"
-#include "lib/wait.h"
 
 namespace {
 
@@ -43,6 +43,7 @@ bool IsServer() {
   return daemon_state.server_pid == getpid();
 }
 
+// An exit that was asked for meanwhile comes after the client's last answer.
 bool IsInstalling() {
   return daemon_state.installing != 0 || is_fw_updating() != 0;
 }
@@ -53,18 +54,20 @@ void LogExit(int code) {
 }
 
 void EndServer(int code) {
-  // A second signal must not start the exit within the exit.
+  // A second signal must not start the exit within the exit, and nothing may hold it up.
   daemon_state.waiting = 0;
+  daemon_state.exit_pending = code;
   if (IsServer()) DeletePidfile();
   if (daemon_state.sock != -1) close(daemon_state.sock);
   daemon_state.ifname.clear();
   LogExit(code);
+  if (!TakesMore(STDOUT_FILENO)) _exit(0);  // nobody reads what stdio would still write there
   exit(0);
 }
 
 // However the server ends, a later start must not find its pid file. Not a child's to do.
 void RemovePidFile() {
-  if (IsServer() && ReadPid(pid_file) == getpid()) unlink(pid_file);
+  if (IsServer() && !NamesAnotherProcess(pid_file)) unlink(pid_file);
 }
 
 // After a crash any lock may be held and any memory damaged: the pid file goes first, then the log
@@ -73,6 +76,7 @@ void RemovePidFile() {
 void EndAfterCrash(int code) {
   signal(SIGALRM, SIG_DFL);
   alarm(CRASH_DEADLINE);
+  daemon_state.exit_pending = code;
   RemovePidFile();
   syslog(LOG_NOTICE, "DeletePidfile()");
   LogExit(code);
@@ -89,6 +93,7 @@ void ignore_signal(int) {}
 
 void TellUpdating() {
   static const char text[] = "now F/W updating.\n";
+  if (!TakesMore(STDOUT_FILENO)) return;  // the installation must not wait for a reader
   const ssize_t written = write(STDOUT_FILENO, text, sizeof(text) - 1);
   (void)written;  // nobody may be listening
 }
@@ -143,11 +148,11 @@ void kv_serv_exit(int code) {
   const int saved_errno = errno;
   if (code == SIGSEGV) {
     EndAfterCrash(code);
-  } else if (IsInstalling()) {
+  } else if (is_fw_updating() != 0) {
     TellUpdating();
   } else if (IsForkedChild()) {
     _exit(0);  // the pid file, the log line and the lock are the living server's
-  } else if (daemon_state.waiting != 0) {
+  } else if (daemon_state.waiting != 0 && !IsInstalling()) {
     EndServer(code);
   } else {
     daemon_state.exit_pending = code;

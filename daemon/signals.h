@@ -16,12 +16,14 @@ int32_t InstallChildHandler();
 void ClaimServer();
 
 // Exit routine; `code` is the signal number. Removes the pid file and ends the server with status
-// 0, but for SIGHUP and SIGTERM while a firmware image is being installed.
+// 0, at once or at the next wait. SIGHUP and SIGTERM are refused while a firmware image is being
+// written; those that come before or after it in an installation count when the client has its last
+// answer.
 void kv_serv_exit(int code);
 
 // Bracket the server's waits for a datagram, a child or a shell command, the library's too. An exit
 // signal that came since the last wait takes effect in BeginWait, one that comes before EndWait at
-// once. One that came just before a firmware image began to be installed waits until that is done.
+// once. While firmware is installed both wait until that is done.
 void BeginWait();
 void EndWait();
 

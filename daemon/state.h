@@ -42,8 +42,10 @@ struct DaemonState {
   pid_t led_pid;                      // last blink child
   pid_t firm_down_chpid;              // image receiver started by the last update request
   uint8_t own_mac[6];                 // destination filter of the dispatcher, read on first use
-  volatile sig_atomic_t installing;   // nonzero from an image's acceptance to the last reply
-  volatile sig_atomic_t fw_updating;  // nonzero while a firmware image is being written
+  volatile sig_atomic_t installing;   // nonzero from an image's acceptance to the last reply:
+                                      // an exit waits for its end
+  volatile sig_atomic_t fw_updating;  // nonzero while a firmware image is being written: an exit
+                                      // is refused
   char password_file[128];
   char firm_mem_path[128] = "/tmp/kv_firm_mem";
   const char *firm_dev;  // install target of the running update
@@ -58,7 +60,7 @@ struct DaemonState {
   // Children that may be signalled and waited for; 0 once they are collected, when their numbers
   // may already be somebody else's.
   volatile pid_t live_led;
-  volatile pid_t live_receivers[4];  // of image uploads; more than one lives only for a moment
+  volatile pid_t live_receivers[4];  // of image uploads, the oldest first
 
   // Who may clean up, and when: see daemon/signals.
   pid_t server_pid;                    // this server; 0 until the process serves

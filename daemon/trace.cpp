@@ -1,8 +1,18 @@
 // Trace output; its destination is chosen anew for every line, since debug mode may change at any
 // time.
+//
+// A trace may be a pipe whose reader has stopped reading. A signal that asks for the end must get
+// the server out of a write to it, also one that comes just before: writes are waited for in short
+// looks, and past stdio, which would try once more at the exit.
 
 #include "daemon/trace.h"
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 
@@ -10,24 +20,71 @@
 
 namespace {
 
+constexpr size_t LONGEST_LINE = 8192;  // more than the texts of any datagram
+constexpr int LOOK_INTERVAL = 200;  // milliseconds between two looks whether the server is to end
+
 // In the foreground the trace belongs on the terminal, even with a trace file open.
-FILE *TraceStream() {
+int TraceDescriptor() {
   const bool foreground = (get_mode_flags() & MODE_NOFORK) != 0;
-  return daemon_state.trace_fp != nullptr && !foreground ? daemon_state.trace_fp : stdout;
+  const bool to_file = daemon_state.trace_fp != nullptr && !foreground;
+  return to_file ? fileno(daemon_state.trace_fp) : STDOUT_FILENO;
+}
+
+bool TakesMoreWithin(int fd, int milliseconds) {
+  struct pollfd trace = {.fd = fd, .events = POLLOUT, .revents = 0};
+  const int ready = poll(&trace, 1, milliseconds);
+  return ready > 0 || (ready < 0 && errno != EINTR);  // the write tells what is wrong
+}
+
+// False when the server is to end before the reader takes more.
+bool AwaitReader(int fd) {
+  while (!TakesMoreWithin(fd, daemon_state.exit_pending == 0 ? LOOK_INTERVAL : 0)) {
+    if (daemon_state.exit_pending != 0) return false;
+  }
+  return true;
+}
+
+// A pipe that takes more takes PIPE_BUF bytes at once.
+void Write(int fd, const char *text, size_t length) {
+  while (length > 0 && AwaitReader(fd)) {
+    const ssize_t written = write(fd, text, std::min<size_t>(length, PIPE_BUF));
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;  // errors are nobody's to see
+    text += written;
+    length -= static_cast<size_t>(written);
+  }
+}
+
+int32_t Print(const char *format, va_list arguments) {
+  if ((get_mode_flags() & MODE_DEBUG) == 0) return 0;
+  char line[LONGEST_LINE];
+  const int length = vsnprintf(line, sizeof(line), format, arguments);
+  const int fd = TraceDescriptor();
+  if (fd == STDOUT_FILENO && AwaitReader(fd)) fflush(stdout);  // what was printed there before
+  if (length > 0) Write(fd, line, std::min<size_t>(length, sizeof(line) - 1));
+  return length;
 }
 
 }  // namespace
 
 int32_t DebugPrint(const char *format, ...) {
-  if ((get_mode_flags() & MODE_DEBUG) == 0) return 0;
-
-  FILE *stream = TraceStream();
   va_list arguments;
   va_start(arguments, format);
-  const int written = vfprintf(stream, format, arguments);
+  const int32_t written = Print(format, arguments);
   va_end(arguments);
-  fflush(stream);
   return written;
+}
+
+int32_t libbh_debug_print(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = Print(format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+bool TakesMore(int fd) {
+  return TakesMoreWithin(fd, 0);
 }
 
 int32_t open_trace_file(const char *path) {

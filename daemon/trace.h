@@ -9,9 +9,16 @@
 constexpr const char *TRACE_DASH_RULE = "--------------------------------------";
 constexpr const char *TRACE_STAR_RULE = "**************************************\r\n";
 
-// Writes one line exactly as given and flushes it. Returns the characters written, 0 when debug
-// mode is off. C linkage, so that the settings library can refer to it weakly.
-extern "C" int32_t DebugPrint(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Writes one line exactly as given, at once. Returns the characters written, 0 when debug mode is
+// off. Once the server is to end, what the trace's reader does not take at once is left out: the
+// end must not wait for it.
+int32_t DebugPrint(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The same for the settings library, which knows it by this name.
+extern "C" int32_t libbh_debug_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Whether `fd` takes some hundred bytes at once.
+bool TakesMore(int fd);
 
 // Opens the trace file of -a, truncating it. Returns 0, or -1 when `path` is missing, empty or
 // cannot be created; the trace then goes to standard output.

@@ -1,5 +1,6 @@
 // Children, signals, pid file and trace of the daemon process, each forced into its worst order.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -184,13 +185,45 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
   }
 }
 
-TEST_F(Daemon, PidFileOfALaterServerStays) {
-  ASSERT_EQ(WritePidFile("eth0", getpid() + 1), 0);
+TEST_F(Daemon, PidFileIsRemovedUnlessItNamesALivingServer) {
+  const pid_t living = StartSleeper();
+  const ChildHold hold = HoldChildren();
+  const pid_t ended = ForkChild();
+  if (ended == 0) _exit(0);
+  StatusOf(ended);
+  ReleaseChildren(hold);
+  const struct {
+    const char *what;
+    std::string content;
+    int32_t result;
+  } cases[] = {
+      {"a later server's", std::to_string(living), -1},
+      {"this server's", std::to_string(getpid()), 0},
+      {"a server's that has ended", std::to_string(ended), 0},
+      {"damaged", "abc", 0},
+      {"empty", "", 0},
+  };
+  for (const auto &test : cases) {
+    fixture::WriteFile(kPidFile, test.content);
+    EXPECT_EQ(DeletePidfile(), test.result) << test.what;
+    EXPECT_EQ(Exists(kPidFile), test.result != 0) << test.what;
+  }
+  fixture::RemoveFile(kPidFile);
   EXPECT_EQ(DeletePidfile(), -1);
-  EXPECT_TRUE(Exists(kPidFile));
-  ASSERT_EQ(WritePidFile("eth0", getpid()), 0);
-  EXPECT_EQ(DeletePidfile(), 0);
-  EXPECT_EQ(DeletePidfile(), -1);
+  kill(living, SIGKILL);
+}
+
+TEST_F(Daemon, PidFileIsNeverSeenWithoutItsNumber) {
+  const pid_t living = StartSleeper();
+  fixture::WriteFile(kPidFile, "1");
+  const int before = open(kPidFile, O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(WritePidFile("eth0", living), 0);
+  char content[8] = "";
+  EXPECT_EQ(read(before, content, sizeof(content) - 1), 1);
+  EXPECT_STREQ(content, "1") << "the file was emptied before it was written";
+  close(before);
+  EXPECT_EQ(fixture::ReadFile(kPidFile), std::to_string(living));
+  kill(living, SIGKILL);
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // there a crash is the sanitizer's, and stays visible
@@ -238,11 +271,17 @@ TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
 
 TEST_F(Daemon, StopNeverSignalsFromADamagedPidFile) {
   signal(SIGTERM, SIG_DFL);  // a signal to the own group would end the test
+  set_mode_flags(MODE_DEBUG);
+  testing::internal::CaptureStdout();
   for (const char *text : {"", "0", "-1", "1", "abc", "99999999999999999999", "-4294967295"}) {
     fixture::WriteFile(kPidFile, text);
-    EXPECT_EQ(stop_daemon("eth0"), -1) << text;
+    EXPECT_EQ(stop_daemon("eth0"), 0) << text;
     EXPECT_FALSE(Exists(kPidFile)) << text;
   }
+  std::string lines;
+  for (int i = 0; i < 7; ++i)
+    lines += "stop_daemon() exit kv_servd.\n";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), lines);
   EXPECT_EQ(stop_daemon("eth9"), -1);
 }
 

@@ -1,5 +1,8 @@
 // Command line, start, modes and end of the daemon, seen from the board.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <tuple>
 #include <utility>
@@ -182,6 +185,36 @@ TEST_F(Core, ForegroundServerTracesToStandardOutput) {
             std::string::npos)
       << output;
   EXPECT_EQ(Trace(), "");
+}
+
+TEST_F(Core, EndsWhileItWaitsForTheHostName) {
+  StartDaemon();
+  board::WriteFile(board, "/run/hostname", "#!/bin/sh\n>/run/asked\nexec sleep 1000\n");
+  const std::string install = "chmod +x /run/hostname && ln -sf /run/hostname /bin/hostname";
+  ASSERT_EQ(OnBoard({"sh", "-c", install}).exit_code, 0);
+  wire::Send(client, wire::Request(kDiscover));
+  ASSERT_TRUE(board::WaitFor([this] { return board::Exists(board, "/run/asked"); }));
+  EXPECT_EQ(OnBoard({"bh_servd", "-t", "eth0"}).exit_code, 0);
+  EXPECT_TRUE(AwaitServers(0));
+  EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n"));
+}
+
+TEST_F(Core, EndsWhenNobodyReadsItsTrace) {
+  ASSERT_EQ(OnBoard({"mkfifo", "/run/trace"}).exit_code, 0);
+  const int reader = board::OpenFile(board, "/run/trace", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(OnBoard({"bh_servd", "-d", "-a", "/run/trace"}).exit_code, 0);
+  ASSERT_TRUE(AwaitServers(1));
+  const pid_t server = ServerPid();
+  for (int i = 0; i < 1000; ++i)  // 80 bytes of trace each, and a pipe holds 64 KiB
+    wire::Send(client, wire::Request(0x8051));
+  wire::Send(client, wire::Request(kPing));
+  EXPECT_FALSE(wire::Receive(client, wire::milliseconds(300))) << "the trace has room";
+  ASSERT_TRUE(board::Kill(board, server, SIGTERM));
+  EXPECT_TRUE(AwaitServers(0));
+  EXPECT_FALSE(board::Exists(board, kPidFile));
+  EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n"));
+  EXPECT_TRUE(board::WaitFor([&] { return !board::Kill(board, server, 0); }));
+  close(reader);
 }
 
 TEST_F(Core, ForkThatFailsServesInTheForeground) {
