@@ -130,8 +130,10 @@ int32_t BindService(int32_t sock) {
   return -1;
 }
 
-// Receives one datagram; false when there was none. What a datagram shorter than the header leaves
-// out is zero, never a part of the datagram before it.
+// Receives one datagram; false when there was none. What an acceptable datagram shorter than the
+// header leaves out is zero, never a part of the datagram before it. A shorter one keeps those
+// bytes: with their address it passes the filter where the last one did, so that its refusal is
+// traced.
 bool ReceiveRequest(AcpRequest &request) {
   struct sockaddr_in peer = {};
   socklen_t peer_length = sizeof(peer);
@@ -142,7 +144,8 @@ bool ReceiveRequest(AcpRequest &request) {
   if (received < 0) return false;
 
   const size_t length = static_cast<size_t>(received);
-  if (length < ACP_HEADER_SIZE) memset(request.packet + length, 0, ACP_HEADER_SIZE - length);
+  if (length >= MINIMUM_PACKET && length < ACP_HEADER_SIZE)
+    memset(request.packet + length, 0, ACP_HEADER_SIZE - length);
   request.recvlen = static_cast<int32_t>(received);
   request.peer_addr = peer.sin_addr.s_addr;
   request.peer_port = peer.sin_port;
