@@ -106,7 +106,7 @@ void SegmentDetacher::operator()(uint8_t *segment) const {
 
 bool CreateImage(uint32_t firm_size) {
   const uint64_t need = firm_size + SEGMENT_SLACK;
-  if (firm_size == 0 || need > std::numeric_limits<uint32_t>::max()) return false;
+  if (need > std::numeric_limits<uint32_t>::max()) return false;
   RaiseSegmentLimit(need);
   ReplaceImage();
   const size_t size = static_cast<size_t>(need);
@@ -114,8 +114,9 @@ bool CreateImage(uint32_t firm_size) {
   const int id = FindSegment(daemon_state.firm_mem_path, size, IPC_CREAT | IPC_EXCL | SEGMENT_MODE);
   if (id < 0) return false;
   DebugPrint("initialize shared memory.\n");
+  // A fresh segment is zero. To write zeros into it would take the memory at once, which may be
+  // more than there is.
   const Segment segment = AttachSegment(id);
-  if (segment) memset(segment.get(), 0, size);
   // The receiver does the same; but should it not come that far, an earlier upload's size must not
   // pass for this one's.
   RecordImageSize(0, false);

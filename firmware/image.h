@@ -28,7 +28,7 @@ struct Image {
 
 // Makes the zeroed segment of daemon_state.firm_mem_path for an image of `firm_size` bytes, in
 // place of one that is there, and raises the kernel's limit if that is too low. False when it
-// cannot be had, and for a size of 0 or one that does not fit the segment's 32 bits.
+// cannot be had, and for a size that does not fit the segment's 32 bits.
 bool CreateImage(uint32_t firm_size);
 
 // The segment of daemon_state.firm_mem_path, -1 when there is none.

@@ -114,31 +114,29 @@ struct UpdateRequest {
   uint32_t firm_size;
   uint32_t true_chksum;
   uint32_t zip_pass_len;
-  std::vector<uint8_t> password;
+  std::vector<uint8_t> password;  // with what follows it
+  size_t password_room;           // bytes of it that count
   std::span<const uint8_t> zip_pass_enc;
 };
 
 constexpr size_t PASSWORD_AT = 24;
 constexpr size_t ZIP_PASS_LEN_AT = 32;
 constexpr size_t ZIP_PASS_ENC_AT = 36;
+constexpr size_t PASSWORD_FIELD = ZIP_PASS_LEN_AT - PASSWORD_AT;
 
 std::span<const uint8_t> From(std::span<const uint8_t> body, size_t offset) {
   return body.subspan(std::min(offset, body.size()));
 }
 
-// The password as it came over the wire. Before an archive password's length it ends; otherwise it
-// may run on over those bytes, which the dispatcher has converted as a number.
-std::vector<uint8_t> PasswordBytes(std::span<const uint8_t> body, int32_t variant) {
+// The bytes from the password on as they came over the wire: those of the archive password's length
+// have been converted as a number.
+std::vector<uint8_t> PasswordBytes(std::span<const uint8_t> body) {
   const std::span<const uint8_t> field = From(body, PASSWORD_AT);
   std::vector<uint8_t> bytes(field.begin(), field.end());
-  constexpr size_t FIELD = ZIP_PASS_LEN_AT - PASSWORD_AT;
-  if (variant == WITH_ZIP_PASSWORD) {
-    bytes.resize(std::min(bytes.size(), FIELD));
-  } else if (body.size() >= ZIP_PASS_ENC_AT) {
-    const uint32_t number = BodyU32(body, ZIP_PASS_LEN_AT);
-    for (size_t i = 0; i < sizeof(number); ++i)
-      bytes[FIELD + i] = static_cast<uint8_t>(number >> (8 * i));
-  }
+  if (body.size() < ZIP_PASS_ENC_AT) return bytes;
+  const uint32_t number = BodyU32(body, ZIP_PASS_LEN_AT);
+  for (size_t i = 0; i < sizeof(number); ++i)
+    bytes[PASSWORD_FIELD + i] = static_cast<uint8_t>(number >> (8 * i));
   return bytes;
 }
 
@@ -149,8 +147,10 @@ UpdateRequest ReadRequest(const AcpRequest &request, int32_t variant) {
   update.firm_pid = BodyU32(body, 4);
   update.firm_size = BodyU32(body, 8);
   update.true_chksum = BodyU32(body, 12);
-  update.password = PasswordBytes(body, variant);
+  update.password = PasswordBytes(body);
+  update.password_room = update.password.size();
   if (variant == WITH_ZIP_PASSWORD) {
+    update.password_room = std::min(update.password_room, PASSWORD_FIELD);
     update.zip_pass_len = BodyU32(body, ZIP_PASS_LEN_AT);
     update.zip_pass_enc = From(body, ZIP_PASS_ENC_AT);
   }
@@ -173,9 +173,17 @@ bool TakeLock(const AcpRequest &request, const Family &family) {
   return false;
 }
 
+// In front of an archive password the text ends with its field, and may run on over what follows
+// otherwise. In neither case may it be longer than a password's buffer.
+std::optional<std::string> AdministratorPassword(const UpdateRequest &update, uint32_t key) {
+  const std::optional<std::string> whole = DecodePassword(update.password, key);
+  if (!whole || update.password_room == update.password.size()) return whole;
+  return DecodePassword(std::span(update.password).first(update.password_room), key);
+}
+
 uint32_t CheckAdministrator(const UpdateRequest &update, uint32_t key) {
   if (key == 0) return ACP_STATE_NO_KEY;
-  const std::optional<std::string> password = DecodePassword(update.password, key);
+  const std::optional<std::string> password = AdministratorPassword(update, key);
   return password && CheckPassword(password->c_str()) >= 0 ? ACP_STATE_OK
                                                            : ACP_STATE_PASSWORD_ERROR;
 }
