@@ -137,10 +137,13 @@ void AddConnection(Connections &connections, int fd) {
 
 void Accept(Connections &connections) {
   const int fd = accept4(daemon_state.listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd >= 0)
+  if (fd >= 0) {
+    const int on = 1;  // else a client that vanished would be waited for for ever
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
     AddConnection(connections, fd);
-  else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
+  } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
     FD_CLR(daemon_state.listen_fd, &connections.watched);  // until the next time-out
+  }
 }
 
 // Reads to the end of the stream, or until nothing is left to ask for. An error makes the whole
@@ -293,6 +296,22 @@ void End(pid_t child) {
     Signal(child, SIGKILL);
 }
 
+// The table of live receivers is kept in their order. Of more than it holds, each abandoned on an
+// address that the appliance no longer has, the oldest goes.
+void MakePlace() {
+  const auto &live = daemon_state.live_receivers;
+  while (std::count(std::begin(live), std::end(live), 0) == 0)
+    End(live[0]);
+}
+
+// Under a hold: else the child's end could move a place meanwhile.
+void AddLive(pid_t child) {
+  auto &live = daemon_state.live_receivers;
+  const auto free_place = std::remove(std::begin(live), std::end(live), 0);
+  std::fill(free_place, std::end(live), 0);
+  *free_place = child;
+}
+
 }  // namespace
 
 int32_t tcp_recive_serv(uint8_t *buffer, uint32_t size) {
@@ -318,14 +337,16 @@ pid_t firm_recive(uint32_t size) {
   if (pipe2(pipe, O_CLOEXEC) != 0) return -1;
   not_ready = pipe[1];
   const pid_t daemon = getpid();
-  auto &live = daemon_state.live_receivers;
+  MakePlace();
   const ChildHold hold = HoldChildren();
-  const auto free_place = std::find(std::begin(live), std::end(live), 0);
-  const pid_t child = free_place == std::end(live) ? -1 : ForkWorker();
-  if (child == 0) Receive(size, daemon);
+  const pid_t child = ForkWorker();
+  if (child == 0) {
+    close(pipe[0]);
+    Receive(size, daemon);
+  }
   close(pipe[1]);
   if (child > 0) {
-    *free_place = child;
+    AddLive(child);
     AwaitReady(pipe[0]);
   }
   close(pipe[0]);

@@ -123,7 +123,7 @@ bool AnswerWithOutput(const AcpRequest &request, const CommandRequest &command) 
 // goes into the temporary file. False when one of them cannot be used.
 bool TakeResultLine(std::string &line) {
   const FilePtr results = OpenRegularFile(daemon_state.result_file);
-  if (!results) return false;
+  if (!results || !RemoveLeftover(daemon_state.result_tmp_file)) return false;
   FilePtr rest = CreateRegularFile(daemon_state.result_tmp_file);
   if (!rest) return false;
   char first[LONGEST_RESULT_LINE + 1] = "";

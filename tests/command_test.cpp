@@ -208,6 +208,15 @@ TEST_F(Command, ResultFileIsTakenLineByLine) {
   EXPECT_TRUE(std::filesystem::is_directory(kResults));
 }
 
+TEST_F(Command, LinkAtTheTemporaryFileIsReplaced) {
+  WriteFile("/tmp/target", "somebody's\n");
+  WriteFile(kResults, "one\ntwo\n");
+  std::filesystem::create_symlink("/tmp/target", "/var/tmp/results.tmp");
+  EXPECT_EQ(FetchLine(), "one\n");
+  EXPECT_EQ(FetchLine(), "two\n");
+  EXPECT_EQ(ReadFile("/tmp/target"), "somebody's\n");
+}
+
 TEST_F(Command, NeitherStatusesNorDescriptorsAreLost) {
   const std::ptrdiff_t before = OpenDescriptors();
   for (int i = 0; i < 1000; ++i) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "access/cipher.h"
@@ -73,6 +74,7 @@ struct Firmware : testing::Test {
 struct Order {
   uint32_t type = 1, pid = 0x10, size = 1000, sum = 0;
   string password = "FernGate", zip{};  // with an archive password the command is ACP_FIRMUP3
+  uint32_t zip_length = 8;              // as the client says
 };
 
 void Encode(Bytes &body, string text) {
@@ -88,7 +90,7 @@ Bytes BodyOf(const Order &order) {
     wire::Append(body, number);
   Encode(body, order.password);
   body.resize(order.zip.empty() ? std::max<size_t>(body.size(), 37) : 32);
-  if (!order.zip.empty()) body.resize(36, 1);  // its length, as far as it is looked at
+  if (!order.zip.empty()) wire::Append(body, order.zip_length);
   Encode(body, order.zip);
   return body;
 }
@@ -165,6 +167,32 @@ string Content() {
   return {reinterpret_cast<const char *>(AttachSegment(FindImage()).get()), status.shm_segsz};
 }
 
+// Of a segment: what of it has been written, and so takes memory.
+long ResidentBytes(int id) {
+  std::ifstream table("/proc/sysvipc/shm");
+  string line;
+  std::getline(table, line);
+  while (std::getline(table, line)) {
+    std::istringstream columns(line);
+    string skipped;
+    int segment = -1;
+    long resident = -1;
+    columns >> skipped >> segment;
+    for (int i = 0; i < 12; ++i)
+      columns >> skipped;
+    columns >> resident;
+    if (segment == id) return resident;
+  }
+  return -1;
+}
+
+std::ptrdiff_t PipesOf(pid_t process) {
+  const std::filesystem::directory_iterator files("/proc/" + std::to_string(process) + "/fd");
+  return std::count_if(begin(files), end(files), [](const auto &file) {
+    return std::filesystem::read_symlink(file).string().starts_with("pipe:");
+  });
+}
+
 int Count(const string &path, const string &part) {
   const string text = ReadFile(path);
   int count = 0;
@@ -220,8 +248,8 @@ TEST_F(Firmware, RequestIsAdmittedOrRefused) {
       10 P 1 10 9 80000001            10 p 3 11 9 80000001            10 pk 3 11 9 80000005
       10 kl 1 10 9 80000009           10 . 3 10 9 FFFFFFFF            10 . 5 10 9 FFFFFFFF
       10 1 4 10 9 FFFFFFFF            10 3 4 10 9 FFFFFFFF            10 . 1 11 9 FFFFFFFF
-      10 . 1 10 0 FFFFFFFF            10 . 1 10 FFFFFFFF FFFFFFFF     10 . 1 10 FFFFFF00 FFFFFFFF
-      2001 . 1 2001 0 FFFFFFFF        2001 s 6 2001 9 8000000F        2001 n 6 2001 9 8000000F
+      10 . 1 10 0 /dev/mtdblock0      10 . 1 10 FFFFFFFF FFFFFFFF     10 . 1 10 FFFFFF00 FFFFFFFF
+      2001 . 1 2001 0 /dev/mtd0       2001 s 6 2001 9 8000000F        2001 n 6 2001 9 8000000F
       2001 s 6 2002 9 80000010        2001 . 3 2002 9 80000010        2002 . 4 2002 9 80000011
       2001 e 3 10 9 80000001          2001 v 3 10 9 80000001          2001 el 3 10 9 80000009)");
   string around, outcome, trace;
@@ -271,8 +299,7 @@ TEST_F(Firmware, RequestMayEndAnywhere) {
     EXPECT_EQ(strcmp(daemon_state.zip_pass, "zip-word") == 0, length == 44) << length;
     End(5);
     daemon_state.product_id = 0x2001;
-    const string reply = length < 8 ? "C080:80000010 " : length < 12 ? "C080:FFFFFFFF " : kStarted;
-    EXPECT_EQ(Ask(0x8080, 0, zeph, length), reply) << length;
+    EXPECT_EQ(Ask(0x8080, 0, zeph, length), length < 8 ? "C080:80000010 " : kStarted) << length;
     End(5);
   }
   std::istringstream limits(
@@ -282,6 +309,55 @@ TEST_F(Firmware, RequestMayEndAnywhere) {
     EXPECT_EQ(Begin({.pid = 0x2001, .size = 10000}), "C080:" + state + " ") << before;
     EXPECT_EQ(ReadFile(kLimit), after + "\n");
   }
+}
+
+TEST_F(Firmware, PasswordBeforeAnArchivePasswordHasItsField) {
+  // What stands behind the password's 8 bytes runs on without a zero byte, or ends there.
+  const struct {
+    const char *what;
+    uint32_t zip_length;
+    size_t zip_size;
+    string reply;
+  } cases[] = {
+      {"ends at the length", 0x00111111, 40, kStarted},
+      {"32 bytes in a row", 0x11111111, 20, kStarted},
+      {"33 bytes in a row", 0x11111111, 21, "C080:80000001 "},
+  };
+  for (const auto &test : cases) {
+    Bytes body = BodyOf({.zip = "x", .zip_length = test.zip_length});
+    body.resize(36);
+    body.resize(36 + test.zip_size, 0x11);
+    body.resize(body.size() + 1);
+    EXPECT_EQ(Ask(0x8081, 0, body), test.reply) << test.what;
+    End(5);
+  }
+}
+
+TEST_F(Firmware, ImageWithoutABytePassesTheRequestAlone) {
+  const struct {
+    const char *what;
+    uint32_t type;
+    string replies;
+  } cases[] = {
+      {"verified", 2, kRefused},
+      {"not verified", 1, kFailed},
+  };
+  for (const auto &test : cases) {
+    EXPECT_EQ(Begin({.type = test.type, .size = 0}), kStarted) << test.what;
+    Upload("", "c");
+    EXPECT_EQ(End(0), test.replies) << test.what;
+    EXPECT_EQ(Update({}, "image"), kDone) << "after one that is " << test.what;
+  }
+}
+
+TEST_F(Firmware, SegmentTakesNoMemoryBeforeTheUpload) {
+  EXPECT_EQ(Begin({.size = 512 << 20}), kStarted);
+  struct shmid_ds status = {};
+  const int id = shmget(ftok("/tmp/kv_firm_mem", 0), 0, 0);
+  ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
+  EXPECT_EQ(status.shm_segsz, (512U << 20) + 256);
+  EXPECT_EQ(ResidentBytes(id), 0);
+  EXPECT_EQ(End(5), kRefused);
 }
 
 TEST_F(Firmware, ChecksumIsThatOfTheReceivedBytes) {
@@ -324,6 +400,40 @@ TEST_F(Firmware, ReceiverTakesOneUpload) {
   }
   EXPECT_EQ(OpenDescriptors(), before);
   AwaitListener("0228A8C0", false);
+}
+
+TEST_F(Firmware, ReceiverNoticesAClientThatVanished) {
+  EXPECT_EQ(Begin({}), kStarted);
+  Upload("some", "k", false);
+  // The kernel's table of connections has a timer of kind 2, that of keep-alive.
+  const string kept_alive = "grep -q '0228A8C0:5998 ........:.... 01 .* 02:' /proc/net/tcp";
+  EXPECT_TRUE(board::WaitFor([&] { return RunCommandLine(kept_alive) == 0; }));
+  EXPECT_EQ(End(5), kRefused);
+}
+
+TEST_F(Firmware, ReceiverKeepsNoEndOfItsStartersPipe) {
+  EXPECT_EQ(Begin({}), kStarted);
+  AwaitListener();
+  const std::ptrdiff_t pipes = PipesOf(getpid());
+  EXPECT_EQ(PipesOf(daemon_state.firm_down_chpid), pipes) << "those that both were started with";
+  EXPECT_EQ(End(5), kRefused);
+}
+
+TEST_F(Firmware, OldestOfManyAbandonedReceiversGoes) {
+  // A receiver keeps the address that the appliance had: only so can several live.
+  std::vector<pid_t> receivers;
+  for (int i = 7; i >= 2; --i) {
+    const string move = "ip addr flush dev eth0; ip addr add 192.168.40.%d/24 brd + dev eth0";
+    RunCommandLine(FormatText(move.c_str(), i));
+    EXPECT_EQ(Begin({}), kStarted);
+    receivers.push_back(daemon_state.firm_down_chpid);
+    EXPECT_GT(receivers.back(), 0) << i;
+  }
+  const std::vector<pid_t> youngest(receivers.end() - 4, receivers.end());
+  const auto &live = daemon_state.live_receivers;
+  EXPECT_EQ(std::vector<pid_t>(std::begin(live), std::end(live)), youngest);
+  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(LiveReceivers(), 0);
 }
 
 TEST_F(Firmware, ReceiverEndsWithoutOne) {

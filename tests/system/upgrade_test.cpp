@@ -30,6 +30,19 @@ TEST_F(Upgrade, ClientInstallsAnImageOnFlash) {
   ExpectBhctl(upgrade + "--password admin --product 77", "exit 1");
 }
 
+TEST_F(Upgrade, StopRequestAroundTheWritingCountsAfterTheLastReply) {
+  const string image = ClientFile("image");
+  for (const string step : {"start", "stop"}) {
+    board::WriteFile(board, "/run/stand-ins/fw_update.sh",
+                     "[ $1 != " + step + " ] || bh_servd -t eth0");
+    ExpectBhctl("upgrade " + image + " --type 1 --password admin", "exit 0");
+    EXPECT_TRUE(AwaitServers(0)) << step;
+    EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n")) << step;
+    board::WriteFile(board, board::kSyslog, "");
+    StartDaemon();
+  }
+}
+
 TEST_F(Upgrade, ClientInstallsAnArchiveOnTheDisk) {
   const string archive = ClientFile("");
   const string folder = archive + "-system";
