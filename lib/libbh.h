@@ -1,13 +1,22 @@
 /* The appliance's settings library.
  *
  * Results are signed 32-bit numbers: 0 done, negative refused or failed; a failed system call is
- * -10000 - errno, a null argument where one is needed -10000 - EINVAL, missing memory where nothing
- * else is said -1. Numbers are in host order; IPv4 addresses are in network order. Blocks that a
- * function hands out come from malloc and are released by the caller with free(), lists with their
- * own function. Nothing is cached between calls.
+ * -10000 - errno, a null argument where one is needed -10000 - EINVAL. Numbers are in host order;
+ * IPv4 addresses are in network order. Blocks that a function hands out come from malloc and are
+ * released by the caller with free(), lists with their own function. Nothing is cached between
+ * calls.
  *
- * Setters of what other processes change too return -20000, with nothing read or written, unless
- * the caller holds the configuration lock. The library is not thread-safe. */
+ * A function that has a result for missing memory says so. Where memory for the content of files
+ * and tables is missing, the process ends by abort(); a C++ program's new_handler is asked first.
+ *
+ * Setters that name -20000 return it, with nothing read or written, unless libbh_checklock() is 0.
+ * No other setter looks at the configuration lock.
+ *
+ * A status as system() returns it is -1 while the caller ignores SIGCHLD, although the command ran.
+ * No other result depends on that.
+ *
+ * Names that begin with libbh_ are the library's own: programs define none. Its trace goes to the
+ * weak libbh_debug_print, which only the daemon defines. The library is not thread-safe. */
 
 #ifndef BH_LIB_LIBBH_H_
 #define BH_LIB_LIBBH_H_
@@ -20,19 +29,28 @@
 extern "C" {
 #endif
 
-/* ---- settings files of key="value" lines ---- */
+/* ---- settings files of key="value" lines ----
+ *
+ * A value comes back as it was set, but for these:
+ * - Backslashes: of those in a row a quarter comes back, rounded down; rounded up right before a
+ *   double quote.
+ * - A line end: the value ends before it, and the rest becomes a line of its own. If the file was
+ *   missing, the value comes back with a double quote in front.
+ * - In a file that was there, leading blanks are lost. Of a value with several double quotes comes
+ *   back what stands between the first and the last. Another value of a line that ends with CRLF
+ *   comes back with the carriage return.
+ * - A key of more than 62 characters: it is never found, so NULL comes back. */
 
 /* The value of the first line of the file that defines `key`, without its quotes and two levels of
- * backslashes. NULL when the file cannot be read, no line defines the key, or there is no memory;
- * "" for a key without a value. The caller frees it. */
+ * backslashes. NULL when the file cannot be read, no line defines the key, or there is no memory
+ * for the value; "" for a key without a value. The caller frees it. */
 char *libbh_GetConfigValue(const char *path, const char *key);
 
-/* Writes `value` into every line of the file that defines `key`, and leaves all else as it was: a
- * key that no line defines is not added. A missing file is created with the one line. The file is
- * rewritten in place, without a lock: callers hold the configuration lock where others write too.
- * Returns 0; -1 without memory; -10000 - EMSGSIZE when a line there would exceed 255 bytes with its
- * line end (the file is untouched); -10000 - EINVAL for a null argument; -10000 - errno when the
- * file cannot be read, opened for writing (it is untouched then) or written to the end. */
+/* Writes `value` into every line that defines `key`, in place, and adds no key. A missing file is
+ * created with the one line; if that fails, no file is left. Callers hold the configuration lock
+ * where others write too. 0; -1 without memory; -10000 - EMSGSIZE when a line of an old file would
+ * exceed 255 bytes with its end; -10000 - errno. When the value does not fit, or the file cannot be
+ * read or opened for writing, it is untouched. */
 int32_t libbh_SetConfigValue(const char *path, const char *key, const char *value);
 
 /* The result that stands for the errno `error`: -10000 - error. */
@@ -66,8 +84,9 @@ int32_t libbh_GetVersion(uint16_t *out);
 int32_t libbh_GetReleaseVersion(uint16_t *out);
 int32_t libbh_ReadVersion(const char *file, uint16_t *out);
 
-/* The sub-version's text, "" where none is set, from the same three places. 0, or minus the bytes
- * needed with an empty text in the buffer. */
+/* The sub-version's text, from the same three places. 0, also when none is set: the text is empty
+ * then, and a null buffer or size 0 gets nothing. Minus the bytes needed, with an empty text in the
+ * buffer, when it does not fit. */
 int32_t libbh_GetSubVersion(char *buffer, int32_t size);
 int32_t libbh_GetReleaseSubVersion(char *buffer, int32_t size);
 int32_t libbh_ReadSubVersion(const char *file, char *buffer, int32_t size);
@@ -93,7 +112,8 @@ int32_t libbh_GetTimerStatus(void);
 
 /* ---- power, configuration, files ---- */
 
-/* Say so in the log, write out all files and run the shutdown script. Return 0. */
+/* Say so in the log, through a child that they do not wait for, write out all files and run the
+ * shutdown script. Return 0. */
 int32_t libbh_Reboot(void);
 int32_t libbh_Shutdown(void);
 
@@ -122,7 +142,8 @@ int32_t libbh_Mount(const char *device, const char *directory, const char *fstyp
 int32_t libbh_lock(void);
 
 /* Releases all that the calling process holds; may be called by a signal handler. 0, also when it
- * held nothing; -1 when there is no lock in the system. */
+ * held nothing; -1 when there is no lock in the system, and when the owner record cannot be
+ * attached: the levels that the kernel knows to be the caller's are released all the same. */
 int32_t libbh_unlock(void);
 
 /* 0 when the calling process holds a level, or when the key file is there and the semaphores are
@@ -132,12 +153,14 @@ int32_t libbh_checklock(void);
 /* Waits that many seconds, or until a signal is handled. The result of select(): 0, or -1. */
 int32_t libbh_sleep(int32_t seconds);
 
-/* ---- the interfaces file, /etc/network/interfaces ---- */
+/* ---- the interfaces file, /etc/network/interfaces ----
+ *
+ * A line of more than 255 characters is kept or dropped whole, with its first 255. */
 
 /* Splits the file's text: `own` gets the lines of the stanzas of interface `name` without blank and
  * comment lines, `rest` all others, in their order. A name also selects stanzas that merely contain
  * it. Texts end with a newline, and are null when they have no line; NUL bytes are left out. The
- * caller frees both. 0, or -10000 - errno with both null. */
+ * caller frees both. 0; with both null -1 without memory, or -10000 - errno. */
 int32_t libbh_SplitInterfaces(const char *name, char **own, char **rest);
 
 /* Takes the next line off the text at `*cursor` into `buffer` (`size` bytes, all cleared first),
@@ -190,8 +213,8 @@ int32_t libbh_GetIfInfo(struct IfInfo *record, uint32_t flags);
  * static address that no host can have; -10000 - errno. */
 int32_t libbh_SetIfInfo(int32_t check_only, const struct IfInfo *record);
 
-/* Changes the interface at once and in no file, by texts; `netmask` may be null. The status of the
- * shell command, as system() returns it. */
+/* Changes the interface at once and in no file, by texts that the shell gets as they are; `netmask`
+ * may be null. Does not look at the lock. The status of the command, as system() returns it. */
 int32_t libbh_SetIfconfig(const char *interface, const char *address, const char *netmask);
 
 struct IfListEntry {
@@ -206,8 +229,9 @@ struct IfListEntry {
 };
 
 /* The addresses of `family` (AF_INET) of the interfaces that are up, one entry each; those of alias
- * interfaces ("eth0:1") under the interface's own name, if wanted. Null when there is none or the
- * kernel cannot be asked. Released with libbh_FreeIfList, which takes null too. */
+ * interfaces ("eth0:1") under the interface's own name, if wanted. Null when there is none, the
+ * kernel cannot be asked, or there is no memory. Released with libbh_FreeIfList, which takes null
+ * too. */
 struct IfListEntry *libbh_GetIfList(int32_t family, int32_t with_aliases);
 void libbh_FreeIfList(struct IfListEntry *list);
 
@@ -223,14 +247,15 @@ int32_t libbh_GetMacAddress(const char *name, uint8_t *mac_out);
 
 /* ---- DHCP ---- */
 
-/* 0 when a DHCP client runs for the interface, else -1. */
+/* 0 when the pid file of the interface's DHCP client exists, which the caller need not be able to
+ * read; else -1. */
 int32_t libbh_IsDhcpcdRunning(const char *interface);
 
-/* Tells the interface's DHCP client to end, and does not wait for it. 0; -425 when none runs; -1
- * for a name of no or more than 15 characters. */
+/* Tells the interface's DHCP client to end, and does not wait for it. Does not look at the lock. 0;
+ * -425 when none runs; -1 for a name of no or more than 15 characters. */
 int32_t libbh_StopDhcpClient(const char *interface);
 
-/* 1 when the appliance's own DHCP server runs, else 0. */
+/* 1 when the pid file of the appliance's own DHCP server exists, readable or not; else 0. */
 int32_t libbh_GetDHCPServerMode(void);
 
 /* The appliance's DHCP server cannot be set up from here: does nothing. -399. */
@@ -256,12 +281,13 @@ struct RouteEntry {
 };
 
 /* The kernel's routing table, in its order, with the configured routes marked. 0; -1 when the table
- * lacks a column; -10000 - errno. The list is released with libbh_FreeRouteList, whatever the
- * result. */
+ * lacks a column or there is no memory; -10000 - errno. The list is released with
+ * libbh_FreeRouteList, whatever the result. */
 int32_t libbh_GetRouteTable(struct RouteEntry **list);
 
 /* The routes that the interface's stanza sets up, in its order; none without file or stanza. Lines
- * with an address of more than 15 characters are passed over. Returns 0. */
+ * with an address of more than 15 characters are passed over. Returns 0, also when the list ends
+ * early for want of memory. */
 int32_t libbh_GetConfiguredRoutes(struct RouteEntry **list, const char *interface);
 
 /* Takes null too. Returns 0. */
@@ -269,8 +295,8 @@ int32_t libbh_FreeRouteList(struct RouteEntry *list);
 
 /* Reads the header line of a table under /proc and makes the scan format of its data lines: the
  * arguments are pairs of a column's title and its conversion, in the header's order, then NULL;
- * other columns are skipped. The caller frees it. Null at the end of the stream, and, with a word
- * on standard error, when a title is missing and `more` is 0. */
+ * other columns are skipped. The caller frees it. Null at the end of the stream, without memory,
+ * and, with a word on standard error, when a title is missing and `more` is 0. */
 char *libbh_BuildScanFormat(const char *file_name, int32_t more, FILE *stream, const char *title,
                             ...);
 
@@ -310,8 +336,8 @@ int32_t libbh_GetHostName(char *buffer, int32_t size);
 int32_t libbh_SetApHostName(int32_t mode, const char *name, int32_t restart, const char *ifname);
 
 /* The workgroup of Windows or of AppleTalk clients. A name of exactly `size` characters gets no
- * NUL. 0; -113 when there is none; -112 when it is empty, longer than 16 characters or than `size`.
- */
+ * NUL. 0; -113 when there is none; -112 when it is empty, longer than 16 characters or than `size`;
+ * with a null buffer -10000 - EINVAL in the place of 0. */
 int32_t libbh_GetGroupName(char *buffer, int32_t size);
 int32_t libbh_GetAtalkWorkgroup(char *buffer, int32_t size);
 
@@ -331,11 +357,15 @@ struct DateTime {
   int16_t year, month, day, hour, minute, second; /* local time; year in full, month from 1 */
 };
 
-/* The local time now. 0. */
+/* The local time now. 0. This function and those that set the clock read the zone anew: they call
+ * tzset(), and set TZ for a moment where it is not set. No other thread may use the environment or
+ * local time meanwhile. A TZ of the caller is followed as it is at the call. */
 int32_t libbh_GetDateAndTime(struct DateTime *record);
 
-/* Check local date and time and, with `mode` 0, set the clock. 0; -101 out of range (years begin
- * with 2001); -10000 - errno when the clock refuses, which libbh_SetDateAndTime keeps to itself. */
+/* Check local date and time and, with `mode` 0, set the clock. libbh_SetDateAndTime sets the date
+ * first, then the time: both come out as asked across a change of daylight saving. Do not look at
+ * the lock. 0; -101 out of range (years begin with 2001); -10000 - errno when the clock refuses,
+ * which libbh_SetDateAndTime keeps to itself. */
 int32_t libbh_SetDateAndTime(int32_t mode, const struct DateTime *record);
 int32_t libbh_SetDate(int32_t mode, int16_t year, int16_t month, int16_t day);
 int32_t libbh_SetTime(int32_t mode, int16_t hour, int16_t minute, int16_t second);
@@ -343,8 +373,10 @@ int32_t libbh_SetTime(int32_t mode, int16_t hour, int16_t minute, int16_t second
 /* 1 or 0. */
 int32_t libbh_IsLeapYear(int32_t year);
 
-/* Sets the time zone by its offset in minutes west of Greenwich, and notes it. The zone script's
- * status, as system() returns it. */
+/* Runs the zone script with the offset, in minutes from local time to UTC: -540 is nine hours
+ * ahead. Notes it in hours with the opposite sign (9) under the key timezone of /etc/korvo/info,
+ * where the file and the key exist. Does not look at the lock. The script's status, as system()
+ * returns it. */
 int32_t libbh_SetTimeZone(int32_t offset_minutes);
 
 struct NtpConfig {
@@ -353,12 +385,15 @@ struct NtpConfig {
   int32_t interval_hours; /* 0 to 24; 0: once, now */
 };
 
-/* Checks the NTP schedule and, with `mode` 0, writes it into the crontab and queries the server. 0;
- * -20000; -110 for the interval; -111 for the server; -10000 - errno. */
+/* Checks the NTP schedule and, with `mode` 0, writes it into the crontab and, if it is enabled,
+ * queries the server. A line there of more than 255 characters is kept or dropped whole, with its
+ * first 255. 0; -20000; -110 for the interval; -111 for the server; -10000 - errno. */
 int32_t libbh_SetNtpConfig(int32_t mode, const struct NtpConfig *config);
 
-/* Reads the schedule; without one it is off. The server, which may be null, is released with
- * libbh_FreeNtpConfig, which returns 0. 0, or -10000 - errno. */
+/* Reads the schedule; what the record held before is not freed. An empty crontab gives off with 12
+ * hours, one without an NTP line off with 11. The server is the record's, null without an NTP line,
+ * and is released with libbh_FreeNtpConfig, which returns 0. 0; -1 without memory; -10000 - errno.
+ */
 int32_t libbh_GetNtpConfig(struct NtpConfig *config);
 int32_t libbh_FreeNtpConfig(struct NtpConfig *config);
 
