@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "daemon/state.h"
 
@@ -57,11 +58,11 @@ void Write(int fd, const char *text, size_t length) {
 
 int32_t Print(const char *format, va_list arguments) {
   if ((get_mode_flags() & MODE_DEBUG) == 0) return 0;
-  char line[LONGEST_LINE];
+  char line[LONGEST_LINE] = "";
   const int length = vsnprintf(line, sizeof(line), format, arguments);
   const int fd = TraceDescriptor();
   if (fd == STDOUT_FILENO && AwaitReader(fd)) fflush(stdout);  // what was printed there before
-  if (length > 0) Write(fd, line, std::min<size_t>(length, sizeof(line) - 1));
+  Write(fd, line, strlen(line));
   return length;
 }
 
