@@ -6,12 +6,12 @@
 //
 // The n-th such call (default 1; 0: every one) of a program of that name ("*": any) fails with the
 // error (default ENOMEM for calloc, else EIO). The argument is the path of an open or fopen, the
-// number of bytes of a calloc, a socket's family, a semget's flags in octal, a mount's device, or
-// an ioctl's number as the call log has it; then only calls with it count. Calls are counted in
-// each process image; a fork takes the count along, and a program that changes the variable starts
-// anew. The calls that can fail are those of WRAP and WRAP_PATH, and open, fork, calloc, socket,
-// semget, ioctl, mount and settimeofday; and `write`, which is an open or fopen for writing that
-// succeeds, but with EPERM for all that is written to the file then.
+// number of bytes of a calloc, a socket's family, a setsockopt's option, a semget's flags in octal,
+// a mount's device, or an ioctl's number as the call log has it; then only calls with it count.
+// Calls are counted in each process image; a fork takes the count along, and a program that changes
+// the variable starts anew. The calls that can fail are those of WRAP and WRAP_PATH, and open,
+// fork, calloc, socket, setsockopt, semget, ioctl, mount and settimeofday; and `write`, which is an
+// open or fopen for writing that succeeds, but with EPERM for all that is written to the file then.
 //
 // Beside it, for programs that run already, stands the file /run/failing: "program n" and a line
 // feed. Of the calls, whatever they are, that processes of that program make from then on, the n-th

@@ -316,8 +316,6 @@ extern "C" {
     return Fails(#name) ? (failure) : real arguments;    \
   }
 
-WRAP(int, setsockopt, -1, (int fd, int level, int name, const void *value, socklen_t length),
-     (fd, level, name, value, length))
 WRAP(int, bind, -1, (int fd, const struct sockaddr *address, socklen_t length),
      (fd, address, length))
 WRAP(int, listen, -1, (int fd, int backlog), (fd, backlog))
@@ -405,6 +403,13 @@ int socket(int domain, int type, int protocol) {
     return real(domain, type, protocol);
   LogCall(line);
   return Refusal(EAFNOSUPPORT);
+}
+
+int setsockopt(int fd, int level, int name, const void *value, socklen_t length) {
+  static auto *const real = FindReal(&setsockopt, "setsockopt");
+  char option[16];
+  std::snprintf(option, sizeof option, "%d", name);
+  return Fails("setsockopt", option) ? -1 : real(fd, level, name, value, length);
 }
 
 // As with open, a further argument that the caller has not passed does no harm.

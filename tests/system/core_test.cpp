@@ -147,7 +147,7 @@ TEST_F(Core, SignalsHeldBackByTheStarterReachTheServer) {
 TEST_F(Core, StartThatCannotBeCompleted) {
   const std::tuple<const char *, const char *, int> cases[] = {
       {"bh_servd/socket:1:EMFILE", "start_server could not open socket: Too many open files ", 255},
-      {"bh_servd/setsockopt:2:EPERM",
+      {"bh_servd/setsockopt=6:1:EPERM",  // SO_BROADCAST
        "start_server could not set broadcast option to socket: Operation not permitted ", 0},
       {"bh_servd/bind:1:EADDRINUSE",
        "<24>standalone_server > could not bind sock to device Address already in use \n", 0},

@@ -27,7 +27,8 @@ constexpr char kPidFile[] = "/var/run/bh_servd-eth0.pid", kPlan[] = "/run/failin
 constexpr char kEndsServer[] = "semget 3666";  // as it must, without a set of semaphores
 constexpr const char *kSettings[] = {"/etc/network/interfaces", "/etc/hosts", "/etc/samba/smb.conf",
                                      "/etc/korvo/info", "/etc/korvo/diskinfo"};
-const std::set<string> kReplying = {"socket 17", "setsockopt", "bind", "sendto"};
+// The calls of a reply itself: its packet socket's family, and SO_BROADCAST.
+const std::set<string> kReplying = {"socket 17", "setsockopt 6", "bind", "sendto"};
 const std::set<string> kKept = {"bh_servd.log", "hddrootmode", "korsub_info.sh", "kv_firm_mem",
                                 "firm_size_id", "diskinfo",    "results.txt",    "results.tmp"};
 

@@ -134,9 +134,10 @@ TEST_F(Packets, BurstOfTwoHundredIsAnsweredWhole) {
 
 TEST_F(Packets, FailedTransmissionIsLoggedAndTheNextReplyGoesOut) {
   const std::pair<const char *, const char *> cases[] = {
-      // The server's sockets: its own, then two MAC look-ups before the packet socket.
-      {"bh_servd/socket:4:EMFILE", "<29>start_server could not open socket: Too many open files "},
-      {"bh_servd/setsockopt:4:EPERM",
+      // AF_PACKET; SO_BROADCAST, on the service socket before.
+      {"bh_servd/socket=17:1:EMFILE",
+       "<29>start_server could not open socket: Too many open files "},
+      {"bh_servd/setsockopt=6:2:EPERM",
        "<29>start_server could not set broadcast option to socket: Operation not permitted "},
       {"bh_servd/bind:2:ENODEV",
        "<29>standalone_server > could not bind sock to device No such device "},
