@@ -131,6 +131,17 @@ TEST_F(Packets, ValidationTracesAllThatIsWrong) {
   EXPECT_EQ(Trace().substr(before.size() + 10), std::string(kStars) + "-- ACP_PING\r\n");
 }
 
+TEST_F(Packets, HeaderBytesThatHaveNotComeAreZero) {
+  StartDaemon();
+  Bytes whole = Request(kInfo);
+  whole[30] = 0x77;
+  whole[31] = 0x77;
+  wire::Send(client, whole);
+  Bytes end = Part(Request(kFirmwareEnd), 0, 30);  // half of its result is missing
+  end[0] = 30;
+  EXPECT_EQ(Part(Ask(end), 28, 4), Hex("00 00 00 00"));  // a result other than 0 is refused
+}
+
 TEST_F(Packets, NoDatagramOfAnyLengthDoesHarm) {
   StartDaemon();
   const pid_t server = ServerPid();
