@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <tuple>
 #include <utility>
@@ -159,6 +160,21 @@ TEST_F(Core, StartThatCannotBeCompleted) {
   }
   StartDaemon();
   ExpectAlive();
+}
+
+TEST_F(Core, StartWithClosedStandardDescriptors) {
+  for (const char *closed : {"<&- >&- 2>&-", ">&-"}) {
+    SCOPED_TRACE(closed);
+    EXPECT_EQ(OnBoard({"sh", "-c", std::string("exec bh_servd -d ") + closed}).exit_code, 0);
+    ASSERT_TRUE(AwaitServers(1)) << Syslog();
+    ExpectAlive();
+    const std::string folder = "/run/kernel-proc/" + std::to_string(ServerPid()) + "/fd";
+    const std::string files = OnBoard({"sh", "-c", "cd " + folder + "; readlink 0 1 2"}).output;
+    EXPECT_EQ(std::count(files.begin(), files.end(), '\n'), 3) << files;
+    EXPECT_EQ(files.find("socket:"), std::string::npos) << files;
+    EXPECT_EQ(Syslog().find("start start_server()"), std::string::npos) << "it has the trace";
+    StopDaemon();
+  }
 }
 
 TEST_F(Core, ServesWithoutAPidFileWhenItsFolderIsMissing) {
