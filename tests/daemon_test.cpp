@@ -92,6 +92,18 @@ TEST_F(Daemon, PidStoredAfterTheEndIsForgottenAgain) {
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
 }
 
+TEST_F(Daemon, WorkerLeavesTheServiceSocketToTheServer) {
+  const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  daemon_state.sock = sock;
+  const ChildHold hold = HoldChildren();
+  const pid_t worker = ForkWorker();
+  if (worker == 0) _exit(fcntl(sock, F_GETFD) == -1 ? 0 : 1);
+  EXPECT_EQ(StatusOf(worker), 0) << "the worker has it too";
+  ReleaseChildren(hold);
+  EXPECT_EQ(close(sock), 0) << "the server has lost it";
+  daemon_state.sock = -1;
+}
+
 TEST_F(Daemon, PingWaitsForItsOwnChildOnly) {
   const pid_t sleeper = StartSleeper();
   AcpRequest request = {};
