@@ -157,6 +157,17 @@ TEST_F(Command, CapturedOutputIsInTheReply) {
   EXPECT_NE(string(held.begin(), held.end()).find("0000000000000000\n"), string::npos);
 }
 
+TEST_F(Command, RunsInASessionOfItsOwn) {
+  WriteFile("/tmp/tell", "cut -d ' ' -f 6 /proc/self/stat > /tmp/session");
+  for (const uint32_t type : {1U, 2U, 3U}) {
+    WriteFile("/tmp/session", "");
+    EXPECT_EQ(Run(type, "sh /tmp/tell"), 0U) << type;
+    const pid_t session = std::stoi(ReadFile("/tmp/session"));
+    EXPECT_GT(session, 0) << type;
+    EXPECT_NE(session, getsid(0)) << type;
+  }
+}
+
 TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
   const string touch = "touch /tmp/ran";
   const uint32_t whole = static_cast<uint32_t>(touch.size());
