@@ -13,6 +13,7 @@
 #include "acp/convert.h"
 #include "acp/frame.h"
 #include "acp/reply.h"
+#include "daemon/process.h"
 #include "daemon/state.h"
 #include "tests/system/wire.h"
 
@@ -184,6 +185,34 @@ TEST(SendPacket, RefusesWhatDoesNotFitAFrame) {
   EXPECT_EQ(SendPacket(-1, 0, payload, 7479, 0xFFFFFFFF, mac), -1);
   const Bytes largest(7478);  // over the wire's own limit: logged, not a failure of the call
   EXPECT_EQ(SendPacket(-1, 0, largest.data(), largest.size(), 0xFFFFFFFF, mac), 0);
+}
+
+TEST(SendPacket, IsAddressedByTheArpTable) {
+  ASSERT_EQ(RunCommandLine("ip neigh add 192.168.40.77 lladdr 02:0b:4a:00:00:77 dev eth0 &&"
+                           "ip neigh add 192.168.40.79 lladdr 02:0b:4a:00:00:79 dev eth0 &&"
+                           "ip neigh change 192.168.40.79 dev eth0 nud incomplete"),
+            0);
+  const struct {
+    const char *address;
+    const char *mac;
+  } cases[] = {
+      {"192.168.40.77", "02 0b 4a 00 00 77"},
+      {"192.168.40.78", "ff ff ff ff ff ff"},  // it has none
+      {"192.168.40.79", "ff ff ff ff ff ff"},  // once known, asked for again, not answered yet
+  };
+  const uint8_t payload[1] = {};
+  const uint8_t own_mac[6] = {};
+  daemon_state.ifname = "eth0";
+  wire::Client client = wire::Open("eth0");
+  for (const auto &test : cases) {
+    SCOPED_TRACE(test.address);
+    client.frames.clear();
+    EXPECT_EQ(SendPacket(-1, htons(client.port), payload, 1, inet_addr(test.address), own_mac), 0);
+    const auto frames = wire::ReplyFrames(client);
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(Part(frames[0], 0, 6), Hex(test.mac));
+  }
+  wire::Close(client);
 }
 
 TEST(EnabledClient, IsTheOneThatEnabledCommandMode) {
