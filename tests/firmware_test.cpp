@@ -132,15 +132,20 @@ long LiveReceivers() {
   return std::ssize(live) - std::count(std::begin(live), std::end(live), 0);
 }
 
+int Connect() {
+  const struct sockaddr_in address = {AF_INET, htons(22936), {inet_addr("192.168.40.2")}, {}};
+  const auto *server = reinterpret_cast<const struct sockaddr *>(&address);
+  AwaitListener();
+  const int connection = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(connection, server, sizeof address), 0);
+  return connection;
+}
+
 // By one connection each: 'c' is closed, 'k' kept open, 'r' reset; 's' sends nothing.
 void Upload(const string &data, const string &connections, bool to_its_end = true) {
-  const struct sockaddr_in address = {AF_INET, htons(22936), {inet_addr("192.168.40.2")}, {}};
   std::vector<int> open;
   for (const char how : connections) {
-    AwaitListener();
-    open.push_back(socket(AF_INET, SOCK_STREAM, 0));
-    const auto *server = reinterpret_cast<const struct sockaddr *>(&address);
-    EXPECT_EQ(connect(open.back(), server, sizeof address), 0);
+    open.push_back(Connect());
     const struct linger reset = {how == 'r', 0};
     setsockopt(open.back(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     if (how != 's') send(open.back(), data.data(), data.size(), 0);
@@ -150,6 +155,19 @@ void Upload(const string &data, const string &connections, bool to_its_end = tru
   EXPECT_TRUE(board::WaitFor(is_over));
   for (size_t i = 0; to_its_end && i < open.size(); ++i)
     close(open[i]);
+}
+
+// From a child, a byte each half second. Returns at once.
+void UploadSlowly(const string &data) {
+  const int connection = Connect();
+  if (fork() == 0) {
+    for (const char byte : data) {
+      usleep(500'000);
+      send(connection, &byte, 1, MSG_NOSIGNAL);
+    }
+    _exit(0);
+  }
+  close(connection);
 }
 
 string Update(Order order, const string &image) {
@@ -503,6 +521,14 @@ TEST_F(Firmware, EndStopsItsReceiverOnly) {
   EXPECT_EQ(End(0), kFailed);
   EXPECT_NEAR(static_cast<double>(time(nullptr) - start), 11, 1.5);
   EXPECT_EQ(Update({}, "image"), kDone);
+}
+
+TEST_F(Firmware, EndAwaitsAnUploadThatFlows) {
+  const string image = "twelve and a half seconds";  // ten of them without a byte would end it
+  EXPECT_EQ(Begin({}), kStarted);
+  UploadSlowly(image);
+  EXPECT_EQ(End(0), kDone);
+  EXPECT_EQ(ReadFile("/dev/mtdblock0"), image);
 }
 
 TEST_F(Firmware, ImageIsWrittenToFlashOrRefused) {
