@@ -6,7 +6,6 @@
 #include "board/contained.h"
 
 #include <linux/if_packet.h>
-#include <poll.h>
 #include <sys/select.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -114,7 +113,7 @@ int system(const char *command) {
   return strlen(command) > 0 ? static_cast<int>(Choose() << 8) : 1;
 }
 
-int ppoll(struct pollfd *, nfds_t, const struct timespec *, const sigset_t *) {
+int pselect(int, fd_set *, fd_set *, fd_set *, const struct timespec *, const sigset_t *) {
   CollectAll();
   return 0;
 }

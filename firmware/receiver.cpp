@@ -245,11 +245,13 @@ int64_t Now() {
 }
 
 // Sleeps until a child has ended, or for a moment. SIGCHLD is held back but for this sleep, so that
-// its handler, which collects the child, cannot run between the caller's look and the sleep.
+// its handler, which collects the child, cannot run between the caller's look and the sleep. ppoll
+// would not sleep at all on the appliance: with checks of buffers, glibc 2.36 reads its 64-bit
+// times as 32-bit ones.
 void AwaitAnyChild(const ChildHold &hold) {
   const struct timespec moment = {.tv_sec = 0, .tv_nsec = LOOK * 1'000'000};
   BeginWait();
-  ppoll(nullptr, 0, &moment, &hold.previous);
+  pselect(0, nullptr, nullptr, nullptr, &moment, &hold.previous);
   EndWait();
 }
 
