@@ -9,7 +9,7 @@
 // number of bytes of a calloc, a socket's family, a setsockopt's option, a semget's flags in octal,
 // a mount's device, or an ioctl's number as the call log has it; then only calls with it count.
 // Calls are counted in each process image; a fork takes the count along, and a program that changes
-// the variable starts anew. The calls that can fail are those of WRAP and WRAP_PATH, and open,
+// the variable starts anew. The calls that can fail are those of WRAP and WRAP_AS, and fopen, open,
 // fork, calloc, socket, setsockopt, semget, ioctl, mount and settimeofday; and `write`, which is an
 // open or fopen for writing that succeeds, but with EPERM for all that is written to the file then.
 //

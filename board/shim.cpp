@@ -24,11 +24,10 @@
 // and the board's clock is set on by its time. /run/board-ticks, if there is one, has what times()
 // returns.
 //
-// Calls fail on demand: see board/failing.h.
+// Calls fail on demand: see board/failing.h. Those that know times are in board/shim_timed.cpp.
 //
 // The shim is loaded into programs of any language: it uses nothing of the C++ library.
 
-#include <dlfcn.h>
 #include <endian.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -38,41 +37,27 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
-#include <sys/select.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/times.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "board/failing.h"
+#include "board/shim.h"
 
 namespace {
 
-constexpr int64_t kSecond = 1000000000;  // in nanoseconds
-
 uint32_t *clock_offset = nullptr;  // low and high half, shared by all processes on the board
-
-// The call behind this file's own of that name.
-template <typename Function>
-Function *FindReal(Function *, const char *name) {
-  void *symbol = dlsym(RTLD_NEXT, name);
-  Function *real = nullptr;
-  std::memcpy(&real, &symbol, sizeof symbol);
-  return real;
-}
 
 // A program finds itself under /proc by its number as it would on the appliance. The board's /proc
 // cannot follow the process table by itself, so each new process adds its own link.
@@ -98,6 +83,8 @@ __attribute__((constructor)) void Start() {
   MapClock();
 }
 
+}  // namespace
+
 int Refusal(int error) {
   errno = error;
   return -1;
@@ -110,19 +97,6 @@ void LogCall(const char *line) {
   if (log < 0) return;
   if (write(log, line, std::strlen(line)) < 0) std::perror("board shim: call log");
   close(log);
-}
-
-// The fourth argument of semctl, which programs declare themselves.
-union SemaphoreArgument {
-  int value;
-  struct semid_ds *status;
-};
-
-int64_t RealTime(clockid_t id) {
-  static auto *const real = FindReal(&clock_gettime, "clock_gettime");
-  struct timespec now {};
-  real(id, &now);
-  return now.tv_sec * kSecond + now.tv_nsec;
 }
 
 // Not every processor of the board can move eight bytes at once: a half-written offset is read
@@ -139,23 +113,15 @@ int64_t ClockOffset() {
   return static_cast<int64_t>(static_cast<uint64_t>(le32toh(high)) << 32 | le32toh(low));
 }
 
-void SetClockOffset(int64_t offset) {
-  if (clock_offset == nullptr) return;
+bool SetClockOffset(int64_t offset) {
+  if (clock_offset == nullptr) return false;
   const auto bits = static_cast<uint64_t>(offset);
   __atomic_store_n(clock_offset, htole32(static_cast<uint32_t>(bits)), __ATOMIC_SEQ_CST);
   __atomic_store_n(clock_offset + 1, htole32(static_cast<uint32_t>(bits >> 32)), __ATOMIC_SEQ_CST);
+  return true;
 }
 
-int64_t BoardTime(clockid_t id) {
-  return RealTime(id) + ClockOffset();
-}
-
-int SetBoardTime(int64_t wanted) {
-  if (geteuid() != 0) return Refusal(EPERM);
-  if (clock_offset == nullptr) return Refusal(ENODEV);
-  SetClockOffset(wanted - RealTime(CLOCK_REALTIME));
-  return 0;
-}
+namespace {
 
 // Moves a decimal number off the front of a file of the board into `number`, and another one into
 // `second` if there is one. False, with nothing moved, when there is no such file.
@@ -235,7 +201,8 @@ int FlashIoctl(const char *device, unsigned long request) {
   return 0;
 }
 
-// Whether a driver of the board has answered.
+}  // namespace
+
 bool DriverAnswers(int fd, unsigned long request, void *argument, int *result) {
   char link[32];
   char device[64] = "";
@@ -262,23 +229,7 @@ bool DriverAnswers(int fd, unsigned long request, void *argument, int *result) {
   return true;
 }
 
-// When a semaphore set was last operated on, from the kernel's own table of {key, id, mode, count,
-// owner's and maker's user and group, last operation, last change}.
-time_t LastOperation(int set) {
-  static char table[4096];
-  const int file = openat(AT_FDCWD, "/proc/sysvipc/sem", O_RDONLY | O_CLOEXEC);
-  const ssize_t length = file < 0 ? -1 : read(file, table, sizeof table - 1);
-  if (file >= 0) close(file);
-  table[length < 0 ? 0 : length] = '\0';
-  char *line = table;
-  while ((line = std::strchr(line, '\n')) != nullptr) {
-    long long columns[9] = {};
-    for (long long &column : columns)
-      column = std::strtoll(line, &line, 10);
-    if (columns[1] == set) return static_cast<time_t>(columns[8]);
-  }
-  return 0;
-}
+namespace {
 
 // The look-up of the real calloc may itself ask for memory, which it never gives back.
 void *EarlyMemory(size_t size) {
@@ -311,10 +262,7 @@ FILE *WithFailingWrites(FILE *file, const char *path, const char *mode) {
 extern "C" {
 
 #define WRAP(type, name, failure, parameters, arguments) \
-  type name parameters {                                 \
-    static auto *const real = FindReal(&(name), #name);  \
-    return Fails(#name) ? (failure) : real arguments;    \
-  }
+  WRAP_AS(#name, type, name, failure, parameters, arguments)
 
 WRAP(int, bind, -1, (int fd, const struct sockaddr *address, socklen_t length),
      (fd, address, length))
@@ -325,11 +273,9 @@ WRAP(ssize_t, sendto, -1,
      (fd, data, size, flags, to, length))
 WRAP(int, pipe, -1, (int *fds), (fds))
 WRAP(int, pipe2, -1, (int *fds, int flags), (fds, flags))
-WRAP(FILE *, popen, nullptr, (const char *command, const char *mode), (command, mode))
 WRAP(int, system, -1, (const char *command), (command))
 WRAP(int, shmget, -1, (key_t key, size_t size, int flags), (key, size, flags))
 WRAP(void *, shmat, MAP_FAILED, (int id, const void *address, int flags), (id, address, flags))
-WRAP(int, shmctl, -1, (int id, int command, struct shmid_ds *status), (id, command, status))
 WRAP(int, shmdt, -1, (const void *address), (address))
 WRAP(int, semop, -1, (int set, struct sembuf *operations, size_t count), (set, operations, count))
 WRAP(int, sigaction, -1, (int number, const struct sigaction *action, struct sigaction *old),
@@ -349,15 +295,20 @@ int setenv(const char *name, const char *value, int overwrite) {
   return result;
 }
 
-// The calls of a file's name; programs with 64-bit file offsets call them under their second name.
-#define WRAP_PATH(type, name, parameters, arguments)                                       \
-  type name parameters {                                                                   \
-    static auto *const real = FindReal(&(name), #name);                                    \
-    return Fails("fopen", path) ? nullptr : WithFailingWrites(real arguments, path, mode); \
-  }
+// The calls of a file's name; programs with 64-bit file offsets call them under their second name,
+// which the headers put in the first one's place here too.
+FILE *OpenStreamFor32(const char *path, const char *mode) __asm__("fopen");
+FILE *OpenStreamFor64(const char *path, const char *mode) __asm__("fopen64");
 
-WRAP_PATH(FILE *, fopen, (const char *path, const char *mode), (path, mode))
-WRAP_PATH(FILE *, fopen64, (const char *path, const char *mode), (path, mode))
+FILE *OpenStreamFor32(const char *path, const char *mode) {
+  static auto *const real = FindReal(&fopen, "fopen");
+  return Fails("fopen", path) ? nullptr : WithFailingWrites(real(path, mode), path, mode);
+}
+
+FILE *OpenStreamFor64(const char *path, const char *mode) {
+  static auto *const real = FindReal(&fopen64, "fopen64");
+  return Fails("fopen", path) ? nullptr : WithFailingWrites(real(path, mode), path, mode);
+}
 
 // open takes its mode only sometimes, and as a further argument; passing one always does no harm.
 int OpenFor32(const char *path, int flags, mode_t mode) __asm__("open");
@@ -405,28 +356,6 @@ int socket(int domain, int type, int protocol) {
   return Refusal(EAFNOSUPPORT);
 }
 
-int setsockopt(int fd, int level, int name, const void *value, socklen_t length) {
-  static auto *const real = FindReal(&setsockopt, "setsockopt");
-  char option[16];
-  std::snprintf(option, sizeof option, "%d", name);
-  return Fails("setsockopt", option) ? -1 : real(fd, level, name, value, length);
-}
-
-// As with open, a further argument that the caller has not passed does no harm.
-int IoctlFor(int fd, unsigned long request, void *argument) __asm__("ioctl");
-
-int IoctlFor(int fd, unsigned long request, void *argument) {
-  static auto *const real = FindReal(&ioctl, "ioctl");
-  char number[24];
-  std::snprintf(number, sizeof number, "%#lx", request);
-  int result = 0;
-  const int error = errno;
-  if (Fails("ioctl", number)) return -1;
-  if (DriverAnswers(fd, request, argument, &result)) return result;
-  errno = error;
-  return real(fd, request, argument);
-}
-
 int mount(const char *device, const char *directory, const char *type, unsigned long flags,
           const void *data) {
   static auto *const real = FindReal(&mount, "mount");
@@ -441,37 +370,6 @@ int mount(const char *device, const char *directory, const char *type, unsigned 
   std::snprintf(partition, sizeof partition, "/run/disks/%.64s",
                 name == nullptr ? device : name + 1);
   return real(partition, directory, "none", MS_BIND, nullptr);
-}
-
-// The emulator leaves the time of the last operation out of a set's status.
-int semctl(int set, int number, int command, ...) {
-  static auto *const real = FindReal(&semctl, "semctl");
-  if (command == GETVAL || command == GETPID || command == GETNCNT || command == GETZCNT ||
-      command == IPC_RMID)
-    return real(set, number, command);
-  va_list arguments;
-  va_start(arguments, command);
-  const auto argument = va_arg(arguments, SemaphoreArgument);
-  va_end(arguments);
-  const int result = real(set, number, command, argument);
-  if (result == 0 && command == IPC_STAT && argument.status->sem_otime == 0)
-    argument.status->sem_otime = LastOperation(set);
-  return result;
-}
-
-int select(int count, fd_set *in, fd_set *out, fd_set *err, struct timeval *time) {
-  static auto *const real = FindReal(&select, "select");
-  const int error = errno;
-  if (count != 0 || time == nullptr || faccessat(AT_FDCWD, "/run/fast-sleep", F_OK, 0) != 0) {
-    errno = error;
-    return real(count, in, out, err, time);
-  }
-  char line[64];
-  std::snprintf(line, sizeof line, "select %lld.%06ld\n", static_cast<long long>(time->tv_sec),
-                static_cast<long>(time->tv_usec));
-  LogCall(line);
-  SetClockOffset(ClockOffset() + time->tv_sec * kSecond + time->tv_usec * 1000);
-  return 0;
 }
 
 clock_t times(struct tms *used) {
@@ -506,50 +404,6 @@ void *calloc(size_t count, size_t size) {
     if (FailsByVariable("calloc", bytes)) return nullptr;
   }
   return real(count, size);
-}
-
-int clock_gettime(clockid_t id, struct timespec *now) {
-  static auto *const real = FindReal(&clock_gettime, "clock_gettime");
-  if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE) return real(id, now);
-  const int64_t moved = BoardTime(id);
-  now->tv_sec = static_cast<time_t>(moved / kSecond);
-  now->tv_nsec = static_cast<long>(moved % kSecond);
-  return 0;
-}
-
-int gettimeofday(struct timeval *now, void *zone) {
-  const int64_t moved = BoardTime(CLOCK_REALTIME);
-  if (zone != nullptr) std::memset(zone, 0, sizeof(struct timezone));
-  now->tv_sec = static_cast<time_t>(moved / kSecond);
-  now->tv_usec = static_cast<suseconds_t>(moved % kSecond / 1000);
-  return 0;
-}
-
-time_t time(time_t *now) {
-  const auto seconds = static_cast<time_t>(BoardTime(CLOCK_REALTIME) / kSecond);
-  if (now != nullptr) *now = seconds;
-  return seconds;
-}
-
-int settimeofday(const struct timeval *wanted, const struct timezone *) {
-  if (Fails("settimeofday")) return -1;
-  if (wanted == nullptr) return 0;
-  if (wanted->tv_usec < 0 || wanted->tv_usec >= 1000000) return Refusal(EINVAL);
-  char line[64];
-  std::snprintf(line, sizeof line, "settimeofday %lld.%06ld\n",
-                static_cast<long long>(wanted->tv_sec), static_cast<long>(wanted->tv_usec));
-  LogCall(line);
-  return SetBoardTime(wanted->tv_sec * kSecond + wanted->tv_usec * 1000);
-}
-
-int clock_settime(clockid_t id, const struct timespec *wanted) {
-  if (id != CLOCK_REALTIME || wanted->tv_nsec < 0 || wanted->tv_nsec >= kSecond)
-    return Refusal(EINVAL);
-  char line[64];
-  std::snprintf(line, sizeof line, "clock_settime %lld.%09ld\n",
-                static_cast<long long>(wanted->tv_sec), wanted->tv_nsec);
-  LogCall(line);
-  return SetBoardTime(wanted->tv_sec * kSecond + wanted->tv_nsec);
 }
 
 int reboot(int how) {

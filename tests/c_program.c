@@ -3,6 +3,7 @@
 #include <libbh.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 static int same(const char *a, const char *b) {
   return a != NULL && strcmp(a, b) == 0;
@@ -29,6 +30,10 @@ int main(int argc, char **argv) {
   if (ntohl(address.s_addr) != 0xC0A82802) return 4;
   if (libbh_ParseHexAddr("C0A80101", &gateway) != 8 || gateway.sin_addr.s_addr != 0xC0A80101)
     return 5;
+
+  /* The clock that the library sets is this program's too, however wide its times are. */
+  const struct DateTime date = {2030, 1, 2, 3, 4, 5};
+  if (libbh_SetDateAndTime(0, &date) != 0 || time(NULL) / 60 != 1893553445 / 60) return 9;
 
   /* Trace lines have nowhere to go here: the address is refused all the same. */
   struct IfInfo record;

@@ -222,3 +222,32 @@ TEST(Settings, ClockAndZone) {
   const char *piece = nullptr;
   EXPECT_TRUE(libbh_SplitString(1, "ab//c/d", "/", &piece) == 1 && piece == "c/d"s);
 }
+
+static string ToTheMinute(const DateTime &date) {
+  string text;
+  for (const int16_t part : {date.year, date.month, date.day, date.hour, date.minute})
+    text += to_string(part) + " ";
+  return text;
+}
+
+TEST(Settings, DatesBeyondTheYear2038) {
+  const struct {
+    const char *name;
+    DateTime date;
+    const char *clock;  // what is set, in seconds since 1970
+  } cases[] = {
+      {"the last seconds of 31 bits", {2038, 1, 19, 3, 14, 5}, "settimeofday 2147483645.000000\n"},
+      {"the first beyond 31 bits", {2038, 1, 19, 3, 14, 8}, "settimeofday 2147483648.000000\n"},
+      {"a leap day", {2040, 2, 29, 12, 30, 5}, "settimeofday 2214131405.000000\n"},
+      {"the first beyond 32 bits", {2106, 2, 7, 6, 28, 16}, "settimeofday 4294967296.000000\n"},
+  };
+  for (const auto &[name, date, clock] : cases) {
+    SCOPED_TRACE(name);
+    WriteFile(kCallLog, "");
+    EXPECT_EQ(libbh_SetDateAndTime(0, &date), 0);
+    EXPECT_TRUE(ReadFile(kCallLog).ends_with(clock + "/usr/local/bin/time_set.sh\n"s));
+    DateTime now = {};
+    EXPECT_EQ(libbh_GetDateAndTime(&now), 0);
+    EXPECT_EQ(ToTheMinute(now), ToTheMinute(date));
+  }
+}

@@ -86,6 +86,7 @@ TEST_F(Discover, ReplyFollowsItsSourcesAndOutlivesThem) {
        Text(std::string("Brackenhold\0", 12))},
       {"rm /etc/samba/smb.conf; ln -sf /none /etc/samba/smb.conf", 64, Bytes(16)},
       {"mv /bin/hostname /tmp", 48, Bytes(16)},
+      {"date -s @2214131405", 156, Hex("f8 07 02 00 1d 00 0c 00 1e 00")},  // 2040-02-29 12:30
       {"rm -f /etc/localtime /etc/network/interfaces", 168, Bytes(4)},
       {"ip address flush dev eth0", 32, Bytes(8)},
   };
