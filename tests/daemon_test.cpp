@@ -294,6 +294,7 @@ TEST_F(Daemon, StopNeverSignalsFromADamagedPidFile) {
   for (int i = 0; i < 7; ++i)
     lines += "stop_daemon() exit kv_servd.\n";
   EXPECT_EQ(testing::internal::GetCapturedStdout(), lines);
+  set_mode_flags(0);
   EXPECT_EQ(stop_daemon("eth9"), -1);
 }
 

@@ -98,6 +98,7 @@ TEST(Settings, WorkgroupIsSetInAProgramThatIgnoresItsChildren) {
   WriteFile(INFO, "wg=OLD\n");
   WriteFile(PRODUCT, "PRODUCTID=0x2000");
   EXPECT_EQ(libbh_SetGroupName(0, "NEW", 0), 0);
+  signal(SIGCHLD, SIG_DFL);
   EXPECT_EQ(ReadFile(INFO), "wg=NEW\n");
 }
 
@@ -108,6 +109,7 @@ TEST(Settings, WorkgroupNeedsAWholeCopy) {
   WriteFile("/usr/local/bin/cp", "#!/bin/sh\nhead -c 3 $1 > $2\n");
   ASSERT_EQ(system("chmod +x /usr/local/bin/cp"), 0);
   EXPECT_EQ(libbh_SetGroupName(0, "NEW", 0), 0);
+  RemoveFile("/usr/local/bin/cp");
   EXPECT_EQ(ReadFile(INFO), "wg=OLD\n");
 }
 
