@@ -32,6 +32,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <net/if.h>
+#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -272,6 +273,10 @@ WRAP(ssize_t, sendto, -1,
       socklen_t length),
      (fd, data, size, flags, to, length))
 WRAP(int, pipe, -1, (int *fds), (fds))
+WRAP(int, posix_spawn, errno,
+     (pid_t * child, const char *path, const posix_spawn_file_actions_t *actions,
+      const posix_spawnattr_t *attributes, char *const *arguments, char *const *environment),
+     (child, path, actions, attributes, arguments, environment))
 WRAP(int, pipe2, -1, (int *fds, int flags), (fds, flags))
 WRAP(int, system, -1, (const char *command), (command))
 WRAP(int, shmget, -1, (key_t key, size_t size, int flags), (key, size, flags))

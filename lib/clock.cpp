@@ -46,11 +46,20 @@ bool IsTime(int32_t hour, int32_t minute, int32_t second) {
   return hour >= 0 && hour <= 23 && minute >= 0 && minute <= 59 && second >= 0 && second <= 59;
 }
 
+// -1 when no such time can be had. An hour that a zone's change of offset has left out can be had
+// only with the daylight saving left open.
+time_t TimeOf(tm &local) {
+  const time_t found = mktime(&local);
+  if (found != -1) return found;
+  local.tm_isdst = -1;
+  return mktime(&local);
+}
+
 // Sets the clock, and leaves in `local` what it shows then: under the daylight saving of its own
 // day that may be another hour.
 int32_t SetClock(tm &local) {
   timeval now = {};
-  now.tv_sec = mktime(&local);
+  now.tv_sec = TimeOf(local);
   if (now.tv_sec == -1) return libbh_SysError(EOVERFLOW);
   return settimeofday(&now, nullptr) == 0 ? 0 : libbh_SysError(errno);
 }
@@ -70,7 +79,7 @@ void PutTime(tm &local, int32_t hour, int32_t minute, int32_t second) {
 bool Shows(const tm &local, const DateTime &record) {
   return local.tm_year + FIRST_TM_YEAR == record.year && local.tm_mon + 1 == record.month &&
          local.tm_mday == record.day && local.tm_hour == record.hour &&
-         local.tm_min == record.minute;
+         local.tm_min == record.minute && local.tm_sec == record.second;
 }
 
 // The date goes first, so that the time is set under the daylight saving of its own day. The time

@@ -54,8 +54,7 @@ int ReadOtherJobs(std::string &kept) {
   std::string_view rest = content;
   while (!rest.empty()) {
     const std::string_view line = NextPiece(rest, rest.npos);
-    // A line's front decides for all of it: half a job would be another one.
-    if (!Mentions(line.substr(0, LONGEST_PIECE), NTP_COMMAND)) kept.append(line);
+    if (!Mentions(FrontOf(line), NTP_COMMAND)) kept.append(line);
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 #include "lib/shell.h"
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,14 +27,19 @@ void EndWait() {
   if (libbh_end_wait != nullptr) libbh_end_wait();
 }
 
-// In a child.
-[[noreturn]] void ExecTo(int output, const char *command) {
-  if (output == STDOUT_FILENO)  // of a program that was started without one
-    fcntl(output, F_SETFD, 0);
-  else
-    dup2(output, STDOUT_FILENO);
-  execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
-  _exit(127);  // as shells tell that a command is missing
+// Starts the command line in a shell that prints into the pipe. None of the caller's signal
+// handlers runs in the child, as it could behind a fork. Its pid, or -1.
+pid_t StartShell(const char *command, int pipe) {
+  posix_spawn_file_actions_t redirection = {};
+  if (posix_spawn_file_actions_init(&redirection) != 0) return -1;
+  std::string shell[] = {"sh", "-c", command};
+  char *const arguments[] = {shell[0].data(), shell[1].data(), shell[2].data(), nullptr};
+  pid_t child = -1;
+  const bool started =
+      posix_spawn_file_actions_adddup2(&redirection, pipe, STDOUT_FILENO) == 0 &&
+      posix_spawn(&child, "/bin/sh", &redirection, nullptr, arguments, environ) == 0;
+  posix_spawn_file_actions_destroy(&redirection);
+  return started ? child : -1;
 }
 
 // Reads the first line, with its newline; of a longer one the first `longest` characters. A program
@@ -103,8 +109,7 @@ int RunShell(const std::string &command) {
 std::string FirstOutputLine(const char *command, size_t longest) {
   int ends[2] = {-1, -1};
   if (pipe2(ends, O_CLOEXEC) != 0) return "";
-  const pid_t child = fork();
-  if (child == 0) ExecTo(ends[1], command);
+  const pid_t child = StartShell(command, ends[1]);
   close(ends[1]);
   const std::string line = child > 0 ? ReadLine(ends[0], longest) : "";
   close(ends[0]);  // a command that prints more ends by it

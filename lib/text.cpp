@@ -92,6 +92,10 @@ std::string_view NextPiece(std::string_view &rest, size_t longest) {
   return piece;
 }
 
+std::string_view FrontOf(std::string_view line) {
+  return line.substr(0, LONGEST_PIECE);
+}
+
 std::string_view SkipBlanks(std::string_view text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
   return text;

@@ -60,6 +60,10 @@ int WriteTextFile(const char *path, std::string_view text);
 // `longest` characters. Empty only when `rest` is.
 std::string_view NextPiece(std::string_view &rest, size_t longest = LONGEST_PIECE);
 
+// What a line is judged by: as much of it as fits a line buffer. Half a line would be another one,
+// so what is behind shares its fate.
+std::string_view FrontOf(std::string_view line);
+
 // `text` without the spaces and tabs at its front.
 std::string_view SkipBlanks(std::string_view text);
 

@@ -146,6 +146,20 @@ TEST(SettingsFile, FullDiskIsReported) {
   EXPECT_EQ(Get(SETTINGS, "KEY"), "new");
 }
 
+TEST(SettingsFile, LinkToAFileThatCannotBeWrittenStays) {
+  const rlimit full = {0, RLIM_INFINITY};
+  signal(SIGXFSZ, SIG_IGN);
+  RemoveFile(SETTINGS);
+  ASSERT_EQ(symlink("/tmp/behind", SETTINGS), 0);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  EXPECT_EQ(libbh_SetConfigValue(SETTINGS, "KEY", "new"), -10000 - EFBIG);
+  const rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  EXPECT_EQ(libbh_SetConfigValue(SETTINGS, "KEY", "new"), 0);
+  EXPECT_EQ(Get("/tmp/behind", "KEY"), "new");
+  RemoveFile(SETTINGS);
+}
+
 TEST(Misc, DefaultsAndGrownTexts) {
   const char *const defaults[] = {
       "1.1.1.1", "255.255.255.0",      "11", "3", "0", "1", "0", "0", "60",

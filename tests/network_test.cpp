@@ -117,6 +117,9 @@ TEST_F(Network, LongLinesAreKeptOrDroppedWhole) {
       {"option", "iface eth0\n" + option + "  a\n", "iface eth0\n" + option + "  a\n", ""},
       {"full line inside", "iface eth0\n" + full + "  a\n", "iface eth0\n" + full + "  a\n", ""},
       {"full line outside", full + "iface eth0\n", "iface eth0\n", full},
+      {"name ends the front", X255.substr(10) + "iface eth0\n", X255.substr(10) + "iface eth0\n",
+       ""},
+      {"name ends behind it", X255.substr(9) + "iface eth0\n", "", X255.substr(9) + "iface eth0\n"},
   };
   for (const auto &test : cases) {
     SCOPED_TRACE(test.what);
@@ -131,8 +134,20 @@ TEST_F(Network, LongLinesAreKeptOrDroppedWhole) {
   }
 }
 
+TEST_F(Network, LongLinesAreJudgedByTheirFrontWhenTheyAreChanged) {
+  const string job = "  up logger " + X255 + " default gw 192.168.1.254\n";
+  const string option = "  option " + X255 + " up\n";
+  WriteFile(CONFIG, STANZA + option + job + PAIR);
+  EXPECT_EQ(Set(0, "192.168.1.10", M24), 0);
+  EXPECT_EQ(ReadFile(CONFIG), STANZA + job + PAIR);
+  EXPECT_EQ(SetGateway(ANY), 0);
+  EXPECT_EQ(ReadFile(CONFIG), STANZA + job);
+}
+
 TEST_F(Network, DhcpClientRunsWhileItsPidFileExists) {
+  ASSERT_EQ(symlink("/nowhere", PID_FILE), 0);
   EXPECT_EQ(libbh_IsDhcpcdRunning("eth0"), -1);
+  RemoveFile(PID_FILE);
   // A file that nobody can open, whatever the rights.
   ASSERT_EQ(mknod(PID_FILE, S_IFSOCK | 0600, 0), 0);
   EXPECT_EQ(libbh_IsDhcpcdRunning("eth0"), 0);
@@ -146,9 +161,13 @@ TEST_F(Network, DefaultGatewayNeedsNoAddress) {
   Sh("ip route add default via 192.168.1.254; ip addr flush dev eth0");
   Sh("ip route add 10.9.9.9 dev eth0");
   EXPECT_EQ(SetGateway("10.9.9.9"), 0);
-  EXPECT_EQ(Sh("ip route show default"), "default via 10.9.9.9 dev eth0 \n");
+  const string show = "ip route show default | sed 's/ *$//'";
+  EXPECT_EQ(Sh(show), "default via 10.9.9.9 dev eth0\n");
   EXPECT_EQ(SetGateway("10.8.8.8"), 0);
-  EXPECT_EQ(Sh("ip route show default"), "") << "a gateway that cannot be reached leaves none";
+  EXPECT_EQ(Sh(show), "") << "a gateway that cannot be reached leaves none";
+  EXPECT_EQ(SetGateway("10.9.9.9"), 0);
+  EXPECT_EQ(SetGateway("10.9.9.9", 0, "eth9"), 0);
+  EXPECT_EQ(Sh(show), "") << "nor does an interface that is not there";
 }
 
 TEST_F(Network, MetricMayHaveASign) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -44,6 +45,25 @@ static void Zone(const char *rule) {
   RemoveFile(ZONE);
   WriteFile(ZONE, "TZif2" + string(39, '\0') + "TZif2" + string(27, '\0') +
                       "\0\0\0\1\0\0\0\1\0\0\0\4"s + string(15, '\0') + "GMT\0\n"s + rule + "\n");
+}
+
+// Most significant byte first, as zone files have it.
+static string Big(int64_t number, int bytes) {
+  string text;
+  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+    text += static_cast<char>(number >> shift);
+  return text;
+}
+
+// Its clocks are put on by an hour at that time, from UTC+3 to UTC+4, without any daylight saving.
+static void ZoneOfANewOffset(time_t change) {
+  const string head = "TZif2" + string(15, '\0');
+  const string no_counts(24, '\0');
+  const string counts = string(12, '\0') + Big(1, 4) + Big(2, 4) + Big(4, 4);
+  const string types = Big(3 * 3600, 4) + Big(0, 2) + Big(4 * 3600, 4) + Big(0, 2);
+  const string change_to_second = Big(change, 8) + Big(1, 1);
+  RemoveFile(ZONE);
+  WriteFile(ZONE, head + no_counts + head + counts + change_to_second + types + "MSK\0\nMSK-4\n"s);
 }
 
 TEST(Settings, NamesAndServices) {
@@ -113,14 +133,66 @@ TEST(Settings, WorkgroupNeedsAWholeCopy) {
   EXPECT_EQ(ReadFile(INFO), "wg=OLD\n");
 }
 
+// The name that a program on the board reads from a stand-in of /bin/hostname.
+static string HostNameFrom(const string &script) {
+  char name[64] = "";
+  EXPECT_EQ(rename("/bin/hostname", "/bin/hostname.real"), 0);
+  WriteFile("/bin/hostname", "#!/bin/sh\n" + script);
+  std::filesystem::permissions("/bin/hostname", std::filesystem::perms::owner_all);
+  EXPECT_EQ(libbh_GetHostName(name, sizeof(name)), 0);
+  EXPECT_EQ(rename("/bin/hostname.real", "/bin/hostname"), 0);
+  return name;
+}
+
+TEST(Settings, HostNameIsTheFirstLineHoweverItComes) {
+  while (waitpid(-1, nullptr, 0) > 0)  // other tests' children
+    continue;
+  EXPECT_EQ(HostNameFrom("printf abc\n"), "abc");
+  EXPECT_EQ(HostNameFrom("printf 'ab\\0c\\n'\n"), "ab");
+  EXPECT_EQ(HostNameFrom("printf ab; sleep .1; printf 'c\\nd\\n'\n"), "abc");
+  EXPECT_EQ(HostNameFrom("echo abc; yes\n"), "abc");
+  EXPECT_EQ(waitpid(-1, nullptr, 0), -1) << "a child is left";
+  const itimerval often = {{0, 500}, {0, 500}};
+  const itimerval never = {};
+  struct sigaction interrupt = {};
+  interrupt.sa_handler = [](int) {};
+  sigaction(SIGALRM, &interrupt, nullptr);
+  setitimer(ITIMER_REAL, &often, nullptr);
+  EXPECT_EQ(HostNameFrom("sleep .1; echo abc; sleep .1\n"), "abc");
+  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_EQ(waitpid(-1, nullptr, 0), -1) << "a child is left by a signal";
+}
+
+TEST(Settings, HostNameIsReadByAProgramWithoutStandardDescriptors) {
+  ASSERT_EQ(sethostname("abc", 3), 0);
+  const pid_t program = fork();
+  if (program == 0) {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    char name[64] = "";
+    libbh_GetHostName(name, sizeof(name));
+    _exit(name == "abc"s ? 0 : 1);
+  }
+  EXPECT_EQ(AwaitEnd(program).si_status, 0);
+  waitpid(program, nullptr, 0);
+}
+
 TEST(Settings, LongCrontabLineIsKeptOrDroppedWhole) {
-  const string behind = "0 1 * * * root " + X250 + NTP.substr(NTP.find("/usr")) + "a\n";
-  const string inside = "0 1 " + NTP + X250 + "\n";
+  const string command = "/usr/sbin/ntpdate_script -b -s";
+  const struct {
+    const char *what;
+    size_t command_ends;  // at this character of the line
+    bool kept;
+  } cases[] = {{"in the front", 255, false}, {"behind the front", 256, true}};
   NtpConfig config = {0, const_cast<char *>("b"), 6};
   libbh_lock();
-  WriteFile(CRONTAB, behind + inside);
-  EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
-  EXPECT_EQ(ReadFile(CRONTAB), behind + "#0 */6 " + NTP + "b \n");
+  for (const auto &test : cases) {
+    const string line = string(test.command_ends - command.size(), 'x') + command + X250 + "\n";
+    WriteFile(CRONTAB, "a\n" + line + "c\n");
+    EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
+    EXPECT_EQ(ReadFile(CRONTAB), "a\n" + (test.kept ? line : "") + "c\n#0 */6 " + NTP + "b \n")
+        << test.what;
+  }
 }
 
 TEST(Settings, NtpSchedule) {
@@ -143,6 +215,22 @@ TEST(Settings, NtpSchedule) {
   EXPECT_EQ(libbh_SetNtpConfig(0, &config), -10028);
 }
 
+// The calls that an attempt to set date and time has made, as the call log has them.
+static string CallsToSet(time_t before, const DateTime &wanted) {
+  const timeval clock = {before, 0};
+  settimeofday(&clock, nullptr);
+  WriteFile(kCallLog, "");
+  EXPECT_EQ(libbh_SetDateAndTime(0, &wanted), 0);
+  return ReadFile(kCallLog);
+}
+
+static string SetTo(time_t time) {
+  return "settimeofday " + to_string(time) + ".000000\n";
+}
+
+constexpr const char *CENTRAL_EUROPE = "CET-1CEST,M3.5.0,M10.5.0/3";
+const string SCRIPT = "/usr/local/bin/time_set.sh\n";
+
 TEST(Settings, DateAndTimeComeOutAsAskedWheneverDaylightSavingChanges) {
   const struct {
     const char *what;
@@ -150,43 +238,80 @@ TEST(Settings, DateAndTimeComeOutAsAskedWheneverDaylightSavingChanges) {
     DateTime wanted;
     time_t after;
     int calls;
+    const char *zone = CENTRAL_EUROPE;
   } cases[] = {
       {"no change", 1168000000, {2007, 2, 3, 4, 5, 6}, 1170471906, 2},
       {"to a summer day", 1168000000, {2007, 7, 1, 12, 0, 0}, 1183284000, 2},
       {"to a winter day, near midnight", 1151706600, {2006, 12, 24, 18, 30, 15}, 1166981415, 3},
       {"to the day that begins it, before", 1168000000, {2007, 3, 25, 1, 0, 0}, 1174780800, 3},
       {"to the day that begins it, after", 1174780800, {2007, 3, 25, 18, 0, 0}, 1174838400, 3},
+      {"to that day from a summer's", 1151706600, {2007, 3, 25, 18, 0, 0}, 1174838400, 3},
       {"to the day that ends it, before", 1168000000, {2007, 10, 28, 1, 0, 0}, 1193526000, 3},
       {"to the day that ends it, after", 1183284000, {2007, 10, 28, 18, 0, 0}, 1193590800, 2},
-      {"a second before midnight", 1168000000, {2007, 2, 3, 23, 59, 59}, 1170543599, 2},
+      {"by half an hour",
+       1301713215,
+       {2017, 10, 1, 0, 58, 45},
+       1506781725,
+       3,
+       "LHST-10:30LHDT-11,M10.1.0,M4.1.0"},
   };
-  Zone("CET-1CEST,M3.5.0,M10.5.0/3");
   for (const auto &test : cases) {
     SCOPED_TRACE(test.what);
-    const timeval before = {test.before, 0};
-    settimeofday(&before, nullptr);
-    WriteFile(kCallLog, "");
-    EXPECT_EQ(libbh_SetDateAndTime(0, &test.wanted), 0);
-    const string calls = ReadFile(kCallLog);
-    const string last = "settimeofday " + to_string(test.after) + ".000000\n";
-    EXPECT_TRUE(calls.ends_with(last + "/usr/local/bin/time_set.sh\n")) << calls;
+    Zone(test.zone);
+    const string calls = CallsToSet(test.before, test.wanted);
+    EXPECT_TRUE(calls.ends_with(SetTo(test.after) + SCRIPT)) << calls;
     EXPECT_EQ(std::count(calls.begin(), calls.end(), '\n'), test.calls + 1) << calls;
   }
 }
 
+// Stands before the board's: if it is told so, a second passes after each look at the clock.
+static bool seconds_pass = false;
+
+time_t time(time_t *) noexcept {
+  static time_t passed = 0;
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec + (seconds_pass ? passed++ : 0);
+}
+
+TEST(Settings, SecondThatPassesAtMidnightIsNoDay) {
+  Zone(CENTRAL_EUROPE);
+  seconds_pass = true;
+  const time_t before_midnight = 1168037999;  // 2007-01-05 23:59:59 local
+  const string calls = CallsToSet(before_midnight, {2007, 2, 3, 4, 5, 6});
+  seconds_pass = false;
+  EXPECT_TRUE(calls.ends_with(SetTo(1170471906) + SCRIPT)) << calls;
+}
+
+TEST(Settings, DateIsNotLostWhereItsDayLeavesTheTimeOut) {
+  ZoneOfANewOffset(1301180400);             // at 2011-03-27 2:00, when it becomes 3:00
+  const time_t half_past_two = 1306881000;  // on another day
+  const string calls = CallsToSet(half_past_two, {2011, 3, 27, 18, 0, 0});
+  EXPECT_TRUE(calls.ends_with(SetTo(1301234400) + SCRIPT)) << calls;
+}
+
 TEST(Settings, DateAndTimeAreHalvesWhereOneFails) {
-  Zone("CET-1CEST,M3.5.0,M10.5.0/3");
-  const timeval before = {1151706600, 0};  // 2006-07-01 00:30:00 local
-  const DateTime wanted = {2006, 12, 24, 18, 30, 15};
-  settimeofday(&before, nullptr);
-  setenv("BOARD_FAIL", "*/settimeofday:1", 1);
-  EXPECT_EQ(libbh_SetDateAndTime(0, &wanted), 0);
-  unsetenv("BOARD_FAIL");
-  DateTime now = {};
-  libbh_GetDateAndTime(&now);
-  EXPECT_EQ(now.month, 7);
-  EXPECT_EQ(now.day, 1);
-  EXPECT_EQ(now.hour, 18);
+  const struct {
+    const char *failing;
+    DateTime now;
+  } cases[] = {
+      {"*/settimeofday:1", {2006, 7, 1, 18, 30, 15}},
+      {"*/settimeofday:2", {2006, 12, 23, 23, 30, 0}},
+  };
+  for (const auto &test : cases) {
+    Zone(CENTRAL_EUROPE);
+    const time_t summer = 1151706600;  // 2006-07-01 00:30:00 local
+    CallsToSet(summer, {2006, 7, 1, 0, 30, 0});
+    setenv("BOARD_FAIL", test.failing, 1);
+    const DateTime wanted = {2006, 12, 24, 18, 30, 15};
+    EXPECT_EQ(libbh_SetDateAndTime(0, &wanted), 0);
+    unsetenv("BOARD_FAIL");
+    DateTime now = {};
+    libbh_GetDateAndTime(&now);
+    EXPECT_EQ(now.month, test.now.month) << test.failing;
+    EXPECT_EQ(now.day, test.now.day) << test.failing;
+    EXPECT_EQ(now.hour, test.now.hour) << test.failing;
+  }
 }
 
 TEST(Settings, ZoneOfTheCallerIsFollowedAtEachCall) {

@@ -43,7 +43,7 @@ void EndWithNewline(std::string &text) {
 
 // What stands behind a long line's front, in a comment for one, starts and ends nothing.
 void AddLine(std::string_view line, std::string_view name, bool &inside, InterfacesText &text) {
-  const std::string_view front = line.substr(0, LONGEST_PIECE);
+  const std::string_view front = FrontOf(line);
   if (inside && IsBlankOrComment(front)) return;
   inside = inside ? !LeavesStanza(front, name) : EntersStanza(front, name);
   (inside ? text.own : text.rest).append(line);
@@ -130,7 +130,8 @@ int32_t libbh_WriteIfStanza(const IfInfo *record) {
   std::string_view left = old_own;
   while (!left.empty()) {
     const std::string_view line = NextPiece(left, left.npos);
-    if (Mentions(line, "down") || Mentions(line, "up")) text.own.append(line);
+    const std::string_view front = FrontOf(line);
+    if (Mentions(front, "down") || Mentions(front, "up")) text.own.append(line);
   }
   return WriteInterfacesFile(text);
 }

@@ -167,7 +167,7 @@ int32_t RemoveLines(const char *interface, const std::vector<LineKey> &keys) {
   std::string_view left = own;
   while (!left.empty()) {
     const std::string_view line = NextPiece(left, left.npos);
-    if (!MentionsAny(line, keys)) text.own.append(line);
+    if (!MentionsAny(FrontOf(line), keys)) text.own.append(line);
   }
   return WriteInterfacesFile(text);
 }
