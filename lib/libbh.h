@@ -6,8 +6,9 @@
  * released by the caller with free(), lists with their own function. Nothing is cached between
  * calls.
  *
- * A function that has a result for missing memory says so. Where memory for the content of files
- * and tables is missing, the process ends by abort(); a C++ program's new_handler is asked first.
+ * A function that has a result for missing memory says so. Where memory for the library's own texts
+ * is missing (files, tables, command lines, names), the process ends by abort(); a C++ program's
+ * new_handler is asked first.
  *
  * Setters that name -20000 return it, with nothing read or written, unless libbh_checklock() is 0.
  * No other setter looks at the configuration lock.
@@ -35,11 +36,12 @@ extern "C" {
  * - Backslashes: of those in a row a quarter comes back, rounded down; rounded up right before a
  *   double quote.
  * - A line end: the value ends before it, and the rest becomes a line of its own. If the file was
- *   missing, the value comes back with a double quote in front.
+ *   missing, the value comes back with a double quote in front, unless it has another one.
  * - In a file that was there, leading blanks are lost. Of a value with several double quotes comes
- *   back what stands between the first and the last. Another value of a line that ends with CRLF
- *   comes back with the carriage return.
- * - A key of more than 62 characters: it is never found, so NULL comes back. */
+ *   back what stands between the first and the last. Otherwise a line that ends with CRLF gives
+ *   back the carriage return, too.
+ * - A key of more than 62 characters, with an equals sign or a line end in it, a # in front or a
+ *   blank at either end is never found, so NULL comes back. */
 
 /* The value of the first line of the file that defines `key`, without its quotes and two levels of
  * backslashes. NULL when the file cannot be read, no line defines the key, or there is no memory
@@ -155,7 +157,7 @@ int32_t libbh_sleep(int32_t seconds);
 
 /* ---- the interfaces file, /etc/network/interfaces ----
  *
- * A line of more than 255 characters is kept or dropped whole, with its first 255. */
+ * A line of more than 255 characters is judged by its first 255, and kept or dropped whole. */
 
 /* Splits the file's text: `own` gets the lines of the stanzas of interface `name` without blank and
  * comment lines, `rest` all others, in their order. A name also selects stanzas that merely contain
@@ -286,8 +288,8 @@ struct RouteEntry {
 int32_t libbh_GetRouteTable(struct RouteEntry **list);
 
 /* The routes that the interface's stanza sets up, in its order; none without file or stanza. Lines
- * with an address of more than 15 characters are passed over. Returns 0, also when the list ends
- * early for want of memory. */
+ * with an address of more than 15 characters are passed over; those of more than 127 characters are
+ * read as several lines. Returns 0, also when the list ends early for want of memory. */
 int32_t libbh_GetConfiguredRoutes(struct RouteEntry **list, const char *interface);
 
 /* Takes null too. Returns 0. */
@@ -316,7 +318,9 @@ int32_t libbh_DelRoute(int32_t check_only, const struct RouteEntry *route);
 
 /* Puts a default route through the gateway in the place of the present one; 0 for none. 0; -20000;
  * -418 when the interface does not reach the gateway; -430 for its subnet's own or broadcast
- * address. That the kernel refused the route is not reported. */
+ * address. That the route could not be set is not reported: the present one is gone then. An
+ * interface without an address passes these checks, and its stanza gets the route's lines anew at
+ * each call. */
 int32_t libbh_SetDefaultGateway(const char *interface, int32_t check_only,
                                 const in_addr_t *gateway);
 
@@ -359,13 +363,14 @@ struct DateTime {
 
 /* The local time now. 0. This function and those that set the clock read the zone anew: they call
  * tzset(), and set TZ for a moment where it is not set. No other thread may use the environment or
- * local time meanwhile. A TZ of the caller is followed as it is at the call. */
+ * local time meanwhile. A TZ of the caller is followed as it is at the call; a file that it names
+ * is read once. */
 int32_t libbh_GetDateAndTime(struct DateTime *record);
 
 /* Check local date and time and, with `mode` 0, set the clock. libbh_SetDateAndTime sets the date
- * first, then the time: both come out as asked across a change of daylight saving. Do not look at
- * the lock. 0; -101 out of range (years begin with 2001); -10000 - errno when the clock refuses,
- * which libbh_SetDateAndTime keeps to itself. */
+ * first, then the time: both come out as asked across a change of daylight saving, unless it has
+ * left that hour out. None of the three looks at the lock. 0; -101 out of range (years begin with
+ * 2001); -10000 - errno when the clock refuses, which libbh_SetDateAndTime keeps to itself. */
 int32_t libbh_SetDateAndTime(int32_t mode, const struct DateTime *record);
 int32_t libbh_SetDate(int32_t mode, int16_t year, int16_t month, int16_t day);
 int32_t libbh_SetTime(int32_t mode, int16_t hour, int16_t minute, int16_t second);
@@ -386,8 +391,9 @@ struct NtpConfig {
 };
 
 /* Checks the NTP schedule and, with `mode` 0, writes it into the crontab and, if it is enabled,
- * queries the server. A line there of more than 255 characters is kept or dropped whole, with its
- * first 255. 0; -20000; -110 for the interval; -111 for the server; -10000 - errno. */
+ * queries the server. A line there of more than 255 characters is judged by its first 255, and
+ * kept or dropped whole; libbh_GetNtpConfig looks at 510, and may find one that was kept. 0;
+ * -20000; -110 for the interval; -111 for the server; -10000 - errno. */
 int32_t libbh_SetNtpConfig(int32_t mode, const struct NtpConfig *config);
 
 /* Reads the schedule; what the record held before is not freed. An empty crontab gives off with 12
