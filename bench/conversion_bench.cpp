@@ -9,7 +9,7 @@
 
 #include "acp/convert.h"
 #include "acp/packet.h"
-#include "tests/system/wire.h"
+#include "board/client_end.h"
 
 namespace {
 

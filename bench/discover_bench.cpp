@@ -11,8 +11,8 @@
 
 #include "access/keys.h"
 #include "bench/round_trip.h"
+#include "board/client_end.h"
 #include "daemon/state.h"
-#include "tests/system/wire.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "board/board.h"
-#include "tests/system/wire.h"
+#include "board/client_end.h"
 
 // The client's, as wire::Request names it.
 constexpr uint8_t kClientMac[6] = {0x02, 0x0b, 0x4a, 0, 0, 0x01};

@@ -26,7 +26,7 @@
 #include "access/cipher.h"
 #include "acp/packet.h"
 #include "board/board.h"
-#include "tests/system/wire.h"
+#include "board/client_end.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include "access/cipher.h"
 #include "access/keys.h"
 #include "access/password.h"
+#include "board/client_end.h"
 #include "daemon/state.h"
 #include "tests/files.h"
-#include "tests/system/wire.h"
 
 namespace {
 

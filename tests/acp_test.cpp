@@ -13,9 +13,9 @@
 #include "acp/convert.h"
 #include "acp/frame.h"
 #include "acp/reply.h"
+#include "board/client_end.h"
 #include "daemon/process.h"
 #include "daemon/state.h"
-#include "tests/system/wire.h"
 
 using wire::Bytes;
 using wire::Hex;

@@ -9,12 +9,12 @@
 
 #include "acp/convert.h"
 #include "board/board.h"
+#include "board/client_end.h"
 #include "daemon/state.h"
 #include "handlers/change_ip.h"
 #include "lib/libbh.h"
 #include "lib/text.h"
 #include "tests/files.h"
-#include "tests/system/wire.h"
 
 using namespace fixture;
 using std::string;

@@ -9,12 +9,12 @@
 #include <filesystem>
 
 #include "acp/dispatch.h"
+#include "board/client_end.h"
 #include "daemon/process.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "tests/files.h"
-#include "tests/system/wire.h"
 
 using std::string;
 using namespace fixture;

@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "acp/dispatch.h"
+#include "board/client_end.h"
 #include "daemon/pidfile.h"
 #include "daemon/process.h"
 #include "daemon/signals.h"
@@ -20,7 +21,6 @@
 #include "lib/libbh.h"
 #include "lib/shell.h"
 #include "tests/files.h"
-#include "tests/system/wire.h"
 
 namespace {
 

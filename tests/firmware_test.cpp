@@ -17,6 +17,7 @@
 #include "access/keys.h"
 #include "acp/dispatch.h"
 #include "board/board.h"
+#include "board/client_end.h"
 #include "daemon/process.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
@@ -26,7 +27,6 @@
 #include "lib/libbh.h"
 #include "lib/shell.h"
 #include "tests/files.h"
-#include "tests/system/wire.h"
 
 using namespace fixture;
 using std::string;

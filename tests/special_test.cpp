@@ -11,11 +11,11 @@
 #include "access/keys.h"
 #include "acp/convert.h"
 #include "board/board.h"
+#include "board/client_end.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
 #include "handlers/special.h"
 #include "tests/files.h"
-#include "tests/system/wire.h"
 
 using namespace fixture;
 using std::string;

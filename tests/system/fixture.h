@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "board/board.h"
-#include "tests/system/wire.h"
+#include "board/client_end.h"
 
 class SystemTest : public testing::Test {
  protected:

@@ -1,6 +1,6 @@
 // Client's end of the wire.
 
-#include "tests/system/wire.h"
+#include "board/client_end.h"
 
 #include <arpa/inet.h>
 #include <linux/if_packet.h>

@@ -1,7 +1,7 @@
 // The client's end of the wire: raw datagrams out, replies and whole frames in.
 
-#ifndef BH_TESTS_SYSTEM_WIRE_H_
-#define BH_TESTS_SYSTEM_WIRE_H_
+#ifndef BH_BOARD_CLIENT_END_H_
+#define BH_BOARD_CLIENT_END_H_
 
 #include <chrono>
 #include <cstdint>
@@ -65,4 +65,4 @@ void SavePcap(Client &client, const std::string &path);
 
 }  // namespace wire
 
-#endif  // BH_TESTS_SYSTEM_WIRE_H_
+#endif  // BH_BOARD_CLIENT_END_H_
