@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -32,6 +31,9 @@ namespace {
 
 using std::string;
 using wire::Bytes;
+using wire::Command;
+using wire::Request;
+using wire::Special;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMinutes = 60;
@@ -49,7 +51,7 @@ constexpr uint32_t kImageSum = 0xA5A5A5A5U * (kImageSize / 4);
 struct Appliance {
   board::Board board = {};
   wire::Client client = {};
-  string process = {};     // the daemon's folder of the board's process table
+  pid_t server = -1;       // the daemon, by its number on the board
   uint32_t requester = 0;  // the last four bytes of the MAC that asks
   Bytes discovered = {};   // under whose key passwords are encoded
   int answered = 0;
@@ -65,32 +67,10 @@ void PutText(Bytes &bytes, size_t at, std::string_view text) {
   std::copy(text.begin(), text.end(), bytes.begin() + static_cast<ptrdiff_t>(at));
 }
 
-Bytes Packet(uint16_t command, const Bytes &body = {}) {
-  Bytes packet = wire::Request("20 00 00 00 07 00 01 00 00 00 00 00 00 00 00 00", body);
-  Put(packet, 8, command | static_cast<uint32_t>(body.size()) << 16);
-  return packet;
-}
-
-Bytes Special(uint8_t code, uint32_t extra = 0, std::string_view text = {}) {
-  Bytes body(48);
-  body[0] = code;
-  Put(body, 4, extra);
-  PutText(body, 8, text);
-  return Packet(ACP_SPECIAL, body);
-}
-
-Bytes Command(AcpCommandType type, std::string_view text) {
-  Bytes body(sizeof(CommandHeader) + text.size() + COMMAND_TAIL);
-  Put(body, 0, static_cast<uint32_t>(text.size()));
-  Put(body, 4, type);
-  PutText(body, sizeof(CommandHeader), text);
-  return Packet(ACP_CMD, body);
-}
-
 Bytes PathRequest(uint16_t command, std::string_view path) {
   Bytes body(DIRECTORY_IN_REQUEST);
   PutText(body, 0, path);
-  return Packet(command, body);
+  return Request(command, body);
 }
 
 // Under the key of the last discovery.
@@ -138,15 +118,15 @@ void Expect(Appliance &appliance, uint32_t state, const Bytes &request) {
 void Discover(Appliance &appliance, int requesters) {
   for (int i = 0; i < requesters; ++i) {
     appliance.requester++;
-    appliance.discovered = Ask(appliance, Packet(ACP_DISCOVER));
+    appliance.discovered = Ask(appliance, Request(ACP_DISCOVER));
   }
 }
 
 void Poll(Appliance &appliance) {
   const Bytes polls[] = {
-      Packet(ACP_PING),      Packet(ACP_INFO_HDD),
-      Packet(ACP_INFO_RAID), PathRequest(ACP_INFO_HDD, "/proc/ide/hdb"),
-      Packet(ACP_DISCOVER),  PathRequest(ACP_PART, "/tmp"),
+      Request(ACP_PING),      Request(ACP_INFO_HDD),
+      Request(ACP_INFO_RAID), PathRequest(ACP_INFO_HDD, "/proc/ide/hdb"),
+      Request(ACP_DISCOVER),  PathRequest(ACP_PART, "/tmp"),
   };
   for (int i = 0; i < kPolls; ++i)
     Expect(appliance, ACP_STATE_OK, polls[static_cast<size_t>(i) % std::size(polls)]);
@@ -155,11 +135,11 @@ void Poll(Appliance &appliance) {
 
 // Of other commands, for other appliances, and cut short.
 void SendUnanswered(const Appliance &appliance) {
-  Bytes other = Packet(ACP_PING);
+  Bytes other = Request(ACP_PING);
   Put(other, 22, 0x000B4A02);
-  Bytes cut = Packet(ACP_CHANGE_IP, Bytes(CHANGE_IP_BODY));
+  Bytes cut = Request(ACP_CHANGE_IP, Bytes(CHANGE_IP_BODY));
   cut.resize(100);
-  for (const Bytes &datagram : {other, cut, Packet(0x1234), Packet(ACP_INFO), Bytes(8)})
+  for (const Bytes &datagram : {other, cut, Request(0x1234), Request(ACP_INFO), Bytes(8)})
     wire::Send(appliance.client, datagram);
 }
 
@@ -176,7 +156,7 @@ void RunCommands(Appliance &appliance) {
   Expect(appliance, ACP_STATE_OK, Command(COMMAND_WAITED, "true"));
   Expect(appliance, ACP_STATE_OK, Command(COMMAND_TO_FILE, "cat /etc/hosts"));
   for (int line = 0; line < 3; ++line)
-    Expect(appliance, ACP_STATE_OK, Packet(ACP_RESULT));
+    Expect(appliance, ACP_STATE_OK, Request(ACP_RESULT));
   Expect(appliance, ACP_STATE_OK, Command(COMMAND_CAPTURED, "cat /etc/passwd"));
   Expect(appliance, ACP_STATE_FAILURE, Command(COMMAND_BACKGROUND, "true"));  // it has started
 }
@@ -210,7 +190,7 @@ void RunSpecials(Appliance &appliance, int minute) {
 
 // All that a request can change, the clock to the time that it shows.
 void ChangeIdentity(Appliance &appliance, std::string_view host, uint32_t address) {
-  const Bytes discovered = Ask(appliance, Packet(ACP_DISCOVER));
+  const Bytes discovered = Ask(appliance, Request(ACP_DISCOVER));
   Bytes body(CHANGE_IP_BODY);
   Put(body, 12,
       CHANGE_MASK_IP | CHANGE_MASK_HOSTNAME | CHANGE_MASK_WORKGROUP | CHANGE_MASK_DATETIME |
@@ -222,8 +202,8 @@ void ChangeIdentity(Appliance &appliance, std::string_view host, uint32_t addres
   std::copy_n(discovered.begin() + ACP_HEADER_SIZE + offsetof(DiscoverInfo, year), 12,
               body.begin() + 76);
   Put(body, 88, 0xC0A82801);
-  Expect(appliance, ACP_STATE_OK, Packet(ACP_CHANGE_IP, body));
-  Expect(appliance, ACP_STATE_OK, Packet(ACP_PING));  // once all is done
+  Expect(appliance, ACP_STATE_OK, Request(ACP_CHANGE_IP, body));
+  Expect(appliance, ACP_STATE_OK, Request(ACP_PING));  // once all is done
 }
 
 void AskUpdate(Appliance &appliance, uint32_t type, uint32_t sum, uint32_t state) {
@@ -233,7 +213,7 @@ void AskUpdate(Appliance &appliance, uint32_t type, uint32_t sum, uint32_t state
   Put(body, 8, kImageSize);
   Put(body, 12, sum);
   PutText(body, 24, Encoded("admin", appliance.discovered));
-  Expect(appliance, state, Packet(ACP_FIRMUP2, body));
+  Expect(appliance, state, Request(ACP_FIRMUP2, body));
 }
 
 void Upload(Appliance &appliance, size_t size) {
@@ -245,14 +225,14 @@ void Upload(Appliance &appliance, size_t size) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (connect(fd, reinterpret_cast<struct sockaddr *>(&peer), sizeof(peer)) != 0 ||
       send(fd, image.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
-    Complain(appliance, Packet(ACP_FIRMUP2), "no upload");
+    Complain(appliance, Request(ACP_FIRMUP2), "no upload");
   close(fd);
 }
 
 // One that is installed, one with a wrong checksum, one that is cut, one that is called off, and
 // one for a target that does not exist.
 void Update(Appliance &appliance) {
-  const Bytes end = Packet(ACP_FIRMUP_END);
+  const Bytes end = Request(ACP_FIRMUP_END);
   Bytes off = end;
   Put(off, 28, 1);
   AskUpdate(appliance, 2, kImageSum, ACP_STATE_OK);
@@ -293,12 +273,13 @@ struct Figure {
   long number;
 };
 
-// A line of a process's status.
-string StatusLine(const string &process, const string &name) {
-  std::ifstream status(process + "/status");
+// The daemon's own, in KiB.
+long ResidentMemory(const Appliance &appliance) {
+  const string process = "/run/kernel-proc/" + std::to_string(appliance.server);
+  std::ifstream status(appliance.board.root + process + "/status");
   for (string line; std::getline(status, line);)
-    if (line.starts_with(name + ":")) return line.substr(name.size() + 1);
-  return {};
+    if (line.starts_with("RssAnon:")) return strtol(line.c_str() + 8, nullptr, 10);
+  return -1;
 }
 
 // Those of the board, the daemon's own children, and all that wait to be collected.
@@ -306,13 +287,10 @@ std::vector<Figure> CountProcesses(const Appliance &appliance) {
   Figure all = {"processes on the board", 0};
   Figure own = {"children", 0};
   Figure dead = {"zombies on the board", 0};
-  const std::filesystem::path server = appliance.process;
-  for (const auto &entry : std::filesystem::directory_iterator(server.parent_path())) {
-    const string parent = StatusLine(entry.path(), "PPid");
-    if (parent.empty()) continue;
+  for (const board::Process &process : board::Processes(appliance.board)) {
     all.number++;
-    if (strtol(parent.c_str(), nullptr, 10) == std::stol(server.filename())) own.number++;
-    if (StatusLine(entry.path(), "State").find('Z') != string::npos) dead.number++;
+    own.number += process.parent == appliance.server ? 1 : 0;
+    dead.number += process.state == 'Z' ? 1 : 0;
   }
   return {own, dead, all};
 }
@@ -328,12 +306,10 @@ std::vector<Figure> Measure(Appliance &appliance) {
   Discover(appliance, 1);
   std::vector<Figure> figures;
   board::WaitFor([&] { return (figures = CountProcesses(appliance))[0].number == 0; });
-  const std::filesystem::directory_iterator descriptors(appliance.process + "/fd");
-  figures.push_back({"descriptors", std::distance(begin(descriptors), end(descriptors))});
+  figures.push_back({"descriptors", board::OpenFiles(appliance.board, appliance.server)});
   figures.push_back({"shared memory segments", CountLines(appliance.board, "/proc/sysvipc/shm")});
   figures.push_back({"semaphore sets", CountLines(appliance.board, "/proc/sysvipc/sem")});
-  const string memory = StatusLine(appliance.process, "RssAnon");
-  figures.push_back({"resident memory, KiB", strtol(memory.c_str(), nullptr, 10)});
+  figures.push_back({"resident memory, KiB", ResidentMemory(appliance)});
   return figures;
 }
 
@@ -364,11 +340,10 @@ bool Start(Appliance &appliance) {
   appliance.client = wire::Open(board->wires[0]);
   board::WriteFile(*board, "/run/fast-sleep", "");
   if (board::Run(*board, {.argv = {"bh_servd"}}).exit_code != 0) return false;
-  const long server =
-      strtol(board::ReadFile(*board, "/var/run/bh_servd-eth0.pid").c_str(), nullptr, 10);
-  appliance.process = board->root + "/run/kernel-proc/" + std::to_string(server);
+  const string number = board::ReadFile(*board, "/var/run/bh_servd-eth0.pid");
+  appliance.server = static_cast<pid_t>(strtol(number.c_str(), nullptr, 10));
   return board::WaitFor([&] {
-    wire::Send(appliance.client, Packet(ACP_PING));
+    wire::Send(appliance.client, Request(ACP_PING));
     return wire::Receive(appliance.client, wire::milliseconds(200)).has_value();
   });
 }

@@ -131,8 +131,38 @@ Result RunInside(const Board &board, Function function) {
   return Wait(process);
 }
 
+// Boots a board and runs this very program on it, with these arguments, to its end: the
+// exit status, 128 and the signal's number when one ended it, or 1 and a line on standard error
+// without a board. To be called first thing in main, where RunsOnBoard() is false.
+int RunItself(const std::vector<std::string> &arguments);
+
+// Whether this process is on a board itself.
+bool RunsOnBoard();
+
 // Sends a signal to a process by the number that it has on the board.
 bool Kill(const Board &board, pid_t inner, int signal);
+
+// A process by the number that it has on the board.
+struct Process {
+  pid_t pid = -1;
+  pid_t parent = -1;
+  char state = ' ';  // as the kernel writes it: 'R', 'S', 'D', 'Z' and so on
+};
+
+// All on the board, zombies too.
+std::vector<Process> Processes(const Board &board);
+
+// How many files the process has open.
+long OpenFiles(const Board &board, pid_t inner);
+
+// A socket bound to the daemon's port.
+struct ServiceSocket {
+  int waiting = 0;  // in its receive queue, bytes of kernel memory
+  int drops = 0;    // datagrams that found no room there
+};
+
+// Those on the board. A pid file is there a moment before the socket.
+std::vector<ServiceSocket> ServiceSockets(const Board &board);
 
 // Polls the condition each millisecond until it holds or the time is over; says whether it held.
 template <typename Predicate>

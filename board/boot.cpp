@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -175,13 +174,8 @@ int RunHere(const board::Board &board, const std::vector<std::string> &command) 
   return Status(board::Wait(board::Spawn(board, here)));
 }
 
-// How many sockets are bound to the daemon's port. The pid file is there a moment before.
-int BoundServers(const board::Board &board) {
-  std::ifstream table("/proc/" + std::to_string(board.init) + "/net/udp");
-  int count = 0;
-  for (std::string line; std::getline(table, line);)
-    count += line.find(":5998 ") != std::string::npos ? 1 : 0;
-  return count;
+bool IsServed(const board::Board &board, int interfaces) {
+  return std::ssize(board::ServiceSockets(board)) >= interfaces;
 }
 
 // Starts the daemon on the `number`-th interface (from 1) of all boards and waits until they can be
@@ -196,7 +190,7 @@ bool StartDaemon(const Boards &boards, int number) {
         board::Spawn(board, {.argv = {"bh_servd", "-i", name}, .out = said.fd, .err = said.fd}));
   for (size_t i = 0; i < boards.size(); i++) {
     const board::Result result = board::Wait(starts[i]);
-    if (result.exit_code == 0 && board::WaitFor([&] { return BoundServers(boards[i]) >= number; }))
+    if (result.exit_code == 0 && board::WaitFor([&] { return IsServed(boards[i], number); }))
       continue;
     std::fprintf(stderr, "boot: bh_servd has not started on %s of %s (exit status %d)\n%s",
                  name.c_str(), boards[i].config.host_name.c_str(), Status(result),

@@ -19,6 +19,9 @@ namespace wire {
 namespace {
 
 constexpr uint16_t kAcpPort = 22936;
+constexpr uint16_t kSpecial = 0x80A0, kCommand = 0x8A10;
+constexpr size_t kSpecialBody = 48;  // room for the texts that most clients send
+constexpr size_t kCommandTail = 3;   // a NUL and two bytes that nobody reads
 constexpr std::string_view kClientMac = "02 0b 4a 00 00 01";
 
 struct sockaddr_in Address(in_addr_t address, uint16_t port) {
@@ -110,6 +113,22 @@ Bytes Request(uint16_t command, const Bytes &body, std::string_view dst_mac) {
   snprintf(head, sizeof(head), "20 00 00 00 07 00 01 00 %02x %02x %02zx %02zx 00 00 00 00",
            command & 255, command >> 8, size & 255, size >> 8 & 255);
   return Request(head, body, dst_mac);
+}
+
+Bytes Special(uint8_t code, uint32_t extra, std::string_view text) {
+  Bytes body = {code, 0, 0, 0};
+  Append(body, extra);
+  Append(body, Text(text));
+  body.resize(std::max<size_t>(body.size(), kSpecialBody));
+  return Request(kSpecial, body);
+}
+
+Bytes Command(uint32_t type, std::string_view text) {
+  Bytes body;
+  Append(body, static_cast<uint32_t>(text.size()));
+  Append(body, type);
+  Append(body, Text(text, text.size() + kCommandTail));
+  return Request(kCommand, body);
 }
 
 Client Open(const std::string &interface) {

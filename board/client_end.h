@@ -46,6 +46,12 @@ Bytes Request(std::string_view head, const Bytes &body = {},
 Bytes Request(uint16_t command, const Bytes &body = {},
               std::string_view dst_mac = "ff ff ff ff ff ff");
 
+// A special command by its code, with a number and a text.
+Bytes Special(uint8_t code, uint32_t extra = 0, std::string_view text = {});
+
+// A remote command: its length, its type, the text, and the three bytes that end it.
+Bytes Command(uint32_t type, std::string_view text);
+
 Client Open(const std::string &interface);
 void Close(Client &client);
 void Send(const Client &client, const Bytes &datagram);

@@ -20,6 +20,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -227,6 +228,29 @@ Result Run(const Board &board, const Command &command) {
   Result result = Wait(process);
   result.output = output;
   return result;
+}
+
+int RunItself(const std::vector<std::string> &arguments) {
+  std::string why;
+  std::optional<Board> board;
+  if (EnterLab(&why)) board = Boot({}, &why);
+  if (!board) {
+    std::fprintf(stderr, "%s: %s\n", arguments[0].c_str(), why.c_str());
+    return 1;
+  }
+  Command command;
+  command.argv = arguments;
+  command.argv[0] = std::filesystem::read_symlink("/proc/self/exe").string();
+  const std::string here = std::filesystem::current_path().string();
+  if (Exists(*board, here)) command.directory = here;
+  const Result result = Wait(Spawn(*board, command));
+  if (result.exit_code >= 0) return result.exit_code;
+  std::fprintf(stderr, "%s: killed by signal %d\n", arguments[0].c_str(), result.signal);
+  return 128 + result.signal;
+}
+
+bool RunsOnBoard() {
+  return access("/run/board-clock", F_OK) == 0;
 }
 
 bool Kill(const Board &board, pid_t inner, int signal) {

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -17,7 +16,9 @@
 
 using std::string;
 using wire::Bytes;
+using wire::Command;
 using wire::Request;
+using wire::Special;
 using States = std::vector<uint32_t>;
 
 namespace {
@@ -53,27 +54,12 @@ Bytes Record(uint16_t command, size_t size,
   return Request(command, body);
 }
 
-Bytes Special(char code, char extra = 0, const string &text = "") {
-  return Record(0x80A0, 48, {{0, {code}}, {4, {extra}}, {8, text}});
-}
-
-Bytes Command(char type, const string &text) {
-  const char length = static_cast<char>(text.size());
-  return Record(0x8A10, 11 + text.size(), {{0, {length}}, {4, {type}}, {8, text}});
-}
-
-// Whether the lock is free for others, as one that was never used is not, and none is a zombie.
-bool IsTidy() {
+// Whether the lock is free for others, as one that was never used is not.
+bool IsLockFree() {
   const int set = semget(ftok("/var/log/qrconf_lock", 0), 0, 0);
   struct semid_ds use = {};
-  bool tidy = set < 0 || (semctl(set, 0, GETVAL) == 1 && semctl(set, 1, GETVAL) == 1 &&
-                          semctl(set, 0, IPC_STAT, &use) == 0 && use.sem_otime != 0);
-  for (const auto &entry : std::filesystem::directory_iterator("/run/kernel-proc")) {
-    std::ifstream file(entry.path() / "stat");
-    string line;
-    tidy = tidy && (!std::getline(file, line) || line.find(") Z ") == string::npos);
-  }
-  return tidy;
+  return set < 0 || (semctl(set, 0, GETVAL) == 1 && semctl(set, 1, GETVAL) == 1 &&
+                     semctl(set, 0, IPC_STAT, &use) == 0 && use.sem_otime != 0);
 }
 
 }  // namespace
@@ -112,14 +98,13 @@ class Faults : public SystemTest {
         found.insert(entry.path().filename());
     return found;
   }
-  int OpenFiles() {
-    return board::RunInside(
-               board,
-               [pid = std::to_string(ServerPid())] {
-                 const std::filesystem::directory_iterator files("/run/kernel-proc/" + pid + "/fd");
-                 return static_cast<int>(std::distance(begin(files), end(files)));
-               })
-        .exit_code;
+  long OpenFiles() {
+    return board::OpenFiles(board, ServerPid());
+  }
+  bool IsTidy() {
+    const std::vector<board::Process> all = board::Processes(board);
+    return std::none_of(all.begin(), all.end(), [](const auto &one) { return one.state == 'Z'; }) &&
+           board::RunInside(board, IsLockFree).exit_code == 1;
   }
   // A packet that the server does not know is traced, without a call that could fail.
   bool HasServed() {
@@ -159,7 +144,7 @@ class Faults : public SystemTest {
     return lines ? line : "";
   }
   void Try(const Case &test) {
-    const int open_files = OpenFiles();
+    const long open_files = OpenFiles();
     string struck = "-";
     for (int n = 1; !struck.empty() && !HasFailure(); ++n) {
       for (size_t i = 0; i < settings.size(); ++i)
@@ -176,7 +161,7 @@ class Faults : public SystemTest {
         Serve();
       }
       if (test.locks) Ask(Special(0x0B));
-      EXPECT_TRUE(board::WaitFor([&] { return board::RunInside(board, IsTidy).exit_code == 1; }));
+      EXPECT_TRUE(board::WaitFor([&] { return IsTidy(); }));
       if (!test.after.empty()) Ask(test.after);
     }
     ExpectAlive();

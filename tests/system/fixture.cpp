@@ -75,15 +75,7 @@ void SystemTest::StopDaemon() {
 }
 
 bool SystemTest::AwaitServers(int count) {
-  const auto bound_sockets = [] {
-    std::ifstream table("/proc/net/udp");
-    int found = 0;
-    for (std::string line; std::getline(table, line);) {
-      if (line.find("00000000:5998 ") != std::string::npos) ++found;
-    }
-    return found;
-  };
-  return board::WaitFor([&] { return board::RunInside(board, bound_sockets).exit_code == count; });
+  return board::WaitFor([&] { return std::ssize(board::ServiceSockets(board)) == count; });
 }
 
 pid_t SystemTest::ServerPid(const std::string &interface) {

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <random>
-#include <sstream>
 #include <utility>
 
 #include "tests/system/fixture.h"
@@ -20,23 +19,6 @@ constexpr char kStars[] = ": **************************************\r\n";
 constexpr char kTooShort[] = "** recvlen < MINIMUM_PACKET\r\n";
 constexpr char kBadLength[] = "** acph->header_size + acph->option_size != recvlen\r\n";
 constexpr uint16_t kInfo = 0x8050, kFirmwareEnd = 0x8070;
-
-// Of the server's socket: how much waits in its receive queue, in bytes of kernel memory, and how
-// many datagrams found no room there.
-struct Queue {
-  int bytes;
-  int drops;
-};
-
-Queue ReceiveQueue(const board::Board &board) {
-  std::istringstream line(board::Run(board, {.argv = {"grep", ":5998 ", "/proc/net/udp"}}).output);
-  std::vector<std::string> columns;
-  for (std::string column; line >> column;)
-    columns.push_back(column);
-  if (columns.size() != 13) return {};
-  const std::string &sizes = columns[4];  // "SEND:RECEIVE"
-  return {std::stoi(sizes.substr(sizes.find(':') + 1), nullptr, 16), std::stoi(columns[12])};
-}
 
 // What the kernel makes of a wish for 256 KiB.
 int GrantedQueue() {
@@ -178,10 +160,10 @@ TEST_F(Packets, BurstWaitsInAQueueAsLargeAsIsAskedFor) {
   EXPECT_TRUE(board::WaitFor([&] {
     for (int i = 0; i < 50; ++i, ++sent)
       wire::Send(client, Request(kInfo));
-    return ReceiveQueue(board).drops > 0;
+    return board::ServiceSockets(board).at(0).drops > 0;
   }));
   constexpr int kDatagram = 4096;  // one more or less, with what the kernel adds to it
-  EXPECT_NEAR(ReceiveQueue(board).bytes, GrantedQueue(), kDatagram);
+  EXPECT_NEAR(board::ServiceSockets(board).at(0).waiting, GrantedQueue(), kDatagram);
 
   ASSERT_TRUE(board::Kill(board, ServerPid(), SIGCONT));
   int answers = 0;
@@ -190,7 +172,7 @@ TEST_F(Packets, BurstWaitsInAQueueAsLargeAsIsAskedFor) {
   EXPECT_EQ(answers, 200);
   EXPECT_TRUE(board::WaitFor([&] {
     const std::string received = OnBoard({"grep", "-c", "ACP_INFO", "/var/log/trace"}).output;
-    return std::stoi(received) == sent - ReceiveQueue(board).drops;
+    return std::stoi(received) == sent - board::ServiceSockets(board).at(0).drops;
   }));
 }
 
