@@ -214,14 +214,3 @@ TEST(SendPacket, IsAddressedByTheArpTable) {
   }
   wire::Close(client);
 }
-
-TEST(EnabledClient, IsTheOneThatEnabledCommandMode) {
-  AcpRequest request = RequestOf(Request("20 00 00 00 07 00 01 00 A0 80 00 00 00 00 00 00"));
-  memcpy(daemon_state.enable_mac, request.packet + 16, 6);
-  daemon_state.enable_state = -1;
-  EXPECT_EQ(CheckEnabledClient(request), -1);
-  daemon_state.enable_state = 0;
-  EXPECT_EQ(CheckEnabledClient(request), 0);
-  request.packet[21] ^= 1;
-  EXPECT_EQ(CheckEnabledClient(request), -1);
-}

@@ -184,14 +184,18 @@ TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
   --elsewhere[10];
   EXPECT_EQ(Number(Ask(elsewhere), 28), kRefused);
   EXPECT_EQ(ReadFile("/tmp/trace").find("exec1>"), string::npos);
+  WriteFile(kResults, "line\n");
   daemon_state.enable_mac[5] = 2;
   EXPECT_EQ(Run(1, touch), kRefused);
   EXPECT_EQ(FetchLine(), "refused");
   daemon_state.enable_mac[5] = 1;
+  daemon_state.enable_state = -1;
+  EXPECT_EQ(Run(1, touch), kRefused);
+  EXPECT_EQ(FetchLine(), "refused");
+  daemon_state.enable_state = 0;
   EXPECT_EQ(Run(0, "sleep 1000"), kRefused);  // what a started one answers
   const pid_t running = daemon_state.cmd_chpid;
   EXPECT_GT(running, 0);
-  WriteFile(kResults, "line\n");
   EXPECT_EQ(Run(1, touch), kRefused);
   EXPECT_EQ(FetchLine(), "refused");
   EXPECT_FALSE(std::filesystem::exists("/tmp/ran"));

@@ -114,6 +114,8 @@ TEST_F(Special, StrangersAreRefusedFirstByProductThenByClient) {
 ACP_Special_Reply() not support command. cmd=ff|)");
   EXPECT_EQ(Seen(0x0C, 0, ""), "8000000a\n");
   EXPECT_EQ(daemon_state.password_verified, -1);
+  for (const uint32_t code : {1U, 2U, 3U, 4U, 0xFU, 0x40U, 0x41U, 0x45U, 0x50U})
+    EXPECT_EQ(Seen(code, 1, "/etc/hosts"), "8000000a\n") << code;
   for (const uint32_t code : {0U, 0x13U, 0x3FU, 0x43U, 0x44U, 0x46U, 0x4FU, 0x51U, 0xFEU})
     EXPECT_EQ(Seen(code, 0, "").substr(0, 9), "80000008\n") << code;
 }
@@ -143,6 +145,7 @@ CheckPassword_NEW().|check_pass="BhqYDxzjxHmr6"|true_pass ="BhqYDxzjxHmr6"|execu
 Enable Command : Password Error!!! failed GetKey.| > 10 d 80000000 - = 0|Disnable Command : Done.|
 > 10 45 0 - = 8000000a|)");
   EXPECT_EQ(get_mode_flags() + daemon_state.enable_mac[5], MODE_DEBUG);
+  EXPECT_EQ(daemon_state.enable_state, -1);
 }
 
 TEST_F(Special, ChildrenAreWaitedForOnlyWhereTheyAreMeant) {
