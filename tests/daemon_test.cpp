@@ -33,6 +33,7 @@ class Daemon : public testing::Test {
   void SetUp() override {
     daemon_state.ifname = "eth0";
     daemon_state.fw_updating = 0;
+    set_mode_flags(0);
     InstallSignalHandlers();
     ASSERT_EQ(InstallChildHandler(), 0);
     ClaimServer();
