@@ -306,7 +306,7 @@ TEST_F(Faults, AtTheStart) {
     bool bound = false, launched = false;
     EXPECT_TRUE(board::WaitFor([&] {
       launched = launched || waitpid(launcher, nullptr, WNOHANG) == launcher;
-      bound = OnBoard({"grep", "-q", ":5998 ", "/proc/net/udp"}).exit_code == 0;
+      bound = !board::ServiceSockets(board).empty();
       return bound || (launched && OnBoard({"pgrep", "-x", "bh_servd"}).exit_code != 0);
     }));
     notes = board::ReadFile(board, kPlan);
