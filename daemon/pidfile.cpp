@@ -48,16 +48,17 @@ pid_t ReadPid(const char *path) {
   return number > 1 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
 }
 
-bool NamesAnotherProcess(const char *path) {
+bool IsOwnPidFile(const char *path) {
+  if (access(path, F_OK) != 0) return false;
   const pid_t pid = ReadPid(path);
-  return pid != 0 && pid != getpid() && (kill(pid, 0) == 0 || errno == EPERM);
+  return pid == 0 || pid == getpid() || (kill(pid, 0) != 0 && errno == ESRCH);
 }
 
 int32_t DeletePidfile() {
   syslog(LOG_NOTICE, "DeletePidfile()");
   if (daemon_state.ifname.empty()) return -1;
   const std::string path = PidFilePath(daemon_state.ifname);
-  return NamesAnotherProcess(path.c_str()) ? -1 : remove(path.c_str());
+  return IsOwnPidFile(path.c_str()) ? remove(path.c_str()) : -1;
 }
 
 int32_t stop_daemon(const char *name) {

@@ -21,12 +21,13 @@ int32_t WritePidFile(const std::string &ifname, pid_t pid);
 // nor init is ever named. Safe in a signal handler.
 pid_t ReadPid(const char *path);
 
-// Whether the file names a living process other than this one: a server that was started when this
-// one had been told to stop. Safe in a signal handler.
-bool NamesAnotherProcess(const char *path);
+// Whether the file is there and names no living process but this one. A server that has been told
+// to stop must leave the file of one that was started since, also of one that is just being
+// started. Safe in a signal handler.
+bool IsOwnPidFile(const char *path);
 
-// Removes the pid file of the served interface. Returns -1 when no interface is set or the file is
-// another server's, else the result of the removal.
+// Removes the pid file of the served interface. Returns -1 when no interface is set, and when there
+// is none or it is another server's; else the result of the removal.
 int32_t DeletePidfile();
 
 // Ends the instance that serves interface `name` and removes its pid file, which signals nobody

@@ -192,7 +192,7 @@ int32_t exec1(const char *command, int32_t wait, int32_t *status) {
     return -1;
   }
   const ChildHold hold = HoldChildren();
-  const pid_t child = ForkChild();
+  const pid_t child = ForkWorker();
   if (child == 0) ExecWords(line, words);
   const int32_t result = FinishExec(child, wait, status);
   ReleaseChildren(hold);

@@ -29,6 +29,7 @@
 namespace {
 
 constexpr unsigned CRASH_DEADLINE = 2;      // seconds that a crashed process may spend on its log
+constexpr unsigned EXIT_DEADLINE = 1;       // seconds that log and trace may hold up the end
 constexpr time_t FAILED_RECEIVER_WAIT = 1;  // seconds
 
 alignas(16) char crash_stack[32 * 1024];
@@ -53,11 +54,17 @@ void LogExit(int code) {
   DebugPrint("kv_serv_exit() exit kv_servd. code=%d\n", code);
 }
 
+void EndNow(int) {
+  _exit(0);
+}
+
 void EndServer(int code) {
   // A second signal must not start the exit within the exit, and nothing may hold it up.
   daemon_state.waiting = 0;
   daemon_state.exit_pending = code;
+  signal(SIGALRM, EndNow);
   if (IsServer()) DeletePidfile();
+  alarm(EXIT_DEADLINE);
   if (daemon_state.sock != -1) close(daemon_state.sock);
   daemon_state.ifname.clear();
   LogExit(code);
@@ -67,7 +74,7 @@ void EndServer(int code) {
 
 // However the server ends, a later start must not find its pid file. Not a child's to do.
 void RemovePidFile() {
-  if (IsServer() && !NamesAnotherProcess(pid_file)) unlink(pid_file);
+  if (IsServer() && IsOwnPidFile(pid_file)) unlink(pid_file);
 }
 
 // After a crash any lock may be held and any memory damaged: the pid file goes first, then the log
@@ -90,6 +97,17 @@ void EndWithoutMemory() {
 
 // Installed instead of SIG_IGN, which the programs that the daemon starts would inherit.
 void ignore_signal(int) {}
+
+// The signal may have come just before a write to a trace that nobody reads: the next one gets the
+// server out of it.
+void NoteExit(int code) {
+  struct sigaction interrupt = {};
+  sigemptyset(&interrupt.sa_mask);
+  interrupt.sa_handler = ignore_signal;
+  sigaction(SIGALRM, &interrupt, nullptr);
+  daemon_state.exit_pending = code;
+  alarm(EXIT_DEADLINE);
+}
 
 void TellUpdating() {
   static const char text[] = "now F/W updating.\n";
@@ -155,7 +173,7 @@ void kv_serv_exit(int code) {
   } else if (daemon_state.waiting != 0 && !IsInstalling()) {
     EndServer(code);
   } else {
-    daemon_state.exit_pending = code;
+    NoteExit(code);
   }
   errno = saved_errno;
 }

@@ -1,9 +1,9 @@
 // Trace output; its destination is chosen anew for every line, since debug mode may change at any
 // time.
 //
-// A trace may be a pipe whose reader has stopped reading. A signal that asks for the end must get
-// the server out of a write to it, also one that comes just before: writes are waited for in short
-// looks, and past stdio, which would try once more at the exit.
+// A trace may be a pipe or a terminal whose reader has stopped reading. A signal that asks for the
+// end must get the server out of a write to it: writes are waited for in short looks, and past
+// stdio, which would try once more at the exit. One that has begun is ended by a second signal.
 
 #include "daemon/trace.h"
 
@@ -37,8 +37,12 @@ bool TakesMoreWithin(int fd, int milliseconds) {
   return ready > 0 || (ready < 0 && errno != EINTR);  // the write tells what is wrong
 }
 
+// Set once a line was cut at the end of the server.
+volatile bool reader_is_stuck = false;
+
 // False when the server is to end before the reader takes more.
 bool AwaitReader(int fd) {
+  if (reader_is_stuck) return false;
   while (!TakesMoreWithin(fd, daemon_state.exit_pending == 0 ? LOOK_INTERVAL : 0)) {
     if (daemon_state.exit_pending != 0) return false;
   }
@@ -48,11 +52,13 @@ bool AwaitReader(int fd) {
 // A pipe that takes more takes PIPE_BUF bytes at once.
 void Write(int fd, const char *text, size_t length) {
   while (length > 0 && AwaitReader(fd)) {
-    const ssize_t written = write(fd, text, std::min<size_t>(length, PIPE_BUF));
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;  // errors are nobody's to see
-    text += written;
-    length -= static_cast<size_t>(written);
+    const size_t piece = std::min<size_t>(length, PIPE_BUF);
+    const ssize_t written = write(fd, text, piece);
+    if (written < 0 && errno != EINTR) return;  // errors are nobody's to see
+    const size_t taken = written < 0 ? 0 : static_cast<size_t>(written);
+    reader_is_stuck = daemon_state.exit_pending != 0 && taken < piece;
+    text += taken;
+    length -= taken;
   }
 }
 

@@ -9,15 +9,15 @@
 constexpr const char *TRACE_DASH_RULE = "--------------------------------------";
 constexpr const char *TRACE_STAR_RULE = "**************************************\r\n";
 
-// Writes one line exactly as given, at once. Returns the characters written, 0 when debug mode is
-// off. Once the server is to end, what the trace's reader does not take at once is left out: the
-// end must not wait for it.
+// Writes one line exactly as given, at once. Returns its characters, 0 when debug mode is off. Once
+// the server is to end, what the trace's reader does not take at once is left out, and all that
+// follows it.
 int32_t DebugPrint(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // The same for the settings library, which knows it by this name.
 extern "C" int32_t libbh_debug_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Whether `fd` takes some hundred bytes at once.
+// Whether a write of a short line to `fd` need not wait. Only a terminal may say so wrongly.
 bool TakesMore(int fd);
 
 // Opens the trace file of -a, truncating it. Returns 0, or -1 when `path` is missing, empty or

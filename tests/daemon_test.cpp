@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -226,6 +227,44 @@ TEST_F(Daemon, PidFileIsRemovedUnlessItNamesALivingServer) {
   kill(living, SIGKILL);
 }
 
+TEST_F(Daemon, ServerThatEndsByTheLibraryLeavesALaterOnesPidFile) {
+  const ChildHold hold = HoldChildren();
+  fixture::WriteFile(kPidFile, std::to_string(getpid()));
+  const pid_t server = ForkChild();
+  if (server == 0) {
+    ClaimServer();
+    exit(0);
+  }
+  EXPECT_EQ(StatusOf(server), 0);
+  ReleaseChildren(hold);
+  EXPECT_TRUE(Exists(kPidFile));
+}
+
+TEST_F(Daemon, PidFileThatCannotBePutInPlaceLeavesNothing) {
+  fixture::RemoveFile(kPidFile);
+  ASSERT_EQ(mkdir(kPidFile, 0755), 0);
+  EXPECT_EQ(WritePidFile("eth0", 77), -1);
+  EXPECT_FALSE(Exists("/var/run/bh_servd-eth0.pid.77"));
+  fixture::RemoveFile(kPidFile);
+}
+
+TEST_F(Daemon, RefusedExitWaitsForNoReader) {
+  int ends[2] = {};
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  while (write(ends[1], "x", 1) == 1)
+    continue;
+  fcntl(ends[1], F_SETFL, 0);
+  const int usual = dup(STDOUT_FILENO);
+  dup2(ends[1], STDOUT_FILENO);
+  daemon_state.fw_updating = 1;
+  raise(SIGTERM);
+  daemon_state.fw_updating = 0;
+  dup2(usual, STDOUT_FILENO);
+  EXPECT_EQ(daemon_state.exit_pending, 0);
+  for (const int fd : {usual, ends[0], ends[1]})
+    close(fd);
+}
+
 TEST_F(Daemon, PidFileIsNeverSeenWithoutItsNumber) {
   const pid_t living = StartSleeper();
   fixture::WriteFile(kPidFile, "1");
@@ -309,6 +348,9 @@ TEST_F(Daemon, TraceGoesWhereTheModeSays) {
   EXPECT_EQ(DebugPrint("%s %d\r\n", "line", 1), 8);
   EXPECT_EQ(fixture::ReadFile("/tmp/second"), "line 1\r\n");
   EXPECT_EQ(fixture::ReadFile("/tmp/first"), "");
+  const std::string long_line(6000, 'x');  // more than a pipe takes at once
+  EXPECT_EQ(DebugPrint("%s", long_line.c_str()), 6000);
+  EXPECT_EQ(fixture::ReadFile("/tmp/second"), "line 1\r\n" + long_line);
 
   testing::internal::CaptureStdout();
   EXPECT_EQ(open_trace_file("/no/such/folder"), -1);

@@ -450,6 +450,14 @@ TEST_F(Firmware, OldestOfManyAbandonedReceiversGoes) {
   const std::vector<pid_t> youngest(receivers.end() - 4, receivers.end());
   const auto &live = daemon_state.live_receivers;
   EXPECT_EQ(std::vector<pid_t>(std::begin(live), std::end(live)), youngest);
+
+  // Two that end leave no gap in which the next one would be the oldest.
+  kill(youngest[1], SIGKILL);
+  kill(youngest[3], SIGKILL);
+  EXPECT_TRUE(board::WaitFor([] { return LiveReceivers() == 2; }));
+  EXPECT_EQ(Begin({}), kStarted);
+  const std::vector<pid_t> moved_up = {youngest[0], youngest[2], daemon_state.firm_down_chpid, 0};
+  EXPECT_EQ(std::vector<pid_t>(std::begin(live), std::end(live)), moved_up);
   EXPECT_EQ(End(5), kRefused);
   EXPECT_EQ(LiveReceivers(), 0);
 }

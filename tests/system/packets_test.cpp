@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "tests/system/fixture.h"
@@ -98,8 +99,7 @@ TEST_F(Packets, ValidationTracesAllThatIsWrong) {
 TEST_F(Packets, HeaderBytesThatHaveNotComeAreZero) {
   StartDaemon();
   Bytes whole = Request(kInfo);
-  whole[30] = 0x77;
-  whole[31] = 0x77;
+  std::fill_n(whole.begin() + 28, 4, uint8_t{0x77});
   wire::Send(client, whole);
   Bytes end = Part(Request(kFirmwareEnd), 0, 30);  // half of its result is missing
   end[0] = 30;
