@@ -437,27 +437,32 @@ TEST_F(Firmware, ReceiverKeepsNoEndOfItsStartersPipe) {
   EXPECT_EQ(End(5), kRefused);
 }
 
-TEST_F(Firmware, OldestOfManyAbandonedReceiversGoes) {
-  // A receiver keeps the address that the appliance had: only so can several live.
-  std::vector<pid_t> receivers;
-  for (int i = 7; i >= 2; --i) {
-    const string move = "ip addr flush dev eth0; ip addr add 192.168.40.%d/24 brd + dev eth0";
-    RunCommandLine(FormatText(move.c_str(), i));
-    EXPECT_EQ(Begin({}), kStarted);
-    receivers.push_back(daemon_state.firm_down_chpid);
-    EXPECT_GT(receivers.back(), 0) << i;
-  }
-  const std::vector<pid_t> youngest(receivers.end() - 4, receivers.end());
-  const auto &live = daemon_state.live_receivers;
-  EXPECT_EQ(std::vector<pid_t>(std::begin(live), std::end(live)), youngest);
-
-  // Two that end leave no gap in which the next one would be the oldest.
-  kill(youngest[1], SIGKILL);
-  kill(youngest[3], SIGKILL);
-  EXPECT_TRUE(board::WaitFor([] { return LiveReceivers() == 2; }));
+// A receiver keeps the address that the appliance had: only so can several live. Starts one on the
+// address that ends with `host`.
+pid_t BeginOn(int host) {
+  const string move = "ip addr flush dev eth0; ip addr add 192.168.40.%d/24 brd + dev eth0";
+  RunCommandLine(FormatText(move.c_str(), host));
   EXPECT_EQ(Begin({}), kStarted);
-  const std::vector<pid_t> moved_up = {youngest[0], youngest[2], daemon_state.firm_down_chpid, 0};
-  EXPECT_EQ(std::vector<pid_t>(std::begin(live), std::end(live)), moved_up);
+  return daemon_state.firm_down_chpid;
+}
+
+std::vector<pid_t> Receivers() {
+  const auto &live = daemon_state.live_receivers;
+  return {std::begin(live), std::end(live)};
+}
+
+TEST_F(Firmware, OldestOfManyAbandonedReceiversGoes) {
+  std::vector<pid_t> begun;
+  for (int host = 8; host > 2; --host)
+    begun.push_back(BeginOn(host));
+  EXPECT_EQ(Receivers(), std::vector<pid_t>(begun.end() - 4, begun.end()));
+
+  // When two have ended, the others move up.
+  kill(begun[2], SIGKILL);
+  kill(begun[3], SIGKILL);
+  EXPECT_TRUE(board::WaitFor([] { return LiveReceivers() == 2; }));
+  const pid_t last = BeginOn(2);
+  EXPECT_EQ(Receivers(), (std::vector<pid_t>{begun[4], begun[5], last, 0}));
   EXPECT_EQ(End(5), kRefused);
   EXPECT_EQ(LiveReceivers(), 0);
 }
