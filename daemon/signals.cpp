@@ -54,7 +54,13 @@ void LogExit(int code) {
   DebugPrint("kv_serv_exit() exit kv_servd. code=%d\n", code);
 }
 
+// However the server ends, a later start must not find its pid file. Not a child's to do.
+void RemovePidFile() {
+  if (IsServer() && IsOwnPidFile(pid_file)) unlink(pid_file);
+}
+
 void EndNow(int) {
+  RemovePidFile();
   _exit(0);
 }
 
@@ -63,18 +69,13 @@ void EndServer(int code) {
   daemon_state.waiting = 0;
   daemon_state.exit_pending = code;
   signal(SIGALRM, EndNow);
-  if (IsServer()) DeletePidfile();
   alarm(EXIT_DEADLINE);
+  if (IsServer()) DeletePidfile();
   if (daemon_state.sock != -1) close(daemon_state.sock);
   daemon_state.ifname.clear();
   LogExit(code);
   if (!TakesMore(STDOUT_FILENO)) _exit(0);  // nobody reads what stdio would still write there
   exit(0);
-}
-
-// However the server ends, a later start must not find its pid file. Not a child's to do.
-void RemovePidFile() {
-  if (IsServer() && IsOwnPidFile(pid_file)) unlink(pid_file);
 }
 
 // After a crash any lock may be held and any memory damaged: the pid file goes first, then the log
@@ -106,7 +107,7 @@ void NoteExit(int code) {
   interrupt.sa_handler = ignore_signal;
   sigaction(SIGALRM, &interrupt, nullptr);
   daemon_state.exit_pending = code;
-  alarm(EXIT_DEADLINE);
+  if ((get_mode_flags() & MODE_DEBUG) != 0) alarm(EXIT_DEADLINE);
 }
 
 void TellUpdating() {

@@ -54,7 +54,7 @@ void Write(int fd, const char *text, size_t length) {
   while (length > 0 && AwaitReader(fd)) {
     const size_t piece = std::min<size_t>(length, PIPE_BUF);
     const ssize_t written = write(fd, text, piece);
-    if (written < 0 && errno != EINTR) return;  // errors are nobody's to see
+    if (written == 0 || (written < 0 && errno != EINTR)) return;  // errors are nobody's to see
     const size_t taken = written < 0 ? 0 : static_cast<size_t>(written);
     reader_is_stuck = daemon_state.exit_pending != 0 && taken < piece;
     text += taken;
