@@ -320,7 +320,7 @@ TEST(Settings, ZoneOfTheCallerIsFollowedAtEachCall) {
   setenv("TZ", "UTC0", 1);
   libbh_GetDateAndTime(&now);
   EXPECT_EQ(now.hour, 22);
-  setenv("TZ", "XXX-3", 1);
+  setenv("TZ", "MSK-3", 1);
   libbh_GetDateAndTime(&now);
   EXPECT_EQ(now.hour, 1);
   unsetenv("TZ");
