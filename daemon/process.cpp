@@ -61,17 +61,26 @@ std::string FinishedWords(const std::string &command) {
   return finished;
 }
 
-[[noreturn]] void ExecWords(const std::string &command, std::vector<std::string> &words) {
-  ReadNothing();
+void ShowWords(const std::string &command) {
   const std::string shown = FinishedWords(command);
   const ssize_t written = write(STDOUT_FILENO, shown.data(), shown.size());
   (void)written;  // nobody may be listening
+}
+
+// Returns when there is no such program.
+void ExecProgram(std::vector<std::string> &words) {
   std::vector<char *> arguments;
   arguments.reserve(words.size() + 1);
   for (std::string &word : words)
     arguments.push_back(word.data());
   arguments.push_back(nullptr);
   if (arguments[0] != nullptr) execvp(arguments[0], arguments.data());
+}
+
+[[noreturn]] void ExecWords(const std::string &command, std::vector<std::string> &words) {
+  ReadNothing();
+  ShowWords(command);
+  ExecProgram(words);
   _exit(EXEC_FAILED);
 }
 
