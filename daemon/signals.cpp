@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -194,6 +195,14 @@ void libbh_begin_wait() {
 
 void libbh_end_wait() {
   EndWait();
+}
+
+int32_t libbh_debug_print(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = VDebugPrint(format, arguments);
+  va_end(arguments);
+  return written;
 }
 
 void ClaimServer() {

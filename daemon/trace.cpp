@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -62,7 +61,9 @@ void Write(int fd, const char *text, size_t length) {
   }
 }
 
-int32_t Print(const char *format, va_list arguments) {
+}  // namespace
+
+int32_t VDebugPrint(const char *format, va_list arguments) {
   if ((get_mode_flags() & MODE_DEBUG) == 0) return 0;
   char line[LONGEST_LINE] = "";
   const int length = vsnprintf(line, sizeof(line), format, arguments);
@@ -72,20 +73,10 @@ int32_t Print(const char *format, va_list arguments) {
   return length;
 }
 
-}  // namespace
-
 int32_t DebugPrint(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int32_t written = Print(format, arguments);
-  va_end(arguments);
-  return written;
-}
-
-int32_t libbh_debug_print(const char *format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  const int32_t written = Print(format, arguments);
+  const int32_t written = VDebugPrint(format, arguments);
   va_end(arguments);
   return written;
 }

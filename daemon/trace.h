@@ -3,6 +3,7 @@
 #ifndef BH_DAEMON_TRACE_H_
 #define BH_DAEMON_TRACE_H_
 
+#include <cstdarg>
 #include <cstdint>
 
 // Rules that open a request's block of lines.
@@ -14,8 +15,7 @@ constexpr const char *TRACE_STAR_RULE = "**************************************\
 // follows it.
 int32_t DebugPrint(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// The same for the settings library, which knows it by this name.
-extern "C" int32_t libbh_debug_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
+int32_t VDebugPrint(const char *format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
 // Whether a write of a short line to `fd` need not wait. Only a terminal may say so wrongly.
 bool TakesMore(int fd);

@@ -176,7 +176,7 @@ bool TakeLock(const AcpRequest &request, const Family &family) {
 // In front of an archive password the text ends with its field, and may run on over what follows
 // otherwise. In neither case may it be longer than a password's buffer.
 std::optional<std::string> AdministratorPassword(const UpdateRequest &update, uint32_t key) {
-  const std::optional<std::string> whole = DecodePassword(update.password, key);
+  std::optional<std::string> whole = DecodePassword(update.password, key);
   if (!whole || update.password_room == update.password.size()) return whole;
   return DecodePassword(std::span(update.password).first(update.password_room), key);
 }

@@ -111,7 +111,7 @@ std::string FirstOutputLine(const char *command, size_t longest) {
   if (pipe2(ends, O_CLOEXEC) != 0) return "";
   const pid_t child = StartShell(command, ends[1]);
   close(ends[1]);
-  const std::string line = child > 0 ? ReadLine(ends[0], longest) : "";
+  std::string line = child > 0 ? ReadLine(ends[0], longest) : "";
   close(ends[0]);  // a command that prints more ends by it
   if (child > 0) AwaitChild(child);
   return line;

@@ -269,7 +269,7 @@ TEST_F(Daemon, PidFileIsNeverSeenWithoutItsNumber) {
   const pid_t living = StartSleeper();
   fixture::WriteFile(kPidFile, "1");
   const int before = open(kPidFile, O_RDONLY | O_CLOEXEC);
-  ASSERT_EQ(WritePidFile("eth0", living), 0);
+  EXPECT_EQ(WritePidFile("eth0", living), 0);
   char content[8] = "";
   EXPECT_EQ(read(before, content, sizeof(content) - 1), 1);
   EXPECT_STREQ(content, "1") << "the file was emptied before it was written";

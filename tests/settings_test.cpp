@@ -60,7 +60,7 @@ static void ZoneOfANewOffset(time_t change) {
   const string head = "TZif2" + string(15, '\0');
   const string no_counts(24, '\0');
   const string counts = string(12, '\0') + Big(1, 4) + Big(2, 4) + Big(4, 4);
-  const string types = Big(3 * 3600, 4) + Big(0, 2) + Big(4 * 3600, 4) + Big(0, 2);
+  const string types = Big(10800, 4) + Big(0, 2) + Big(14400, 4) + Big(0, 2);
   const string change_to_second = Big(change, 8) + Big(1, 1);
   RemoveFile(ZONE);
   WriteFile(ZONE, head + no_counts + head + counts + change_to_second + types + "MSK\0\nMSK-4\n"s);
@@ -176,22 +176,27 @@ TEST(Settings, HostNameIsReadByAProgramWithoutStandardDescriptors) {
   waitpid(program, nullptr, 0);
 }
 
-TEST(Settings, LongCrontabLineIsKeptOrDroppedWhole) {
+// A line of more than 255 characters, whose NTP command ends at the given one.
+static string LineWithCommandUpTo(size_t character) {
   const string command = "/usr/sbin/ntpdate_script -b -s";
-  const struct {
-    const char *what;
-    size_t command_ends;  // at this character of the line
-    bool kept;
-  } cases[] = {{"in the front", 255, false}, {"behind the front", 256, true}};
+  return string(character - command.size(), 'x') + command + X250 + "\n";
+}
+
+static string WithNtpLine(const string &jobs) {
+  return jobs + "#0 */6 " + NTP + "b \n";
+}
+
+TEST(Settings, LongCrontabLineIsKeptOrDroppedWhole) {
   NtpConfig config = {0, const_cast<char *>("b"), 6};
+  const string in_the_front = LineWithCommandUpTo(255);
+  const string behind_it = LineWithCommandUpTo(256);
   libbh_lock();
-  for (const auto &test : cases) {
-    const string line = string(test.command_ends - command.size(), 'x') + command + X250 + "\n";
-    WriteFile(CRONTAB, "a\n" + line + "c\n");
-    EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
-    EXPECT_EQ(ReadFile(CRONTAB), "a\n" + (test.kept ? line : "") + "c\n#0 */6 " + NTP + "b \n")
-        << test.what;
-  }
+  WriteFile(CRONTAB, in_the_front);
+  EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
+  EXPECT_EQ(ReadFile(CRONTAB), WithNtpLine("\n"));
+  WriteFile(CRONTAB, behind_it);
+  EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
+  EXPECT_EQ(ReadFile(CRONTAB), WithNtpLine(behind_it));
 }
 
 TEST(Settings, NtpSchedule) {
