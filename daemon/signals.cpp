@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -195,14 +194,6 @@ void libbh_begin_wait() {
 
 void libbh_end_wait() {
   EndWait();
-}
-
-int32_t libbh_debug_print(const char *format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  const int32_t written = VDebugPrint(format, arguments);
-  va_end(arguments);
-  return written;
 }
 
 void ClaimServer() {

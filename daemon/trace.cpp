@@ -13,10 +13,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "daemon/state.h"
+
+// The name by which the settings library knows DebugPrint, and looks for it.
+extern "C" int32_t libbh_debug_print(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 namespace {
 
@@ -61,9 +65,7 @@ void Write(int fd, const char *text, size_t length) {
   }
 }
 
-}  // namespace
-
-int32_t VDebugPrint(const char *format, va_list arguments) {
+int32_t Print(const char *format, va_list arguments) {
   if ((get_mode_flags() & MODE_DEBUG) == 0) return 0;
   char line[LONGEST_LINE] = "";
   const int length = vsnprintf(line, sizeof(line), format, arguments);
@@ -73,10 +75,20 @@ int32_t VDebugPrint(const char *format, va_list arguments) {
   return length;
 }
 
+}  // namespace
+
 int32_t DebugPrint(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int32_t written = VDebugPrint(format, arguments);
+  const int32_t written = Print(format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+int32_t libbh_debug_print(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = Print(format, arguments);
   va_end(arguments);
   return written;
 }

@@ -3,7 +3,6 @@
 #ifndef BH_DAEMON_TRACE_H_
 #define BH_DAEMON_TRACE_H_
 
-#include <cstdarg>
 #include <cstdint>
 
 // Rules that open a request's block of lines.
@@ -14,8 +13,6 @@ constexpr const char *TRACE_STAR_RULE = "**************************************\
 // the server is to end, what the trace's reader does not take at once is left out, and all that
 // follows it.
 int32_t DebugPrint(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-int32_t VDebugPrint(const char *format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
 // Whether a write of a short line to `fd` need not wait. Only a terminal may say so wrongly.
 bool TakesMore(int fd);

@@ -82,7 +82,9 @@ TEST_F(Core, ServesUntilItIsTerminated) {
   const pid_t server = ServerPid();
   EXPECT_GT(server, 1);
   EXPECT_EQ(board::ReadFile(board, kPidFile), std::to_string(server));
-  EXPECT_NE(board::ReadFile(board, board::kSyslog).find(" bh_servd["), std::string::npos);
+  EXPECT_TRUE(board::WaitFor([this] {
+    return board::ReadFile(board, board::kSyslog).find(" bh_servd[") != std::string::npos;
+  }));
   ExpectAlive();
 
   EXPECT_EQ(OnBoard({"bh_servd"}).exit_code, 0);
