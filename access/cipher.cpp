@@ -68,17 +68,17 @@ void DecryptPassword(uint8_t *dst, const uint8_t *src, uint32_t key) {
 }
 
 std::optional<std::string> DecodePassword(std::span<const uint8_t> field, uint32_t key,
-                                          size_t room) {
+                                          size_t capacity) {
   const auto zero = std::find(field.begin(), field.end(), uint8_t{0});
   const auto length = std::max<size_t>(1, static_cast<size_t>(zero - field.begin()));
   const size_t whole = (length + CIPHER_BLOCK - 1) / CIPHER_BLOCK * CIPHER_BLOCK;
-  if (whole > room) return std::nullopt;
+  if (whole > capacity) return std::nullopt;
 
   std::vector<uint8_t> encoded(whole + 1);
   std::copy_n(field.begin(), std::min(whole, field.size()), encoded.begin());
   std::vector<uint8_t> clear(whole);
   DecryptPassword(clear.data(), encoded.data(), key);
   std::string text(clear.begin(), std::find(clear.begin(), clear.end(), uint8_t{0}));
-  if (text.size() >= room) return std::nullopt;
+  if (text.size() >= capacity) return std::nullopt;
   return text;
 }

@@ -22,14 +22,14 @@ void DecryptBlock(uint8_t *dst, const uint8_t *src, uint32_t key);
 void EncryptBlock(uint8_t *dst, const uint8_t *src, uint32_t key);
 
 // Decodes the text `src`, which ends with its first zero byte. Whole blocks are read and written,
-// at least one: both must have room for them, and `dst` must be zeroed, since no terminator is
+// at least one: both must have capacity for them, and `dst` must be zeroed, since no terminator is
 // written. For requests, take DecodePassword.
 void DecryptPassword(uint8_t *dst, const uint8_t *src, uint32_t key);
 
 // The decoded text, up to its first zero byte, of the encoded one at the start of `field`. The
 // field may end anywhere, as a request does: the rest of a block that it cuts reads as zero.
-// Nothing when the whole blocks, or the text and its NUL, do not fit a buffer of `room` bytes.
+// Nothing when the whole blocks, or the text and its NUL, do not fit a buffer of `capacity` bytes.
 std::optional<std::string> DecodePassword(std::span<const uint8_t> field, uint32_t key,
-                                          size_t room = PASSWORD_BUFFER);
+                                          size_t capacity = PASSWORD_BUFFER);
 
 #endif  // BH_ACCESS_CIPHER_H_

@@ -22,7 +22,7 @@ namespace {
 
 constexpr char EMPTY_PASSWORD_HASH[] = "Tq8.Rw3mZbK/c";
 constexpr char ROOT_ENTRY[] = "root:";
-constexpr size_t LONGEST_HASH = 255;
+constexpr size_t MAX_HASH = 255;
 
 // The password's hash made with the salt of the hash `stored`. Empty when there is none: crypt(3)
 // refuses salts that it does not know with a null pointer. Empty as well when it is too long to be
@@ -31,7 +31,7 @@ std::string Hash(const char *password, const std::string &stored) {
   const auto workspace = std::make_unique<struct crypt_data>();
   const char *hash =
       password == nullptr ? nullptr : crypt_r(password, stored.c_str(), workspace.get());
-  return hash == nullptr || strlen(hash) > LONGEST_HASH ? "" : hash;
+  return hash == nullptr || strlen(hash) > MAX_HASH ? "" : hash;
 }
 
 // Some platforms refuse a salt with a text that begins with a star instead, and so do accounts that
@@ -50,7 +50,7 @@ std::string ReadRootHash(FILE *file) {
     next = fgetc(file);
   std::string hash;
   while (next != EOF && isspace(next) == 0) {
-    if (hash.size() == LONGEST_HASH) return {};
+    if (hash.size() == MAX_HASH) return {};
     hash.push_back(static_cast<char>(next));
     next = fgetc(file);
   }

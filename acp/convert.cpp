@@ -93,8 +93,8 @@ void SwapBodyNumbers(std::span<uint8_t> packet, const ACPHeader &header) {
 void SwapAcpHeader(std::span<uint8_t> packet, Conversion conversion) {
   if (packet.size() < ACP_HEADER_SIZE) return;
   ACPHeader header = {};
-  if (conversion == Conversion::kToHost) SwapHeaderNumbers(packet);
+  if (conversion == Conversion::TO_HOST) SwapHeaderNumbers(packet);
   memcpy(&header, packet.data(), sizeof(header));
-  if (conversion == Conversion::kToWire) SwapHeaderNumbers(packet);
+  if (conversion == Conversion::TO_WIRE) SwapHeaderNumbers(packet);
   SwapBodyNumbers(packet, header);
 }

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-enum class Conversion { kToHost, kToWire };
+enum class Conversion { TO_HOST, TO_WIRE };
 
 // Converts the header's numbers and the body numbers that the packet's command defines, in place.
 // `packet` is the whole packet as far as it exists; a number that does not lie within it whole

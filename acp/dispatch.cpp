@@ -101,7 +101,7 @@ bool IsForThisAppliance(const AcpRequest &request) {
 void ConvertToHost(AcpRequest &request) {
   const size_t received = static_cast<size_t>(request.recvlen);
   const size_t length = std::max(received, ACP_HEADER_SIZE);
-  SwapAcpHeader(std::span(request.packet).first(length), Conversion::kToHost);
+  SwapAcpHeader(std::span(request.packet).first(length), Conversion::TO_HOST);
 }
 
 // Every check is made, so that the trace tells all that is wrong.

@@ -17,7 +17,7 @@ constexpr uint32_t LOWEST_VERSION = 0x00010000;
 constexpr uint32_t REPLY_VERSION = 0x00010007;
 constexpr size_t ACP_HEADER_SIZE = 32;
 constexpr size_t MAC_SIZE = 6;
-constexpr size_t LARGEST_REPLY = 7478;  // bytes, header included, that an appliance can send
+constexpr size_t MAX_REPLY = 7478;  // bytes, header included, that an appliance can send
 
 struct ACPHeader {
   uint16_t header_size;  // bytes before the body; 32
@@ -238,9 +238,9 @@ struct CommandHeader {
   uint32_t type;    // AcpCommandType; 0 in replies
 };
 static_assert(sizeof(CommandHeader) == 8);
-constexpr size_t COMMAND_TAIL = 3;    // of the request
-constexpr size_t OUTPUT_TAIL = 3;     // of a captured reply
-constexpr size_t RESULT_TAIL = 4;     // of a line's reply
-constexpr size_t MOST_OUTPUT = 1427;  // bytes that a captured reply holds
+constexpr size_t COMMAND_TAIL = 3;   // of the request
+constexpr size_t OUTPUT_TAIL = 3;    // of a captured reply
+constexpr size_t RESULT_TAIL = 4;    // of a line's reply
+constexpr size_t MAX_OUTPUT = 1427;  // bytes that a captured reply holds
 
 #endif  // BH_ACP_PACKET_H_

@@ -97,7 +97,7 @@ void SendFrame(int fd, std::span<const uint8_t> frame) {
 // Builds the frame around `payload` and sends it through the bound socket `fd`.
 void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, in_addr_t dst_ip,
                   const uint8_t *src_mac) {
-  uint8_t frame[FRAME_HEADERS + LARGEST_REPLY];
+  uint8_t frame[FRAME_HEADERS + MAX_REPLY];
   uint8_t dst_mac[MAC_SIZE];
   LookUpMac(fd, dst_ip, dst_mac);
   const in_addr_t src_ip = InterfaceAddress(fd, NO_ADDRESS);
@@ -110,7 +110,7 @@ void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, 
 
 // A whole reply, in host order.
 int32_t SendBytes(const AcpRequest &request, std::span<uint8_t> reply) {
-  SwapAcpHeader(reply, Conversion::kToWire);
+  SwapAcpHeader(reply, Conversion::TO_WIRE);
   return SendPacket(request.sock, request.peer_port, reply.data(), reply.size(), BROADCAST_ADDRESS,
                     request.if_mac);
 }
@@ -155,7 +155,7 @@ int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state) {
 int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,
                    in_addr_t dst_ip, const uint8_t *src_mac) {
   (void)sock;
-  if (length == 0 || length > LARGEST_REPLY) return -1;
+  if (length == 0 || length > MAX_REPLY) return -1;
   const int fd = OpenPacketSocket();
   if (fd < 0) return -1;
   if (BindToInterface(fd) == 0) {

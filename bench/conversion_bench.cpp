@@ -17,7 +17,7 @@ namespace {
 constexpr struct {
   const char *head;
   size_t body;
-} kPackets[] = {
+} PACKETS[] = {
     {"20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00", 0},
     {"20 00 00 00 07 00 01 00 30 80 70 00 00 00 00 00", CHANGE_IP_BODY},
     {"20 00 00 00 07 00 01 00 20 C0 20 01 00 00 00 00", sizeof(DiscoverInfo)},
@@ -26,12 +26,12 @@ constexpr struct {
     {"20 00 00 00 07 00 01 00 D0 C0 5C 00 00 00 00 00", sizeof(PartitionInfo)},
 };
 
-uint8_t copy[LARGEST_REPLY];
+uint8_t copy[MAX_REPLY];
 
 void Measure(benchmark::State &state, void (*there)(wire::Bytes &), void (*back)(wire::Bytes &)) {
   std::vector<wire::Bytes> packets;
   int64_t size = 0;
-  for (const auto &[head, body] : kPackets) {
+  for (const auto &[head, body] : PACKETS) {
     packets.push_back(wire::Request(head, wire::Bytes(body, 0x5A)));
     size += static_cast<int64_t>(packets.back().size());
   }
@@ -48,8 +48,8 @@ void Measure(benchmark::State &state, void (*there)(wire::Bytes &), void (*back)
 
 void Convert(benchmark::State &state) {
   Measure(
-      state, [](wire::Bytes &packet) { SwapAcpHeader(packet, Conversion::kToHost); },
-      [](wire::Bytes &packet) { SwapAcpHeader(packet, Conversion::kToWire); });
+      state, [](wire::Bytes &packet) { SwapAcpHeader(packet, Conversion::TO_HOST); },
+      [](wire::Bytes &packet) { SwapAcpHeader(packet, Conversion::TO_WIRE); });
 }
 
 void Copy(benchmark::State &state) {

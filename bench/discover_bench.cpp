@@ -18,8 +18,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char kDiscover[] = "20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00";
-constexpr uint32_t kManyKeys = 100'000;
+constexpr char DISCOVER[] = "20 00 00 00 07 00 01 00 20 80 00 00 00 00 00 00";
+constexpr uint32_t MANY_KEYS = 100'000;
 
 void AddKey(const uint8_t *mac, uint32_t key) {
   auto *entry = static_cast<KeyEntry *>(calloc(1, sizeof(KeyEntry)));
@@ -32,8 +32,8 @@ void AddKey(const uint8_t *mac, uint32_t key) {
 // A list in which the client's key is the last that is looked at. Asked for over the wire, the
 // first would have expired before the last is there.
 void FillKeys() {
-  AddKey(kClientMac, 1);
-  for (uint32_t i = 1; i < kManyKeys; ++i) {
+  AddKey(CLIENT_MAC, 1);
+  for (uint32_t i = 1; i < MANY_KEYS; ++i) {
     uint8_t mac[6] = {0x02, 0xff};
     memcpy(mac + 2, &i, sizeof(i));
     AddKey(mac, i);
@@ -49,11 +49,11 @@ int ServeWithManyKeys() {
 void LookUpKey(benchmark::State &state) {
   FillKeys();
   while (state.KeepRunning())
-    benchmark::DoNotOptimize(IssueKey(kClientMac));
+    benchmark::DoNotOptimize(IssueKey(CLIENT_MAC));
   CleanKey(static_cast<uint32_t>(time(nullptr)) + 1800);
 }
 
-constexpr int kBoards = 250;
+constexpr int BOARDS = 250;
 
 // Asks all at once. Returns the seconds until the last answered, nothing when one did not; returns
 // when the wire is quiet again.
@@ -61,12 +61,12 @@ std::optional<double> AskAll(const wire::Client &client) {
   const Clock::time_point start = Clock::now();
   Clock::time_point last = start;
   std::set<std::string> macs;
-  wire::Send(client, wire::Request(kDiscover));
+  wire::Send(client, wire::Request(DISCOVER));
   while (const auto reply = wire::Receive(client, std::chrono::milliseconds(1000))) {
     if (reply->size() < 32) continue;
     if (macs.emplace(reply->begin() + 16, reply->begin() + 22).second) last = Clock::now();
   }
-  if (macs.size() < size_t{kBoards}) return std::nullopt;
+  if (macs.size() < size_t{BOARDS}) return std::nullopt;
   return std::chrono::duration<double>(last - start).count();
 }
 
@@ -95,7 +95,7 @@ void MeasureNetwork(benchmark::State &state, const std::vector<board::Board> &bo
   servers.reserve(boards.size());
   for (const board::Board &board : boards)
     servers.push_back(StartQuietly(board, {"bh_servd", "--nofork"}));
-  wire::Client client = wire::Open(board::kBridge);
+  wire::Client client = wire::Open(board::BRIDGE);
   const auto all_answer = [&] { return AskAll(client).has_value(); };
   if (!board::WaitFor(all_answer, std::chrono::seconds(60))) state.SkipWithError("not all answer");
   while (state.KeepRunning()) {
@@ -114,7 +114,7 @@ void MeasureNetwork(benchmark::State &state, const std::vector<board::Board> &bo
 void DiscoverNetwork(benchmark::State &state) {
   std::string why;
   const Clock::time_point start = Clock::now();
-  std::vector<board::Board> boards = board::BootAll(board::Network(kBoards), &why);
+  std::vector<board::Board> boards = board::BootAll(board::Network(BOARDS), &why);
   state.counters["boot_s"] = std::chrono::duration<double>(Clock::now() - start).count();
   if (boards.empty()) return state.SkipWithError(why.c_str());
   MeasureNetwork(state, boards);
@@ -122,23 +122,23 @@ void DiscoverNetwork(benchmark::State &state) {
 }
 
 void Discover(benchmark::State &state) {
-  MeasureProgram(state, {"bh_servd", "--nofork"}, wire::Request(kDiscover));
+  MeasureProgram(state, {"bh_servd", "--nofork"}, wire::Request(DISCOVER));
 }
 
 void BareDiscover(benchmark::State &state) {
-  MeasureProgram(state, {BARE_SERVER_PATH, "discover"}, wire::Request(kDiscover));
+  MeasureProgram(state, {BARE_SERVER_PATH, "discover"}, wire::Request(DISCOVER));
 }
 
 void DiscoverWithKeys(benchmark::State &state) {
-  MeasureFunction(state, ServeWithManyKeys, wire::Request(kDiscover));
+  MeasureFunction(state, ServeWithManyKeys, wire::Request(DISCOVER));
 }
 
-BENCHMARK(Discover)->Name("discover")->UseRealTime()->MinTime(kLeastSeconds);
-BENCHMARK(BareDiscover)->Name("discover/bare")->UseRealTime()->MinTime(kLeastSeconds);
+BENCHMARK(Discover)->Name("discover")->UseRealTime()->MinTime(LEAST_SECONDS);
+BENCHMARK(BareDiscover)->Name("discover/bare")->UseRealTime()->MinTime(LEAST_SECONDS);
 BENCHMARK(DiscoverWithKeys)
     ->Name("discover with 100,000 keys")
     ->UseRealTime()
-    ->MinTime(kLeastSeconds);
+    ->MinTime(LEAST_SECONDS);
 BENCHMARK(LookUpKey)->Name("look-up among 100,000 keys");
 BENCHMARK(DiscoverNetwork)->Name("discover of 250 appliances")->UseManualTime()->Iterations(3);
 

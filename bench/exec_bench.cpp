@@ -11,12 +11,12 @@
 namespace {
 
 // `true`, captured: its length, its type, the text, its NUL and the two bytes behind it.
-constexpr char kHead[] = "20 00 00 00 07 00 01 00 10 8A 0F 00 00 00 00 00";
-constexpr char kBody[] = "04 00 00 00 03 00 00 00 74 72 75 65 00 00 00";
+constexpr char HEAD[] = "20 00 00 00 07 00 01 00 10 8A 0F 00 00 00 00 00";
+constexpr char BODY[] = "04 00 00 00 03 00 00 00 74 72 75 65 00 00 00";
 
 int ServeEnabled() {
   daemon_state.enable_state = 0;
-  memcpy(daemon_state.enable_mac, kClientMac, sizeof(kClientMac));
+  memcpy(daemon_state.enable_mac, CLIENT_MAC, sizeof(CLIENT_MAC));
   set_mode_flags(MODE_COMMAND_ENABLED);
   return ServeHere();
 }
@@ -26,7 +26,7 @@ int ServeBare() {
 }
 
 wire::Bytes TrueCaptured() {
-  return wire::Request(kHead, wire::Hex(kBody));
+  return wire::Request(HEAD, wire::Hex(BODY));
 }
 
 void Exec(benchmark::State &state) {
@@ -37,7 +37,7 @@ void BareExec(benchmark::State &state) {
   MeasureFunction(state, ServeBare, TrueCaptured());
 }
 
-BENCHMARK(Exec)->Name("exec")->UseRealTime()->MinTime(kLeastSeconds);
-BENCHMARK(BareExec)->Name("exec/bare")->UseRealTime()->MinTime(kLeastSeconds);
+BENCHMARK(Exec)->Name("exec")->UseRealTime()->MinTime(LEAST_SECONDS);
+BENCHMARK(BareExec)->Name("exec/bare")->UseRealTime()->MinTime(LEAST_SECONDS);
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The program `benchmarks`: boards are booted in a lab of its own. What is named like another and
-// ends in /bare is that one's floor.
+// The program `benchmarks`: boards are booted in namespaces of its own. What is named like another
+// and ends in /bare is that one's baseline.
 
 #include <benchmark/benchmark.h>
 
@@ -11,7 +11,7 @@
 int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   std::string why;
-  if (!board::EnterLab(&why)) {
+  if (!board::EnterNamespaces(&why)) {
     fprintf(stderr, "%s\n", why.c_str());
     return 1;
   }

@@ -5,17 +5,17 @@
 
 namespace {
 
-constexpr char kPing[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
+constexpr char PING[] = "20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00";
 
 void Ping(benchmark::State &state) {
-  MeasureProgram(state, {"bh_servd", "--nofork"}, wire::Request(kPing));
+  MeasureProgram(state, {"bh_servd", "--nofork"}, wire::Request(PING));
 }
 
 void BarePing(benchmark::State &state) {
-  MeasureProgram(state, {BARE_SERVER_PATH, "ping"}, wire::Request(kPing));
+  MeasureProgram(state, {BARE_SERVER_PATH, "ping"}, wire::Request(PING));
 }
 
-BENCHMARK(Ping)->Name("ping")->UseRealTime()->MinTime(kLeastSeconds);
-BENCHMARK(BarePing)->Name("ping/bare")->UseRealTime()->MinTime(kLeastSeconds);
+BENCHMARK(Ping)->Name("ping")->UseRealTime()->MinTime(LEAST_SECONDS);
+BENCHMARK(BarePing)->Name("ping/bare")->UseRealTime()->MinTime(LEAST_SECONDS);
 
 }  // namespace

@@ -14,9 +14,9 @@
 #include "board/client_end.h"
 
 // The client's, as wire::Request names it.
-constexpr uint8_t kClientMac[6] = {0x02, 0x0b, 0x4a, 0, 0, 0x01};
+constexpr uint8_t CLIENT_MAC[6] = {0x02, 0x0b, 0x4a, 0, 0, 0x01};
 
-constexpr double kLeastSeconds = 1;  // of a repetition that waits for the wire
+constexpr double LEAST_SECONDS = 1;  // of a repetition that waits for the wire
 
 // Boots a board; without one the benchmark is marked as failed.
 std::optional<board::Board> BootFor(benchmark::State &state);

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t kFileSize = size_t{100} * 1024;
+constexpr size_t FILE_SIZE = size_t{100} * 1024;
 
 // A file in memory, which goes with the program.
 const char *SettingsPath() {
@@ -21,7 +21,7 @@ const char *SettingsPath() {
   if (path[0] != '\0') return path;
   const int file = memfd_create("settings", MFD_CLOEXEC);
   std::string text;
-  for (int i = 0; text.size() < kFileSize; ++i)
+  for (int i = 0; text.size() < FILE_SIZE; ++i)
     text += "key" + std::to_string(i) + "=\"value " + std::to_string(i) + "\"\n";
   text += "wg=\"WORKGROUP\"\n";
   snprintf(path, sizeof(path), "/proc/self/fd/%d", file);

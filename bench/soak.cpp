@@ -36,17 +36,17 @@ using wire::Request;
 using wire::Special;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kMinutes = 60;
-constexpr int kPolls = 36;      // of a minute's requests
-constexpr int kRequesters = 4;  // MACs that ask for the first time, each minute
-constexpr auto kLeastTime = std::chrono::minutes(2);
+constexpr int MINUTES = 60;
+constexpr int POLLS = 36;      // of a minute's requests
+constexpr int REQUESTERS = 4;  // MACs that ask for the first time, each minute
+constexpr auto LEAST_TIME = std::chrono::minutes(2);
 
 // Where keys lay among other blocks, the allocator may have had to go on a page or two: the list
 // takes one when it is longest. A leak of 3 bytes a request is more than that.
-constexpr long kAllowed = 8;  // KiB
+constexpr long ALLOWED = 8;  // KiB
 
-constexpr uint32_t kImageSize = 100'000;  // bytes, all 0xA5
-constexpr uint32_t kImageSum = 0xA5A5A5A5U * (kImageSize / 4);
+constexpr uint32_t IMAGE_SIZE = 100'000;  // bytes, all 0xA5
+constexpr uint32_t IMAGE_SUM = 0xA5A5A5A5U * (IMAGE_SIZE / 4);
 
 struct Appliance {
   board::Board board = {};
@@ -96,7 +96,7 @@ Bytes Await(Appliance &appliance, const Bytes &request) {
   Bytes reply = wire::Receive(appliance.client, wire::milliseconds(30'000)).value_or(Bytes{});
   if (reply.size() < ACP_HEADER_SIZE) {
     Complain(appliance, request, "no reply");
-    reply.resize(LARGEST_REPLY);
+    reply.resize(MAX_REPLY);
   }
   return reply;
 }
@@ -128,7 +128,7 @@ void Poll(Appliance &appliance) {
       Request(ACP_INFO_RAID), PathRequest(ACP_INFO_HDD, "/proc/ide/hdb"),
       Request(ACP_DISCOVER),  PathRequest(ACP_PART, "/tmp"),
   };
-  for (int i = 0; i < kPolls; ++i)
+  for (int i = 0; i < POLLS; ++i)
     Expect(appliance, ACP_STATE_OK, polls[static_cast<size_t>(i) % std::size(polls)]);
   Expect(appliance, ACP_STATE_FAILURE, PathRequest(ACP_PART, "/nowhere"));
 }
@@ -166,7 +166,7 @@ void RunSpecials(Appliance &appliance, int minute) {
     uint8_t code;
     uint32_t extra, state;
     const char *text;
-  } kSpecials[] = {
+  } SPECIALS[] = {
       {0x0A, 0, ACP_STATE_OK, ""},  // the lock, taken, seen, released, seen
       {0x09, 0, ACP_STATE_OK, ""},
       {0x0B, 0, ACP_STATE_OK, ""},
@@ -182,7 +182,7 @@ void RunSpecials(Appliance &appliance, int minute) {
       {0x42, 0, 0xFFFF, "/nowhere"},
       {0x45, 0, ACP_STATE_OK, ""},
   };
-  for (const auto &[code, extra, state, text] : kSpecials)
+  for (const auto &[code, extra, state, text] : SPECIALS)
     Expect(appliance, state, Special(code, extra, text));
   Ask(appliance, Special(0x42, 0, "/etc/hosts"));
   if (minute % 10 == 0) Expect(appliance, ACP_STATE_OK, Special(0x05));  // 3 seconds of blinking
@@ -210,14 +210,14 @@ void AskUpdate(Appliance &appliance, uint32_t type, uint32_t sum, uint32_t state
   Bytes body(24 + CIPHER_BLOCK + 1);
   Put(body, 0, type);
   Put(body, 4, wire::Number(appliance.discovered, 192));  // the product ID
-  Put(body, 8, kImageSize);
+  Put(body, 8, IMAGE_SIZE);
   Put(body, 12, sum);
   PutText(body, 24, Encoded("admin", appliance.discovered));
   Expect(appliance, state, Request(ACP_FIRMUP2, body));
 }
 
 void Upload(Appliance &appliance, size_t size) {
-  static const Bytes image(kImageSize, 0xA5);
+  static const Bytes image(IMAGE_SIZE, 0xA5);
   struct sockaddr_in peer = {};
   peer.sin_family = AF_INET;
   peer.sin_port = htons(ACP_PORT);
@@ -235,19 +235,19 @@ void Update(Appliance &appliance) {
   const Bytes end = Request(ACP_FIRMUP_END);
   Bytes off = end;
   Put(off, 28, 1);
-  AskUpdate(appliance, 2, kImageSum, ACP_STATE_OK);
-  Upload(appliance, kImageSize);
+  AskUpdate(appliance, 2, IMAGE_SUM, ACP_STATE_OK);
+  Upload(appliance, IMAGE_SIZE);
   Expect(appliance, ACP_STATE_OK, end);
   const uint32_t finished = wire::Number(Await(appliance, end), 28);
   if (finished != ACP_STATE_OK) Complain(appliance, end, "not installed");
-  for (const size_t size : {size_t{kImageSize}, size_t{kImageSize} / 2}) {
-    AskUpdate(appliance, 2, kImageSum + 1, ACP_STATE_OK);
+  for (const size_t size : {size_t{IMAGE_SIZE}, size_t{IMAGE_SIZE} / 2}) {
+    AskUpdate(appliance, 2, IMAGE_SUM + 1, ACP_STATE_OK);
     Upload(appliance, size);
     Expect(appliance, ACP_STATE_FAILURE, end);
   }
-  AskUpdate(appliance, 2, kImageSum, ACP_STATE_OK);
+  AskUpdate(appliance, 2, IMAGE_SUM, ACP_STATE_OK);
   Expect(appliance, ACP_STATE_FAILURE, off);
-  AskUpdate(appliance, 99, kImageSum, ACP_STATE_FAILURE);
+  AskUpdate(appliance, 99, IMAGE_SUM, ACP_STATE_FAILURE);
 }
 
 void SetClockOn(const Appliance &appliance, const string &by) {
@@ -320,7 +320,7 @@ bool Compare(const std::vector<Figure> &start, const std::vector<Figure> &end) {
   for (size_t i = 0; i < start.size(); ++i) {
     const long more = end[i].number - start[i].number;
     const bool memory = i + 1 == start.size();
-    const bool same = memory ? std::abs(more) <= kAllowed : more == 0;
+    const bool same = memory ? std::abs(more) <= ALLOWED : more == 0;
     printf("%-24s %8ld %8ld%s\n", start[i].name, start[i].number, end[i].number,
            same ? "" : "  differs");
     equal = equal && same;
@@ -331,7 +331,7 @@ bool Compare(const std::vector<Figure> &start, const std::vector<Figure> &end) {
 bool Start(Appliance &appliance) {
   string why;
   std::optional<board::Board> board;
-  if (board::EnterLab(&why)) board = board::Boot({}, &why);
+  if (board::EnterNamespaces(&why)) board = board::Boot({}, &why);
   if (!board) {
     fprintf(stderr, "%s\n", why.c_str());
     return false;
@@ -355,18 +355,18 @@ int main() {
   Appliance appliance;
   if (!Start(appliance)) return 1;
   // As many keys as will ever be there, and each path once.
-  SpendMinute(appliance, 0, kRequesters * 31);
+  SpendMinute(appliance, 0, REQUESTERS * 31);
   const std::vector<Figure> before = Measure(appliance);
   appliance.answered = 0;
   const Clock::time_point start = Clock::now();
   int minute = 0;
-  while (minute < kMinutes || Clock::now() - start < kLeastTime)
-    SpendMinute(appliance, ++minute, kRequesters);
+  while (minute < MINUTES || Clock::now() - start < LEAST_TIME)
+    SpendMinute(appliance, ++minute, REQUESTERS);
   const std::chrono::duration<double> time = Clock::now() - start;
   printf("%d requests in %.0f s, %d minutes of the board's\n", appliance.answered, time.count(),
          minute);
   const bool equal = Compare(before, Measure(appliance));
   wire::Close(appliance.client);
   board::Halt(appliance.board);
-  return equal && appliance.wrong == 0 && appliance.answered >= kMinutes * 60 ? 0 : 1;
+  return equal && appliance.wrong == 0 && appliance.answered >= MINUTES * 60 ? 0 : 1;
 }

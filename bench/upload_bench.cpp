@@ -24,8 +24,8 @@
 
 namespace {
 
-constexpr uint32_t kImageSize = 64 << 20;  // bytes
-constexpr size_t kPiece = 64 << 10;
+constexpr uint32_t IMAGE_SIZE = 64 << 20;  // bytes
+constexpr size_t PIECE = 64 << 10;
 
 struct sockaddr_in Address(const char *dotted) {
   struct sockaddr_in address = {};
@@ -38,18 +38,18 @@ struct sockaddr_in Address(const char *dotted) {
 // Each takes one upload, on the board, and gives the exit status.
 int ReceiveAsDaemon() {
   daemon_state.ifname = "eth0";
-  if (!CreateImage(kImageSize) || InstallChildHandler() != 0) return 1;
-  const pid_t receiver = firm_recive(kImageSize);
+  if (!CreateImage(IMAGE_SIZE) || InstallChildHandler() != 0) return 1;
+  const pid_t receiver = firm_recive(IMAGE_SIZE);
   while (receiver > 0 && daemon_state.live_receivers[0] != 0)
     pause();
-  return ReceivedImage().size == kImageSize ? 0 : 1;
+  return ReceivedImage().size == IMAGE_SIZE ? 0 : 1;
 }
 
 int ReceiveBare() {
-  const int id = shmget(IPC_PRIVATE, kImageSize, IPC_CREAT | 0600);
+  const int id = shmget(IPC_PRIVATE, IMAGE_SIZE, IPC_CREAT | 0600);
   auto *const segment = static_cast<uint8_t *>(shmat(id, nullptr, 0));
   shmctl(id, IPC_RMID, nullptr);
-  memset(segment, 0, kImageSize);
+  memset(segment, 0, IMAGE_SIZE);
   const int server = socket(AF_INET, SOCK_STREAM, 0);
   const struct sockaddr_in address = Address("0.0.0.0");
   const int on = 1;
@@ -60,13 +60,13 @@ int ReceiveBare() {
   const int peer = bound ? accept(server, nullptr, nullptr) : -1;
   size_t received = 0;
   ssize_t got = peer < 0 ? 0 : 1;
-  while (got > 0 && received < kImageSize) {
-    got = recv(peer, segment + received, kImageSize - received, 0);
+  while (got > 0 && received < IMAGE_SIZE) {
+    got = recv(peer, segment + received, IMAGE_SIZE - received, 0);
     if (got > 0) received += static_cast<size_t>(got);
   }
   if (peer >= 0) close(peer);
   close(server);
-  return received == kImageSize ? 0 : 1;
+  return received == IMAGE_SIZE ? 0 : 1;
 }
 
 int Connect(const char *dotted) {
@@ -83,9 +83,9 @@ int Connect(const char *dotted) {
 }
 
 void SendImage(int peer) {
-  static const std::vector<uint8_t> piece(kPiece, 0xA5);
+  static const std::vector<uint8_t> piece(PIECE, 0xA5);
   ssize_t sent = 0;
-  for (size_t left = kImageSize; left > 0 && sent >= 0; left -= static_cast<size_t>(sent))
+  for (size_t left = IMAGE_SIZE; left > 0 && sent >= 0; left -= static_cast<size_t>(sent))
     sent = send(peer, piece.data(), std::min(left, piece.size()), MSG_NOSIGNAL);
 }
 
@@ -106,12 +106,12 @@ void Upload(benchmark::State &state, int (*receive)()) {
     state.SetIterationTime(time.count());
   }
   state.counters["cpu_ms"] = (ChildrenTime() - before) / static_cast<double>(state.iterations());
-  state.SetBytesProcessed(state.iterations() * int64_t{kImageSize});
+  state.SetBytesProcessed(state.iterations() * int64_t{IMAGE_SIZE});
   board::Halt(*board);
 }
 
 void PlainSum(benchmark::State &state) {
-  const std::vector<uint8_t> image(kImageSize, 0x5A);
+  const std::vector<uint8_t> image(IMAGE_SIZE, 0x5A);
   while (state.KeepRunning()) {
     uint32_t sum = 0;
     for (size_t i = 0; i < image.size(); i += sizeof(sum)) {
@@ -121,14 +121,14 @@ void PlainSum(benchmark::State &state) {
     }
     benchmark::DoNotOptimize(sum);
   }
-  state.SetBytesProcessed(state.iterations() * int64_t{kImageSize});
+  state.SetBytesProcessed(state.iterations() * int64_t{IMAGE_SIZE});
 }
 
 void Checksum(benchmark::State &state) {
-  const std::vector<uint8_t> image(kImageSize, 0x5A);
+  const std::vector<uint8_t> image(IMAGE_SIZE, 0x5A);
   while (state.KeepRunning())
     benchmark::DoNotOptimize(ImageChecksum(image));
-  state.SetBytesProcessed(state.iterations() * int64_t{kImageSize});
+  state.SetBytesProcessed(state.iterations() * int64_t{IMAGE_SIZE});
 }
 
 BENCHMARK_CAPTURE(Upload, daemon, ReceiveAsDaemon)->Name("upload")->UseManualTime();

@@ -3,16 +3,17 @@
 // machine, and nothing of it outlives the thread that booted it.
 //
 //   std::string why;
-//   if (!board::EnterLab(&why)) ...;                        // once, first thing in main
+//   if (!board::EnterNamespaces(&why)) ...;                        // once, first thing in main
 //   std::optional<board::Board> board = board::Boot({}, &why);
 //   board::Result result = board::Run(*board, {.argv = {"/bin/hostname"}});
 //   board::Halt(*board);
 //
 //   std::vector<board::Board> boards = board::BootAll(board::Network(32), &why);
-//   ...;  // the client's interface, which reaches all of them, is board::kBridge
+//   ...;  // the client's interface, which reaches all of them, is board::BRIDGE
 //   board::HaltAll(boards);
 
-#pragma once
+#ifndef BH_BOARD_BOARD_H_
+#define BH_BOARD_BOARD_H_
 
 #include <sys/types.h>
 #include <unistd.h>
@@ -60,24 +61,24 @@ struct Board {
 // Puts this process in a user, network and mount namespace of its own: the place where boards are
 // booted and where their wires end. To be called once, before any thread is started. On failure
 // `why` says in a sentence what is missing and how to allow it.
-bool EnterLab(std::string *why);
+bool EnterNamespaces(std::string *why);
 
 // Boots a board; it is up, with carrier on every interface, when this returns. It dies with the
-// calling thread. Requires EnterLab.
+// calling thread. Requires EnterNamespaces.
 std::optional<Board> Boot(const Config &config, std::string *why);
 
 // Boots all of them side by side, or none: then nothing is returned.
 std::vector<Board> BootAll(const std::vector<Config> &configs, std::string *why);
 
-// Up to kMaxNetwork appliances on one bridge, kBridge, at which the client is 192.168.40.1/23. Each
+// Up to MAX_NETWORK appliances on one bridge, BRIDGE, at which the client is 192.168.40.1/23. Each
 // is as `like`, with a host name of its own (brackenhold-1, -2, ...), and a MAC and an address
 // counted up from 02:0b:4a:00:00:10 and 192.168.40.2 on the first interface. No address in `like`
 // there: none on any of them.
-inline constexpr char kBridge[] = "bridge0";
-inline constexpr int kMaxNetwork = 500;
+inline constexpr char BRIDGE[] = "bridge0";
+inline constexpr int MAX_NETWORK = 500;
 std::vector<Config> Network(int count, const Config &like = {});
 
-// A board booted by another process of this lab, for entering it.
+// A board booted by another process of this process.
 Board Attach(pid_t init);
 
 // Kills all that runs on the board and waits until it and its wires are gone.
@@ -125,7 +126,7 @@ Result RunInside(const Board &board, Function function) {
   const pid_t process = Fork(board);
   if (process == 0) {
     const int status = function();
-    std::fflush(nullptr);
+    fflush(nullptr);
     _exit(status);
   }
   return Wait(process);
@@ -185,10 +186,12 @@ bool Exists(const Board &board, const std::string &path);
 bool Remove(const Board &board, const std::string &path);
 
 // Where a failing test finds what happened.
-inline constexpr char kCallLog[] = "/var/log/calls";
-inline constexpr char kSyslog[] = "/var/log/syslog";
+inline constexpr char CALL_LOG[] = "/var/log/calls";
+inline constexpr char SYSLOG[] = "/var/log/syslog";
 
 // With PowerPC products: the program on the board that runs the PowerPC program given to it.
-inline constexpr char kEmulate[] = "/run/powerpc/emulate";
+inline constexpr char EMULATE[] = "/run/powerpc/emulate";
 
 }  // namespace board
+
+#endif  // BH_BOARD_BOARD_H_

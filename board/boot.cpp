@@ -14,14 +14,14 @@
 #include <utility>
 #include <vector>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace {
 
 using Boards = std::vector<board::Board>;
 
-constexpr int kUsage = 2;
-constexpr int kNoBoard = 125;  // what neither shells nor commands end with by themselves
+constexpr int USAGE = 2;
+constexpr int NO_BOARD = 125;  // what neither shells nor commands end with by themselves
 
 struct Options {
   board::Config config;
@@ -39,7 +39,7 @@ struct Options {
 constexpr struct {
   const char *option;
   const char *text;
-} kHelp[] = {
+} HELP[] = {
     {"--address A/P", "IPv4 address and prefix length of the board's first interface"},
     {"--no-address", "no IPv4 address on the board's first interface"},
     {"--product ID", "the board's product ID, such as 0x2001"},
@@ -52,7 +52,7 @@ constexpr struct {
     {"--help", "this text"},
 };
 
-constexpr struct option kOptions[] = {
+constexpr struct option OPTIONS[] = {
     {"address", required_argument, nullptr, 'a'},
     {"no-address", no_argument, nullptr, 'n'},
     {"product", required_argument, nullptr, 'p'},
@@ -66,16 +66,16 @@ constexpr struct option kOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-void PrintHelp(std::FILE *to) {
-  std::fputs("usage: boot [options] [--] [command [arguments]]\n", to);
-  for (const auto &line : kHelp)
-    std::fprintf(to, "  %-18s %s\n", line.option, line.text);
+void PrintHelp(FILE *to) {
+  fputs("usage: boot [options] [--] [command [arguments]]\n", to);
+  for (const auto &line : HELP)
+    fprintf(to, "  %-18s %s\n", line.option, line.text);
 }
 
 bool AddFile(const std::string &argument, Options *options) {
   const size_t sign = argument.find('=');
   if (sign == std::string::npos || argument[0] != '/') {
-    std::fprintf(stderr, "boot: --file wants /PATH=TEXT, not %s\n", argument.c_str());
+    fprintf(stderr, "boot: --file wants /PATH=TEXT, not %s\n", argument.c_str());
     return false;
   }
   options->files.emplace_back(argument.substr(0, sign), argument.substr(sign + 1));
@@ -84,11 +84,10 @@ bool AddFile(const std::string &argument, Options *options) {
 
 bool SetBoards(const std::string &argument, Options *options) {
   char *end = nullptr;
-  const long count = std::strtol(argument.c_str(), &end, 10);
+  const long count = strtol(argument.c_str(), &end, 10);
   options->boards = static_cast<int>(count);
-  if (*end == '\0' && count >= 1 && count <= board::kMaxNetwork) return true;
-  std::fprintf(stderr, "boot: --boards wants 1 to %d, not %s\n", board::kMaxNetwork,
-               argument.c_str());
+  if (*end == '\0' && count >= 1 && count <= board::MAX_NETWORK) return true;
+  fprintf(stderr, "boot: --boards wants 1 to %d, not %s\n", board::MAX_NETWORK, argument.c_str());
   return false;
 }
 
@@ -141,15 +140,15 @@ void AddInterfaces(Options *options) {
 }
 
 bool ReadOptions(int argc, char **argv, Options *options) {
-  for (int letter = 0; (letter = getopt_long(argc, argv, "+", kOptions, nullptr)) != -1;)
+  for (int letter = 0; (letter = getopt_long(argc, argv, "+", OPTIONS, nullptr)) != -1;)
     if (!TakeOption(letter, options)) return false;
   if (options->interfaces.size() > 10) {
-    std::fputs("boot: a board has at most 10 interfaces\n", stderr);
+    fputs("boot: a board has at most 10 interfaces\n", stderr);
     return false;
   }
   if (options->boards > 0 &&
       (options->interfaces.size() > 1 || !options->address.value_or("").empty())) {
-    std::fputs("boot: --boards gives each board one interface and its address\n", stderr);
+    fputs("boot: --boards gives each board one interface and its address\n", stderr);
     return false;
   }
   AddInterfaces(options);
@@ -192,9 +191,8 @@ bool StartDaemon(const Boards &boards, int number) {
     const board::Result result = board::Wait(starts[i]);
     if (result.exit_code == 0 && board::WaitFor([&] { return IsServed(boards[i], number); }))
       continue;
-    std::fprintf(stderr, "boot: bh_servd has not started on %s of %s (exit status %d)\n%s",
-                 name.c_str(), boards[i].config.host_name.c_str(), Status(result),
-                 board::ReadAll(said.fd).c_str());
+    fprintf(stderr, "boot: bh_servd has not started on %s of %s (exit status %d)\n%s", name.c_str(),
+            boards[i].config.host_name.c_str(), Status(result), board::ReadAll(said.fd).c_str());
     return false;
   }
   return true;
@@ -220,7 +218,7 @@ std::string Near(const Boards &boards) {
 // or on the one that its first argument gives the number of.
 void SetClientEnvironment(const Boards &boards) {
   const std::string directory = board::ProgramDirectory();
-  const char *path = std::getenv("PATH");
+  const char *path = getenv("PATH");
   std::string inits;
   for (const board::Board &board : boards)
     inits += std::to_string(board.init) + ' ';
@@ -245,7 +243,7 @@ void SetClientEnvironment(const Boards &boards) {
   argv.push_back(nullptr);
   if (!command.empty()) {
     execvp(argv[0], argv.data());
-    std::perror(argv[0]);
+    perror(argv[0]);
     _exit(127);
   }
   execlp("bash", "bash", "--norc", "-i", nullptr);
@@ -255,13 +253,13 @@ void SetClientEnvironment(const Boards &boards) {
 
 // Runs a command at the caller's end, a shell if it is empty. An interrupt is the command's.
 int RunAtClient(const Boards &boards, const std::vector<std::string> &command) {
-  std::fflush(nullptr);
+  fflush(nullptr);
   const pid_t client = fork();
   if (client < 0) return 1;
   if (client == 0) ExecAtClient(boards, command);
-  std::signal(SIGINT, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
   const int status = Status(board::Wait(client));
-  std::signal(SIGINT, SIG_DFL);
+  signal(SIGINT, SIG_DFL);
   return status;
 }
 
@@ -273,27 +271,27 @@ std::string Describe(const board::Board &board) {
 void SayWhatIsUp(const Boards &boards) {
   const char *name = boards[0].config.interfaces[0].name.c_str();
   if (Bridged(boards))
-    std::printf("%zu boards are up, on %s here:\n  %s, to\n  %s\n", boards.size(),
-                Near(boards).c_str(), Describe(boards[0]).c_str(), Describe(boards.back()).c_str());
+    printf("%zu boards are up, on %s here:\n  %s, to\n  %s\n", boards.size(), Near(boards).c_str(),
+           Describe(boards[0]).c_str(), Describe(boards.back()).c_str());
   else
-    std::printf("A board is up: %s on %s, wired to %s here.\n", Describe(boards[0]).c_str(), name,
-                Near(boards).c_str());
+    printf("A board is up: %s on %s, wired to %s here.\n", Describe(boards[0]).c_str(), name,
+           Near(boards).c_str());
 }
 
 int Demo(const Boards &boards) {
   const std::string near = Near(boards);
   SayWhatIsUp(boards);
   if (!StartDaemon(boards, 1)) return 1;
-  std::printf("bh_servd serves %s. Asking with: bhctl -i %s discover\n",
-              boards[0].config.interfaces[0].name.c_str(), near.c_str());
+  printf("bh_servd serves %s. Asking with: bhctl -i %s discover\n",
+         boards[0].config.interfaces[0].name.c_str(), near.c_str());
   if (RunAtClient(boards, {"bhctl", "-i", near, "discover"}) != 0) {
-    std::fputs("boot: nobody answers. The board's syslog:\n", stderr);
-    std::fputs(board::ReadFile(boards[0], board::kSyslog).c_str(), stderr);
+    fputs("boot: nobody answers. The board's syslog:\n", stderr);
+    fputs(board::ReadFile(boards[0], board::SYSLOG).c_str(), stderr);
     return 1;
   }
   if (isatty(STDIN_FILENO) == 0) return 0;
   const std::string board = Bridged(boards) ? "board 1" : "board";
-  std::printf(
+  printf(
       "This shell is at the other end of the wire. Try `bhctl -i %s raid`, and\n"
       "`%s` or `%s cat /var/log/syslog` to be on the board. `exit` switches all off.\n",
       near.c_str(), board.c_str(), board.c_str());
@@ -301,20 +299,20 @@ int Demo(const Boards &boards) {
 }
 
 int Enter(const Options &options) {
-  const char *init = std::getenv("BH_BOARD_PID");
-  const long number = init == nullptr ? 0 : std::strtol(init, nullptr, 10);
+  const char *init = getenv("BH_BOARD_PID");
+  const long number = init == nullptr ? 0 : strtol(init, nullptr, 10);
   if (number > 0) return RunHere(board::Attach(static_cast<pid_t>(number)), options.command);
-  std::fputs(init == nullptr
-                 ? "boot: --enter is for the client's shell of boot (BH_BOARD_PID is not set)\n"
-                 : "boot: there is no such board\n",
-             stderr);
-  return kUsage;
+  fputs(init == nullptr
+            ? "boot: --enter is for the client's shell of boot (BH_BOARD_PID is not set)\n"
+            : "boot: there is no such board\n",
+        stderr);
+  return USAGE;
 }
 
 bool WriteFiles(const board::Board &board, const Options &options) {
   for (const auto &[path, text] : options.files) {
     if (board::WriteFile(board, path, text)) continue;
-    std::fprintf(stderr, "boot: cannot write %s on the board\n", path.c_str());
+    fprintf(stderr, "boot: cannot write %s on the board\n", path.c_str());
     return false;
   }
   return true;
@@ -323,9 +321,9 @@ bool WriteFiles(const board::Board &board, const Options &options) {
 // What is to happen with the booted boards; returns the exit status.
 int Use(const Boards &boards, const Options &options) {
   for (const board::Board &board : boards)
-    if (!WriteFiles(board, options)) return kNoBoard;
+    if (!WriteFiles(board, options)) return NO_BOARD;
   if (options.demo) return Demo(boards);
-  if (options.daemon && !StartDaemons(boards)) return kNoBoard;
+  if (options.daemon && !StartDaemons(boards)) return NO_BOARD;
   return options.boards > 0 ? RunAtClient(boards, options.command)
                             : RunHere(boards[0], options.command);
 }
@@ -333,13 +331,13 @@ int Use(const Boards &boards, const Options &options) {
 int BootAndRun(const Options &options) {
   std::string why;
   Boards boards;
-  if (board::EnterLab(&why))
+  if (board::EnterNamespaces(&why))
     boards = board::BootAll(options.boards > 0 ? board::Network(options.boards, options.config)
                                                : std::vector<board::Config>{options.config},
                             &why);
   if (boards.empty()) {
-    std::fprintf(stderr, "boot: %s\n", why.c_str());
-    return kNoBoard;
+    fprintf(stderr, "boot: %s\n", why.c_str());
+    return NO_BOARD;
   }
   const int status = Use(boards, options);
   board::HaltAll(boards);
@@ -350,7 +348,7 @@ int BootAndRun(const Options &options) {
 
 int main(int argc, char **argv) {
   Options options;
-  if (!ReadOptions(argc, argv, &options)) return kUsage;
+  if (!ReadOptions(argc, argv, &options)) return USAGE;
   if (options.help) {
     PrintHelp(stdout);
     return 0;

@@ -18,11 +18,11 @@ namespace wire {
 
 namespace {
 
-constexpr uint16_t kAcpPort = 22936;
-constexpr uint16_t kSpecial = 0x80A0, kCommand = 0x8A10;
-constexpr size_t kSpecialBody = 48;  // room for the texts that most clients send
-constexpr size_t kCommandTail = 3;   // a NUL and two bytes that nobody reads
-constexpr std::string_view kClientMac = "02 0b 4a 00 00 01";
+constexpr uint16_t ACP_PORT = 22936;
+constexpr uint16_t SPECIAL = 0x80A0, COMMAND = 0x8A10;
+constexpr size_t SPECIAL_BODY = 48;  // room for the texts that most clients send
+constexpr size_t COMMAND_TAIL = 3;   // a NUL and two bytes that nobody reads
+constexpr std::string_view CLIENT_MAC = "02 0b 4a 00 00 01";
 
 struct sockaddr_in Address(in_addr_t address, uint16_t port) {
   struct sockaddr_in result = {};
@@ -38,8 +38,8 @@ int OpenCapture(const std::string &interface) {
   link.sll_family = AF_PACKET;
   link.sll_protocol = htons(ETH_P_ALL);
   link.sll_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
-  const int room = 16 << 20;
-  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
+  const int size = 16 << 20;
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
   return bind(fd, reinterpret_cast<struct sockaddr *>(&link), sizeof(link)) == 0 ? fd : -1;
 }
 
@@ -100,7 +100,7 @@ Bytes Part(const Bytes &bytes, size_t offset, size_t length) {
 
 Bytes Request(std::string_view head, const Bytes &body, std::string_view dst_mac) {
   Bytes bytes = Hex(head);
-  Append(bytes, Hex(kClientMac));
+  Append(bytes, Hex(CLIENT_MAC));
   Append(bytes, Hex(dst_mac));
   Append(bytes, 0);
   Append(bytes, body);
@@ -119,16 +119,16 @@ Bytes Special(uint8_t code, uint32_t extra, std::string_view text) {
   Bytes body = {code, 0, 0, 0};
   Append(body, extra);
   Append(body, Text(text));
-  body.resize(std::max<size_t>(body.size(), kSpecialBody));
-  return Request(kSpecial, body);
+  body.resize(std::max<size_t>(body.size(), SPECIAL_BODY));
+  return Request(SPECIAL, body);
 }
 
 Bytes Command(uint32_t type, std::string_view text) {
   Bytes body;
   Append(body, static_cast<uint32_t>(text.size()));
   Append(body, type);
-  Append(body, Text(text, text.size() + kCommandTail));
-  return Request(kCommand, body);
+  Append(body, Text(text, text.size() + COMMAND_TAIL));
+  return Request(COMMAND, body);
 }
 
 Client Open(const std::string &interface) {
@@ -136,9 +136,9 @@ Client Open(const std::string &interface) {
   client.capture = OpenCapture(interface);
   client.socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const int on = 1;
-  const int room = 4 << 20;
+  const int size = 4 << 20;
   setsockopt(client.socket, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-  setsockopt(client.socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
+  setsockopt(client.socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
   setsockopt(client.socket, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
              static_cast<socklen_t>(interface.size()));
   struct sockaddr_in own = Address(INADDR_ANY, 0);
@@ -156,7 +156,7 @@ void Close(Client &client) {
 }
 
 void Send(const Client &client, const Bytes &datagram) {
-  const struct sockaddr_in peer = Address(INADDR_BROADCAST, kAcpPort);
+  const struct sockaddr_in peer = Address(INADDR_BROADCAST, ACP_PORT);
   sendto(client.socket, datagram.data(), datagram.size(), 0,
          reinterpret_cast<const struct sockaddr *>(&peer), sizeof(peer));
 }

@@ -13,12 +13,12 @@
 
 namespace {
 
-constexpr char kFile[] = "/run/failing";
+constexpr char FILE[] = "/run/failing";
 
 constexpr struct {
   const char *name;
   int number;
-} kErrors[] = {
+} ERRORS[] = {
     {"EACCES", EACCES}, {"EADDRINUSE", EADDRINUSE}, {"EAGAIN", EAGAIN},
     {"EINTR", EINTR},   {"EINVAL", EINVAL},         {"EIO", EIO},
     {"EMFILE", EMFILE}, {"ENETDOWN", ENETDOWN},     {"ENOBUFS", ENOBUFS},
@@ -38,13 +38,13 @@ Plan plans[8];
 size_t plan_count = 0;
 
 [[noreturn]] void Refuse(const char *text) {
-  std::fprintf(stderr, "board shim: cannot read this of BOARD_FAIL: %s\n", text);
-  std::abort();
+  fprintf(stderr, "board shim: cannot read this of BOARD_FAIL: %s\n", text);
+  abort();
 }
 
 int ErrorNumber(const char *name) {
-  for (const auto &error : kErrors)
-    if (std::strcmp(name, error.name) == 0) return error.number;
+  for (const auto &error : ERRORS)
+    if (strcmp(name, error.name) == 0) return error.number;
   Refuse(name);
 }
 
@@ -53,26 +53,25 @@ void ReadPlan(char *item) {
   char *argument = strsep(&item, ":");
   const char *nth = strsep(&item, ":");
   const char *call = strsep(&argument, "=");
-  if (call == nullptr || plan_count == sizeof plans / sizeof *plans) Refuse(program);
-  if (std::strcmp(program, "*") != 0 && std::strcmp(program, program_invocation_short_name) != 0)
-    return;
-  const int usual = std::strcmp(call, "calloc") == 0 ? ENOMEM : EIO;
-  plans[plan_count++] = {call, argument, nth == nullptr ? 1 : std::strtoul(nth, nullptr, 10),
+  if (call == nullptr || plan_count == sizeof(plans) / sizeof *plans) Refuse(program);
+  if (strcmp(program, "*") != 0 && strcmp(program, program_invocation_short_name) != 0) return;
+  const int usual = strcmp(call, "calloc") == 0 ? ENOMEM : EIO;
+  plans[plan_count++] = {call, argument, nth == nullptr ? 1 : strtoul(nth, nullptr, 10),
                          item == nullptr ? usual : ErrorNumber(item), 0};
 }
 
 // Reads the variable if it is not what it was.
 void ReadPlans() {
   static char known[1024];
-  static char items[sizeof known];
-  const char *set = std::getenv("BOARD_FAIL");
+  static char items[sizeof(known)];
+  const char *set = getenv("BOARD_FAIL");
   const char *list = set == nullptr ? "" : set;
-  if (std::strcmp(list, known) == 0) return;
+  if (strcmp(list, known) == 0) return;
   plan_count = 0;
-  const size_t size = std::strlen(list) + 1;
-  if (size > sizeof items) Refuse(list);
-  std::memcpy(known, list, size);
-  std::memcpy(items, list, size);
+  const size_t size = strlen(list) + 1;
+  if (size > sizeof(items)) Refuse(list);
+  memcpy(known, list, size);
+  memcpy(items, list, size);
   char *rest = size > 1 ? items : nullptr;
   while (rest != nullptr)
     ReadPlan(strsep(&rest, ","));
@@ -84,7 +83,7 @@ unsigned long CountNotes(int file, off_t end) {
   char bytes[256];
   off_t at = 0;
   ssize_t length = 0;
-  while ((length = pread(file, bytes, sizeof bytes, at)) > 0) {
+  while ((length = pread(file, bytes, sizeof(bytes), at)) > 0) {
     for (ssize_t i = 0; i < length && at + i < end; i++)
       if (bytes[i] == '\n') lines++;
     at += length;
@@ -96,22 +95,22 @@ unsigned long CountNotes(int file, off_t end) {
 // it, and the offset tells.
 unsigned long Note(int file, const char *call, const char *argument) {
   char line[160];
-  std::snprintf(line, sizeof line, "%s%s%.128s\n", call, argument == nullptr ? "" : " ",
-                argument == nullptr ? "" : argument);
-  if (write(file, line, std::strlen(line)) < 0) return 0;
+  snprintf(line, sizeof(line), "%s%s%.128s\n", call, argument == nullptr ? "" : " ",
+           argument == nullptr ? "" : argument);
+  if (write(file, line, strlen(line)) < 0) return 0;
   return CountNotes(file, lseek(file, 0, SEEK_CUR));
 }
 
 bool FailsByFile(const char *call, const char *argument) {
-  const int file = openat(AT_FDCWD, kFile, O_RDWR | O_APPEND | O_CLOEXEC);
+  const int file = openat(AT_FDCWD, FILE, O_RDWR | O_APPEND | O_CLOEXEC);
   if (file < 0) return false;
   char head[64] = "";
   char *nth = head;
-  const bool has_plan = pread(file, head, sizeof head - 1, 0) > 0;
+  const bool has_plan = pread(file, head, sizeof(head) - 1, 0) > 0;
   const char *program = strsep(&nth, " ");
   const bool is_ours =
-      has_plan && nth != nullptr && std::strcmp(program, program_invocation_short_name) == 0;
-  const bool fails = is_ours && Note(file, call, argument) == std::strtoul(nth, nullptr, 10);
+      has_plan && nth != nullptr && strcmp(program, program_invocation_short_name) == 0;
+  const bool fails = is_ours && Note(file, call, argument) == strtoul(nth, nullptr, 10);
   close(file);
   return fails;
 }
@@ -127,9 +126,8 @@ bool FailsByVariable(const char *call, const char *argument) {
   ReadPlans();
   for (size_t i = 0; i < plan_count; i++) {
     Plan &plan = plans[i];
-    if (std::strcmp(plan.call, call) != 0) continue;
-    if (plan.argument != nullptr &&
-        (argument == nullptr || std::strcmp(plan.argument, argument) != 0))
+    if (strcmp(plan.call, call) != 0) continue;
+    if (plan.argument != nullptr && (argument == nullptr || strcmp(plan.argument, argument) != 0))
       continue;
     plan.seen++;
     if (plan.nth != 0 && plan.seen != plan.nth) continue;

@@ -19,7 +19,8 @@
 // is the one that has failed, and it has no such line until then. A calloc counts for the variable
 // alone.
 
-#pragma once
+#ifndef BH_BOARD_FAILING_H_
+#define BH_BOARD_FAILING_H_
 
 #pragma GCC visibility push(hidden)
 
@@ -31,3 +32,5 @@ bool FailsByVariable(const char *call, const char *argument);
 bool HasPlans();
 
 #pragma GCC visibility pop
+
+#endif  // BH_BOARD_FAILING_H_

@@ -11,7 +11,7 @@
 #include <climits>
 #include <string>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
@@ -25,7 +25,7 @@ static bool CopyBytes(int from, int to) {
 
 static bool CopyLink(const std::string &from, const std::string &to) {
   char target[PATH_MAX];
-  const ssize_t length = readlink(from.c_str(), target, sizeof target - 1);
+  const ssize_t length = readlink(from.c_str(), target, sizeof(target) - 1);
   if (length < 0) return false;
   target[length] = '\0';
   return symlink(target, to.c_str()) == 0;
@@ -62,7 +62,7 @@ static int OpenInRoot(int directory, const std::string &path, int flags, mode_t 
   how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
   how.mode = (flags & O_CREAT) != 0 ? mode : 0;
   how.resolve = RESOLVE_IN_ROOT;
-  return static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how));
+  return static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof(how)));
 }
 
 int OpenFile(const Board &board, const std::string &path, int flags, mode_t mode) {

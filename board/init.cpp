@@ -31,7 +31,7 @@
 #include <string_view>
 #include <vector>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
@@ -41,11 +41,11 @@ static int OpenLogSocket() {
   const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   struct sockaddr_un address {};
   address.sun_family = AF_UNIX;
-  std::string_view("/dev/log").copy(address.sun_path, sizeof address.sun_path - 1);
+  std::string_view("/dev/log").copy(address.sun_path, sizeof(address.sun_path) - 1);
   const int size = 4 << 20;
-  setsockopt(log, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);  // as much as is allowed
+  setsockopt(log, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));  // as much as is allowed
   const bool ready =
-      bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof address) == 0 &&
+      bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0 &&
       chmod("/dev/log", 0666) == 0;
   if (ready) return log;
   close(log);
@@ -66,7 +66,7 @@ static void StoreLogLines(int log, int file) {
 
 // Answers /dev/log and reaps what is left to pid 1, for good.
 [[noreturn]] static void Live(int log) {
-  const int file = open(kSyslog, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+  const int file = open(SYSLOG, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
   sigset_t child;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);
@@ -77,7 +77,7 @@ static void StoreLogLines(int log, int file) {
     poll(ready.data(), ready.size(), -1);
     StoreLogLines(log, file);
     struct signalfd_siginfo info {};
-    while (read(children, &info, sizeof info) > 0)
+    while (read(children, &info, sizeof(info)) > 0)
       continue;
     while (waitpid(-1, nullptr, WNOHANG) > 0)
       continue;
@@ -106,7 +106,7 @@ static void LetGoOfCaller(int keep) {
   close_range(3, static_cast<unsigned>(keep) - 1, 0);
   close_range(static_cast<unsigned>(keep) + 1, ~0U, 0);
   for (int number = 1; number < NSIG; number++)
-    std::signal(number, SIG_DFL);
+    signal(number, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -156,7 +156,7 @@ static Config Complete(Config config) {
   if (config.products.empty()) config.products = ProgramDirectory();
   config.rootfs = Canonical(config.rootfs);
   config.products = Canonical(config.products);
-  const char *powerpc = std::getenv("BOARD_POWERPC");
+  const char *powerpc = getenv("BOARD_POWERPC");
   if (config.powerpc.empty() && powerpc != nullptr) config.powerpc = powerpc;
   if (IsOwn(Canonical(BOARD_SOURCE))) config.share.push_back(BOARD_SOURCE);
   config.share.push_back(config.products);
@@ -173,8 +173,8 @@ static pid_t CloneInit() {
   struct clone_args arguments {};
   arguments.flags = CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWPID;
   arguments.exit_signal = SIGCHLD;
-  std::fflush(nullptr);
-  return static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof arguments));
+  fflush(nullptr);
+  return static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof(arguments)));
 }
 
 static std::string Receive(int init) {
@@ -192,7 +192,7 @@ static std::string Receive(int init) {
 using Inits = std::deque<Descriptor>;
 
 // So many boards at a time keep a few processors busy, and none of them waits long for its turn.
-constexpr size_t kSideBySide = 32;
+constexpr size_t SIDE_BY_SIDE = 32;
 
 static std::string Start(const Config &config, std::vector<Board> *boards, Inits *inits) {
   Board board;
@@ -246,7 +246,7 @@ std::vector<Board> BootAll(const std::vector<Config> &configs, std::string *why)
   std::span<const Config> rest = configs;
   why->clear();
   while (why->empty() && !rest.empty()) {
-    const size_t count = std::min(rest.size(), kSideBySide);
+    const size_t count = std::min(rest.size(), SIDE_BY_SIDE);
     *why = BootGroup(rest.first(count), &boards);
     rest = rest.subspan(count);
   }
@@ -265,13 +265,13 @@ std::vector<Config> Network(int count, const Config &like) {
     Config &config = configs[static_cast<size_t>(i)];
     Interface &interface = config.interfaces[0];
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "02:0b:4a:00:%02x:%02x", (0x10 + i) >> 8 & 0xff,
-                  (0x10 + i) & 0xff);
+    snprintf(text.data(), text.size(), "02:0b:4a:00:%02x:%02x", (0x10 + i) >> 8 & 0xff,
+             (0x10 + i) & 0xff);
     interface.mac = text.data();
-    std::snprintf(text.data(), text.size(), "192.168.%d.%d/23", 40 + (2 + i) / 256, (2 + i) % 256);
+    snprintf(text.data(), text.size(), "192.168.%d.%d/23", 40 + (2 + i) / 256, (2 + i) % 256);
     if (!interface.address.empty()) interface.address = text.data();
     interface.client = "192.168.40.1/23";
-    interface.bridge = kBridge;
+    interface.bridge = BRIDGE;
     config.host_name = "brackenhold-" + std::to_string(i + 1);
   }
   return configs;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 

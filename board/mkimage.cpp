@@ -22,8 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+constexpr int FAILED = 1;
+constexpr int USAGE = 2;
 
 struct Options {
   std::string password;
@@ -31,21 +31,21 @@ struct Options {
   fs::path image;
 };
 
-constexpr struct option kOptions[] = {
+constexpr struct option OPTIONS[] = {
     {"password-number", required_argument, nullptr, 'n'},
     {"password", required_argument, nullptr, 'p'},
     {nullptr, 0, nullptr, 0},
 };
 
 int Fail(const std::string &what, int status) {
-  std::fprintf(stderr, "mkimage: %s\n", what.c_str());
+  fprintf(stderr, "mkimage: %s\n", what.c_str());
   return status;
 }
 
 int FailUsage(const std::string &what) {
-  Fail(what, kUsage);
-  std::fputs("usage: mkimage [--password-number N | --password TEXT] DIRECTORY IMAGE\n", stderr);
-  return kUsage;
+  Fail(what, USAGE);
+  fputs("usage: mkimage [--password-number N | --password TEXT] DIRECTORY IMAGE\n", stderr);
+  return USAGE;
 }
 
 std::optional<std::string> BuiltInPassword(const std::string &number) {
@@ -59,7 +59,7 @@ int ReadOptions(int argc, char **argv, Options *options) {
   std::optional<std::string> password;
   int option = 0;
   opterr = 0;
-  while ((option = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+  while ((option = getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1) {
     if (option == '?') return FailUsage("unknown option, or one without its value");
     if (password) return FailUsage("one password will do");
     password = option == 'n' ? BuiltInPassword(optarg) : optarg;
@@ -105,25 +105,25 @@ bool PackDirectory(const fs::path &directory, const fs::path &archive) {
 int MakeImage(const Options &options, const fs::path &place) {
   const fs::path archive = place / "tmpimage.tgz";
   const fs::path image = place / "image.zip";
-  if (!PackDirectory(options.directory, archive)) return kFailed;
+  if (!PackDirectory(options.directory, archive)) return FAILED;
   // -0: the archive is compressed already; -j: without the path that it has here.
   if (!Run({"zip", "-q", "-0", "-j", "-P", options.password, image.string(), archive.string()}))
-    return kFailed;
+    return FAILED;
   fs::copy_file(image, options.image, fs::copy_options::overwrite_existing);
   return 0;
 }
 
 int MakeImageElsewhere(const Options &options) {
-  constexpr size_t kOpenPlaces = 6;  // that mkdtemp fills
+  constexpr size_t OPEN_PLACES = 6;  // that mkdtemp fills
   std::string place =
-      (fs::temp_directory_path() / "mkimage.").string() + std::string(kOpenPlaces, 'X');
+      (fs::temp_directory_path() / "mkimage.").string() + std::string(OPEN_PLACES, 'X');
   if (mkdtemp(place.data()) == nullptr)
-    return Fail("cannot make " + place + ": " + std::generic_category().message(errno), kFailed);
-  int status = kFailed;
+    return Fail("cannot make " + place + ": " + std::generic_category().message(errno), FAILED);
+  int status = FAILED;
   try {
     status = MakeImage(options, place);
   } catch (const fs::filesystem_error &error) {
-    Fail(error.what(), kFailed);
+    Fail(error.what(), FAILED);
   }
   std::error_code ignored;
   fs::remove_all(place, ignored);

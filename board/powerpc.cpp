@@ -13,36 +13,36 @@
 #include <fstream>
 #include <string>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
-static constexpr char kEmulator[] = "/usr/bin/qemu-ppc-static";
-static constexpr char kLibraries[] = "/usr/powerpc-linux-gnu/lib";
-static constexpr char kPlace[] = "/run/powerpc";  // kEmulate is in it
+static constexpr char EMULATOR[] = "/usr/bin/qemu-ppc-static";
+static constexpr char LIBRARIES[] = "/usr/powerpc-linux-gnu/lib";
+static constexpr char PLACE[] = "/run/powerpc";  // EMULATE is in it
 
 static std::string WriteScript(const std::string &path, const std::string &arguments) {
   std::ofstream script(path);
-  script << "#!/bin/sh\nexec " << kEmulator << " -L " << kPlace << ' ' << arguments << " \"$@\"\n"
+  script << "#!/bin/sh\nexec " << EMULATOR << " -L " << PLACE << ' ' << arguments << " \"$@\"\n"
          << std::flush;
   return script && chmod(path.c_str(), 0755) == 0 ? "" : Failure("cannot write " + path);
 }
 
 std::string CheckPowerpc(const Config &config) {
-  const std::array<std::string, 3> needed = {kEmulator, kLibraries, config.powerpc + "/libshim.so"};
+  const std::array<std::string, 3> needed = {EMULATOR, LIBRARIES, config.powerpc + "/libshim.so"};
   for (const std::string &path : needed)
     if (access(path.c_str(), R_OK) != 0) return Failure("for PowerPC programs, " + path);
   return "";
 }
 
 std::string InstallPowerpc(const Config &config, const std::string &root) {
-  const std::string place = root + kPlace;
+  const std::string place = root + PLACE;
   const std::string shim = config.powerpc + "/libshim.so";
-  if (!MakeDirectories(root, kPlace + config.products, "") ||
-      symlink(kLibraries, (place + "/lib").c_str()) != 0 ||
+  if (!MakeDirectories(root, PLACE + config.products, "") ||
+      symlink(LIBRARIES, (place + "/lib").c_str()) != 0 ||
       symlink(shim.c_str(), (place + config.products + "/libshim.so").c_str()) != 0)
     return Failure(place);
-  return WriteScript(root + kEmulate, "");
+  return WriteScript(root + EMULATE, "");
 }
 
 std::string InstallPowerpcProgram(const std::string &program, const std::string &place) {

@@ -20,22 +20,21 @@
 #include <string_view>
 #include <vector>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
 namespace fs = std::filesystem;
 
 // Directories of the root that are the board's own, empty at first.
-static constexpr std::string_view kOwn[] = {"/proc", "/sys", "/dev", "/tmp",
-                                            "/run",  "/mnt", "/www"};
+static constexpr std::string_view OWN[] = {"/proc", "/sys", "/dev", "/tmp", "/run", "/mnt", "/www"};
 
 // Directories that the appliance has and that a board has to be able to change: without root's
 // rights only what is new or stands in "upper" can be.
 static constexpr struct {
   const char *path;
   mode_t mode;
-} kDirectories[] = {
+} DIRECTORIES[] = {
     {"/etc/atalk", 0755},
     {"/etc/dhcpc", 0755},
     {"/etc/tmp", 0755},
@@ -76,16 +75,16 @@ static constexpr struct {
     {"/usr/share/man/man8", 0755},
 };
 
-static constexpr const char *kDevices[] = {"null", "zero", "full", "random", "urandom", "tty"};
+static constexpr const char *DEVICES[] = {"null", "zero", "full", "random", "urandom", "tty"};
 
 // Where files of the host are bound to their place on the board.
-static constexpr const char *kProducts[][2] = {{"bh_servd", "/usr/sbin"}, {"bhctl", "/usr/bin"}};
+static constexpr const char *PRODUCTS[][2] = {{"bh_servd", "/usr/sbin"}, {"bhctl", "/usr/bin"}};
 
-static constexpr off_t kLargeFile = 1 << 20;  // from here on a file is bound, not copied
+static constexpr off_t LARGE_FILE = 1 << 20;  // from here on a file is bound, not copied
 
 bool IsOwn(std::string_view path) {
   const std::string_view top = path.substr(0, path.find('/', 1));
-  return std::find(std::begin(kOwn), std::end(kOwn), top) != std::end(kOwn);
+  return std::find(std::begin(OWN), std::end(OWN), top) != std::end(OWN);
 }
 
 // Where a directory of the appliance lies on the board: the host's /sbin may be a link to
@@ -98,7 +97,7 @@ static std::string Resolve(const std::string &directory) {
 static bool MakeReadOnly(const std::string &mount_point) {
   struct mount_attr attributes {};
   attributes.attr_set = MOUNT_ATTR_RDONLY;
-  return mount_setattr(AT_FDCWD, mount_point.c_str(), 0, &attributes, sizeof attributes) == 0;
+  return mount_setattr(AT_FDCWD, mount_point.c_str(), 0, &attributes, sizeof(attributes)) == 0;
 }
 
 static bool Bind(const std::string &from, const std::string &to) {
@@ -129,7 +128,7 @@ static void ComposeEntry(const std::string &path, int depth) {
   const std::string target = "root" + path;
   if (S_ISDIR(info.st_mode)) {
     if (access(path.c_str(), R_OK | X_OK) != 0 || !Overlay(path)) ComposeDirectory(path, depth + 1);
-  } else if (S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size < kLargeFile)) {
+  } else if (S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size < LARGE_FILE)) {
     CopyEntry(path, target);
   } else if (S_ISREG(info.st_mode) && Touch(target, 0600)) {
     Bind(path, target) && MakeReadOnly(target);
@@ -153,7 +152,7 @@ static std::vector<std::string> ApplianceDirectories(const std::string &rootfs) 
   for (const fs::directory_entry &entry : fs::recursive_directory_iterator(rootfs, error))
     if (!entry.is_symlink() && entry.is_directory())
       directories.push_back(entry.path().string().substr(rootfs.size()));
-  for (const auto &directory : kDirectories)
+  for (const auto &directory : DIRECTORIES)
     directories.emplace_back(directory.path);
   return directories;
 }
@@ -168,7 +167,7 @@ static std::string StageDirectories(const std::vector<std::string> &directories)
   std::string why;
   for (const std::string &directory : directories)
     if (why.empty()) why = StageDirectory(Resolve(directory));
-  for (const auto &directory : kDirectories) {
+  for (const auto &directory : DIRECTORIES) {
     const std::string path = Resolve(directory.path);
     chmod(((IsOwn(path) ? "root" : "upper") + path).c_str(), directory.mode);
   }
@@ -193,7 +192,7 @@ static std::string CopyAppliance(const std::string &rootfs,
 static std::string BindProducts(const Config &config) {
   const bool native = config.powerpc.empty();
   if (std::string why = native ? "" : InstallPowerpc(config, "root"); !why.empty()) return why;
-  for (const auto &[name, directory] : kProducts) {
+  for (const auto &[name, directory] : PRODUCTS) {
     const std::string product = (native ? config.products : config.powerpc) + "/" + name;
     const std::string place = "root" + Resolve(directory) + "/" + name;
     if (access(product.c_str(), X_OK) != 0) continue;
@@ -240,18 +239,18 @@ static std::string MountProc() {
 }
 
 static std::string MakeDevices() {
-  for (const std::string name : kDevices)
+  for (const std::string name : DEVICES)
     if (!Touch("root/dev/" + name, 0666) || !Bind("/dev/" + name, "root/dev/" + name))
       return Failure("/dev/" + name);
   if (mount("devpts", "root/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC,
             "newinstance,ptmxmode=0666,mode=620") != 0)
     return Failure("/dev/pts");
-  static constexpr const char *kLinks[][2] = {{"/run/kernel-proc/self/fd", "fd"},
-                                              {"fd/0", "stdin"},
-                                              {"fd/1", "stdout"},
-                                              {"fd/2", "stderr"},
-                                              {"pts/ptmx", "ptmx"}};
-  for (const auto &[target, name] : kLinks)
+  static constexpr const char *LINKS[][2] = {{"/run/kernel-proc/self/fd", "fd"},
+                                             {"fd/0", "stdin"},
+                                             {"fd/1", "stdout"},
+                                             {"fd/2", "stderr"},
+                                             {"pts/ptmx", "ptmx"}};
+  for (const auto &[target, name] : LINKS)
     if (symlink(target, ("root/dev/" + std::string(name)).c_str()) != 0) return Failure(name);
   return "";
 }
@@ -278,7 +277,7 @@ static std::string SetProductId(const std::string &id) {
 }
 
 static std::string MakeLogs() {
-  for (const char *log : {kCallLog, kSyslog})
+  for (const char *log : {CALL_LOG, SYSLOG})
     if (!Touch("root" + std::string(log), 0666)) return Failure(log);
   const std::string clock = "root/run/board-clock";
   return Touch(clock, 0666) && truncate(clock.c_str(), sizeof(int64_t)) == 0 ? "" : Failure(clock);

@@ -66,8 +66,8 @@ void AnnounceProcess() {
   char link[32];
   char target[48];
   const int error = errno;
-  std::snprintf(link, sizeof link, "/proc/%d", getpid());
-  std::snprintf(target, sizeof target, "/run/kernel-proc/%d", getpid());
+  snprintf(link, sizeof(link), "/proc/%d", getpid());
+  snprintf(target, sizeof(target), "/run/kernel-proc/%d", getpid());
   if (symlink(target, link) != 0) errno = error;  // an earlier bearer of the number has left it
 }
 
@@ -96,7 +96,7 @@ void LogCall(const char *line) {
   const int log =
       openat(AT_FDCWD, "/var/log/calls", O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
   if (log < 0) return;
-  if (write(log, line, std::strlen(line)) < 0) std::perror("board shim: call log");
+  if (write(log, line, strlen(line)) < 0) perror("board shim: call log");
   close(log);
 }
 
@@ -129,7 +129,7 @@ namespace {
 bool ReadNumbers(const char *path, long *number, long *second = nullptr) {
   char text[64] = "";
   const int file = openat(AT_FDCWD, path, O_RDONLY | O_CLOEXEC);
-  const ssize_t length = file < 0 ? -1 : read(file, text, sizeof text - 1);
+  const ssize_t length = file < 0 ? -1 : read(file, text, sizeof(text) - 1);
   if (file >= 0) close(file);
   if (length <= 0) return false;
   char *rest = text;
@@ -143,11 +143,11 @@ bool ReadNumbers(const char *path, long *number, long *second = nullptr) {
 // Notes an ioctl with up to 16 bytes of what it is about.
 void LogIoctl(unsigned long request, const char *subject, const uint8_t *bytes, size_t size) {
   char line[256];
-  int used = std::snprintf(line, sizeof line, "ioctl %#lx %.128s%s", request, subject,
-                           size == 0 ? "" : " ");
+  int used =
+      snprintf(line, sizeof(line), "ioctl %#lx %.128s%s", request, subject, size == 0 ? "" : " ");
   for (size_t i = 0; i < size && i < 16; i++)
-    used += std::snprintf(line + used, sizeof line - static_cast<size_t>(used), "%02x", bytes[i]);
-  std::snprintf(line + used, sizeof line - static_cast<size_t>(used), "\n");
+    used += snprintf(line + used, sizeof(line) - static_cast<size_t>(used), "%02x", bytes[i]);
+  snprintf(line + used, sizeof(line) - static_cast<size_t>(used), "\n");
   LogCall(line);
 }
 
@@ -159,11 +159,11 @@ int EepromIoctl(unsigned long request, const void *argument) {
     uint32_t length;
   } block{};
   struct ifreq named {};
-  std::memcpy(&named, argument, sizeof named);
-  std::memcpy(&block, &named.ifr_ifru, sizeof block);
+  memcpy(&named, argument, sizeof(named));
+  memcpy(&block, &named.ifr_ifru, sizeof(block));
   char subject[64];
-  std::snprintf(subject, sizeof subject, "%.*s %u %u", IFNAMSIZ, named.ifr_name, block.command,
-                block.length);
+  snprintf(subject, sizeof(subject), "%.*s %u %u", IFNAMSIZ, named.ifr_name, block.command,
+           block.length);
   LogIoctl(request, subject, block.address, block.length);
   return 0;
 }
@@ -174,13 +174,13 @@ int BlockIoctl(int fd, const char *device, unsigned long request, void *argument
   long units = static_cast<long>(info.st_size / 512);
   long sector = 512;
   char side[64];
-  std::snprintf(side, sizeof side, "/run/block-size/%.32s", device + std::strlen("/dev/"));
+  snprintf(side, sizeof(side), "/run/block-size/%.32s", device + strlen("/dev/"));
   ReadNumbers(side, &units, &sector);
   const int bytes = static_cast<int>(sector);
   if (request == BLKSSZGET) {
-    std::memcpy(argument, &bytes, sizeof bytes);
+    memcpy(argument, &bytes, sizeof(bytes));
   } else {
-    std::memcpy(argument, &units, sizeof units);
+    memcpy(argument, &units, sizeof(units));
   }
   return 0;
 }
@@ -196,7 +196,7 @@ int IdIoctl(int fd, const char *device, unsigned long request, void *argument) {
 int FlashIoctl(const char *device, unsigned long request) {
   uint8_t head[4] = {};
   const int file = openat(AT_FDCWD, device, O_RDONLY | O_CLOEXEC);
-  const ssize_t length = file < 0 ? 0 : read(file, head, sizeof head);
+  const ssize_t length = file < 0 ? 0 : read(file, head, sizeof(head));
   if (file >= 0) close(file);
   LogIoctl(request, device, head, length < 0 ? 0 : static_cast<size_t>(length));
   return 0;
@@ -213,11 +213,11 @@ bool DriverAnswers(int fd, unsigned long request, void *argument, int *result) {
     *result = EepromIoctl(request, argument);
     return true;
   }
-  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  if (!S_ISREG(info.st_mode) || readlink(link, device, sizeof device - 1) < 0) return false;
-  if (std::strncmp(device, "/dev/", 5) != 0) return false;
-  const bool is_id = std::strcmp(device, "/dev/idtinfo") == 0;
-  const bool is_flash = std::strcmp(device, "/dev/fl3") == 0;
+  snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+  if (!S_ISREG(info.st_mode) || readlink(link, device, sizeof(device) - 1) < 0) return false;
+  if (strncmp(device, "/dev/", 5) != 0) return false;
+  const bool is_id = strcmp(device, "/dev/idtinfo") == 0;
+  const bool is_flash = strcmp(device, "/dev/fl3") == 0;
   if (request == BLKSSZGET || request == BLKGETSIZE) {
     *result = BlockIoctl(fd, device, request, argument);
   } else if (is_id && (request >> 8 == 0x20005A || request >> 8 == 0x80065A)) {
@@ -237,7 +237,7 @@ void *EarlyMemory(size_t size) {
   alignas(std::max_align_t) static char memory[2048];
   static size_t used = 0;
   const size_t step = (size + 15) / 16 * 16;
-  if (step < size || step > sizeof memory - used) return nullptr;
+  if (step < size || step > sizeof(memory) - used) return nullptr;
   used += step;
   return memory + used - step;
 }
@@ -247,7 +247,7 @@ int WithFailingWrites(int fd, const char *path, int flags) {
   if (fd < 0 || (flags & O_ACCMODE) == O_RDONLY || !Fails("write", path)) return fd;
   const int sealed = memfd_create("sealed", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   if (fcntl(sealed, F_ADD_SEALS, F_SEAL_WRITE) != 0 || dup3(sealed, fd, flags & O_CLOEXEC) != fd)
-    std::abort();
+    abort();
   close(sealed);
   return fd;
 }
@@ -344,7 +344,7 @@ int OpenCheckedFor64(const char *path, int flags) {
 int semget(key_t key, int count, int flags) {
   static auto *const real = FindReal(&semget, "semget");
   char octal[16];
-  std::snprintf(octal, sizeof octal, "%o", static_cast<unsigned>(flags));
+  snprintf(octal, sizeof(octal), "%o", static_cast<unsigned>(flags));
   return Fails("semget", octal) ? -1 : real(key, count, flags);
 }
 
@@ -352,8 +352,8 @@ int socket(int domain, int type, int protocol) {
   static auto *const real = FindReal(&socket, "socket");
   char family[16];
   char line[32];
-  std::snprintf(family, sizeof family, "%d", domain);
-  std::snprintf(line, sizeof line, "socket %d\n", domain);
+  snprintf(family, sizeof(family), "%d", domain);
+  snprintf(line, sizeof(line), "socket %d\n", domain);
   if (Fails("socket", family)) return -1;
   if (domain != AF_IPX && domain != AF_AX25 && domain != AF_APPLETALK)
     return real(domain, type, protocol);
@@ -365,15 +365,14 @@ int mount(const char *device, const char *directory, const char *type, unsigned 
           const void *data) {
   static auto *const real = FindReal(&mount, "mount");
   if (Fails("mount", device)) return -1;
-  if (type == nullptr || std::strncmp(type, "ext", 3) != 0)
+  if (type == nullptr || strncmp(type, "ext", 3) != 0)
     return real(device, directory, type, flags, data);
   char line[256];
-  std::snprintf(line, sizeof line, "mount %s %s %s\n", device, directory, type);
+  snprintf(line, sizeof(line), "mount %s %s %s\n", device, directory, type);
   LogCall(line);
   const char *name = std::strrchr(device, '/');
   char partition[128];
-  std::snprintf(partition, sizeof partition, "/run/disks/%.64s",
-                name == nullptr ? device : name + 1);
+  snprintf(partition, sizeof(partition), "/run/disks/%.64s", name == nullptr ? device : name + 1);
   return real(partition, directory, "none", MS_BIND, nullptr);
 }
 
@@ -405,7 +404,7 @@ void *calloc(size_t count, size_t size) {
   }
   if (HasPlans()) {
     char bytes[24];
-    std::snprintf(bytes, sizeof bytes, "%zu", count * size);
+    snprintf(bytes, sizeof(bytes), "%zu", count * size);
     if (FailsByVariable("calloc", bytes)) return nullptr;
   }
   return real(count, size);
@@ -413,7 +412,7 @@ void *calloc(size_t count, size_t size) {
 
 int reboot(int how) {
   char line[64];
-  std::snprintf(line, sizeof line, "reboot 0x%08x\n", static_cast<unsigned>(how));
+  snprintf(line, sizeof(line), "reboot 0x%08x\n", static_cast<unsigned>(how));
   LogCall(line);
   return 0;
 }

@@ -1,6 +1,7 @@
 // What the shim's calls share.
 
-#pragma once
+#ifndef BH_BOARD_SHIM_H_
+#define BH_BOARD_SHIM_H_
 
 #include <dlfcn.h>
 
@@ -16,7 +17,7 @@ template <typename Function>
 Function *FindReal(Function *, const char *name) {
   void *symbol = dlsym(RTLD_NEXT, name);
   Function *real = nullptr;
-  std::memcpy(&real, &symbol, sizeof symbol);
+  memcpy(&real, &symbol, sizeof(symbol));
   return real;
 }
 
@@ -42,3 +43,5 @@ bool SetClockOffset(int64_t offset);
 bool DriverAnswers(int fd, unsigned long request, void *argument, int *result);
 
 #pragma GCC visibility pop
+
+#endif  // BH_BOARD_SHIM_H_

@@ -28,7 +28,7 @@
 
 namespace {
 
-constexpr int64_t kSecond = 1000000000;  // in nanoseconds
+constexpr int64_t SECOND = 1000000000;  // in nanoseconds
 
 // The name that the C library has for a call as this file is compiled.
 constexpr const char *NameOf(const char *usual, const char *second) {
@@ -39,7 +39,7 @@ int64_t RealTime(clockid_t id) {
   static auto *const real = FindReal(&clock_gettime, NameOf("clock_gettime", "__clock_gettime64"));
   struct timespec now {};
   real(id, &now);
-  return now.tv_sec * kSecond + now.tv_nsec;
+  return now.tv_sec * SECOND + now.tv_nsec;
 }
 
 int64_t BoardTime(clockid_t id) {
@@ -62,11 +62,11 @@ union SemaphoreArgument {
 time_t LastOperation(int set) {
   static char table[4096];
   const int file = openat(AT_FDCWD, "/proc/sysvipc/sem", O_RDONLY | O_CLOEXEC);
-  const ssize_t length = file < 0 ? -1 : read(file, table, sizeof table - 1);
+  const ssize_t length = file < 0 ? -1 : read(file, table, sizeof(table) - 1);
   if (file >= 0) close(file);
   table[length < 0 ? 0 : length] = '\0';
   char *line = table;
-  while ((line = std::strchr(line, '\n')) != nullptr) {
+  while ((line = strchr(line, '\n')) != nullptr) {
     long long columns[9] = {};
     for (long long &column : columns)
       column = std::strtoll(line, &line, 10);
@@ -85,7 +85,7 @@ WRAP_AS(NameOf("shmctl", "__shmctl64"), int, shmctl, -1,
 int setsockopt(int fd, int level, int name, const void *value, socklen_t length) {
   static auto *const real = FindReal(&setsockopt, NameOf("setsockopt", "__setsockopt64"));
   char option[16];
-  std::snprintf(option, sizeof option, "%d", name);
+  snprintf(option, sizeof(option), "%d", name);
   return Fails("setsockopt", option) ? -1 : real(fd, level, name, value, length);
 }
 
@@ -97,7 +97,7 @@ int ioctl(int fd, unsigned long request, ...) {
   void *const argument = va_arg(arguments, void *);
   va_end(arguments);
   char number[24];
-  std::snprintf(number, sizeof number, "%#lx", request);
+  snprintf(number, sizeof(number), "%#lx", request);
   int result = 0;
   const int error = errno;
   if (Fails("ioctl", number)) return -1;
@@ -130,10 +130,10 @@ int select(int count, fd_set *in, fd_set *out, fd_set *err, struct timeval *time
     return real(count, in, out, err, time);
   }
   char line[64];
-  std::snprintf(line, sizeof line, "select %lld.%06ld\n", static_cast<long long>(time->tv_sec),
-                static_cast<long>(time->tv_usec));
+  snprintf(line, sizeof(line), "select %lld.%06ld\n", static_cast<long long>(time->tv_sec),
+           static_cast<long>(time->tv_usec));
   LogCall(line);
-  SetClockOffset(ClockOffset() + time->tv_sec * kSecond + time->tv_usec * 1000);
+  SetClockOffset(ClockOffset() + time->tv_sec * SECOND + time->tv_usec * 1000);
   return 0;
 }
 
@@ -141,21 +141,21 @@ int clock_gettime(clockid_t id, struct timespec *now) {
   static auto *const real = FindReal(&clock_gettime, NameOf("clock_gettime", "__clock_gettime64"));
   if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE) return real(id, now);
   const int64_t moved = BoardTime(id);
-  now->tv_sec = static_cast<time_t>(moved / kSecond);
-  now->tv_nsec = static_cast<long>(moved % kSecond);
+  now->tv_sec = static_cast<time_t>(moved / SECOND);
+  now->tv_nsec = static_cast<long>(moved % SECOND);
   return 0;
 }
 
 int gettimeofday(struct timeval *now, void *zone) {
   const int64_t moved = BoardTime(CLOCK_REALTIME);
-  if (zone != nullptr) std::memset(zone, 0, sizeof(struct timezone));
-  now->tv_sec = static_cast<time_t>(moved / kSecond);
-  now->tv_usec = static_cast<suseconds_t>(moved % kSecond / 1000);
+  if (zone != nullptr) memset(zone, 0, sizeof(struct timezone));
+  now->tv_sec = static_cast<time_t>(moved / SECOND);
+  now->tv_usec = static_cast<suseconds_t>(moved % SECOND / 1000);
   return 0;
 }
 
 time_t time(time_t *now) {
-  const auto seconds = static_cast<time_t>(BoardTime(CLOCK_REALTIME) / kSecond);
+  const auto seconds = static_cast<time_t>(BoardTime(CLOCK_REALTIME) / SECOND);
   if (now != nullptr) *now = seconds;
   return seconds;
 }
@@ -165,20 +165,20 @@ int settimeofday(const struct timeval *wanted, const struct timezone *) {
   if (wanted == nullptr) return 0;
   if (wanted->tv_usec < 0 || wanted->tv_usec >= 1000000) return Refusal(EINVAL);
   char line[64];
-  std::snprintf(line, sizeof line, "settimeofday %lld.%06ld\n",
-                static_cast<long long>(wanted->tv_sec), static_cast<long>(wanted->tv_usec));
+  snprintf(line, sizeof(line), "settimeofday %lld.%06ld\n", static_cast<long long>(wanted->tv_sec),
+           static_cast<long>(wanted->tv_usec));
   LogCall(line);
-  return SetBoardTime(wanted->tv_sec * kSecond + wanted->tv_usec * 1000);
+  return SetBoardTime(wanted->tv_sec * SECOND + wanted->tv_usec * 1000);
 }
 
 int clock_settime(clockid_t id, const struct timespec *wanted) {
-  if (id != CLOCK_REALTIME || wanted->tv_nsec < 0 || wanted->tv_nsec >= kSecond)
+  if (id != CLOCK_REALTIME || wanted->tv_nsec < 0 || wanted->tv_nsec >= SECOND)
     return Refusal(EINVAL);
   char line[64];
-  std::snprintf(line, sizeof line, "clock_settime %lld.%09ld\n",
-                static_cast<long long>(wanted->tv_sec), wanted->tv_nsec);
+  snprintf(line, sizeof(line), "clock_settime %lld.%09ld\n", static_cast<long long>(wanted->tv_sec),
+           wanted->tv_nsec);
   LogCall(line);
-  return SetBoardTime(wanted->tv_sec * kSecond + wanted->tv_nsec);
+  return SetBoardTime(wanted->tv_sec * SECOND + wanted->tv_nsec);
 }
 
 }  // extern "C"

@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
@@ -102,15 +102,15 @@ static pid_t BirthOnBoard(pid_t init, int report) {
   EnterNamespaces(init);
   struct clone_args arguments {};
   arguments.flags = CLONE_PARENT;
-  const auto process = static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof arguments));
+  const auto process = static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof(arguments)));
   if (process == 0) return 0;
   if (process < 0) Fail("clone3");
-  _exit(write(report, &process, sizeof process) == sizeof process ? 0 : 1);
+  _exit(write(report, &process, sizeof(process)) == sizeof(process) ? 0 : 1);
 }
 
 static pid_t ForkFor(const Board &board, int *caller) {
   int pipe_fds[2];
-  std::fflush(nullptr);
+  fflush(nullptr);
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
   const Descriptor read_end(pipe_fds[0]);
   *caller = OpenPid(getpid());
@@ -119,7 +119,7 @@ static pid_t ForkFor(const Board &board, int *caller) {
   close(pipe_fds[1]);
   close(*caller);
   pid_t process = -1;
-  if (read(read_end.fd, &process, sizeof process) != sizeof process) process = -1;
+  if (read(read_end.fd, &process, sizeof(process)) != sizeof(process)) process = -1;
   if (helper > 0) waitpid(helper, nullptr, 0);
   if (process > 0) children.push_back({process, board.init, OpenPid(process), std::nullopt});
   return process;
@@ -133,7 +133,7 @@ pid_t Fork(const Board &board) {
 }
 
 static void SetEnvironment(const Board &board, const Command &command) {
-  const char *options = std::getenv("ASAN_OPTIONS");
+  const char *options = getenv("ASAN_OPTIONS");
   const std::string asan =
       std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0:handle_segv=2";
   setenv("ASAN_OPTIONS", asan.c_str(), 1);
@@ -167,9 +167,9 @@ static void PlaceDescriptors(const Command &command) {
 // Job control wants a process group that has a number on the board.
 static void TakeTerminal() {
   setpgid(0, 0);
-  std::signal(SIGTTOU, SIG_IGN);
+  signal(SIGTTOU, SIG_IGN);
   tcsetpgrp(STDIN_FILENO, getpgrp());
-  std::signal(SIGTTOU, SIG_DFL);
+  signal(SIGTTOU, SIG_DFL);
 }
 
 [[noreturn]] static void Exec(const Board &board, const Command &command, int caller) {
@@ -233,9 +233,9 @@ Result Run(const Board &board, const Command &command) {
 int RunItself(const std::vector<std::string> &arguments) {
   std::string why;
   std::optional<Board> board;
-  if (EnterLab(&why)) board = Boot({}, &why);
+  if (EnterNamespaces(&why)) board = Boot({}, &why);
   if (!board) {
-    std::fprintf(stderr, "%s: %s\n", arguments[0].c_str(), why.c_str());
+    fprintf(stderr, "%s: %s\n", arguments[0].c_str(), why.c_str());
     return 1;
   }
   Command command;
@@ -245,7 +245,7 @@ int RunItself(const std::vector<std::string> &arguments) {
   if (Exists(*board, here)) command.directory = here;
   const Result result = Wait(Spawn(*board, command));
   if (result.exit_code >= 0) return result.exit_code;
-  std::fprintf(stderr, "%s: killed by signal %d\n", arguments[0].c_str(), result.signal);
+  fprintf(stderr, "%s: killed by signal %d\n", arguments[0].c_str(), result.signal);
   return 128 + result.signal;
 }
 

@@ -90,15 +90,15 @@ int main(int argc, char **argv) {
 
   const Options options = ParseOptions(argc, argv);
   switch (options.action) {
-    case OptionAction::kUsage:
+    case OptionAction::USAGE:
       usage();
       return 0;
-    case OptionAction::kVersion:
+    case OptionAction::VERSION:
       PrintVersion();
       return 0;
-    case OptionAction::kTerminate:
+    case OptionAction::TERMINATE:
       return Terminate(options.terminate_name);
-    case OptionAction::kServe:
+    case OptionAction::SERVE:
       break;
   }
   return Serve();

@@ -62,11 +62,11 @@ Options ParseOptions(int argc, char **argv) {
         AddMode(MODE_NOFORK);
         break;
       case 't':
-        return {OptionAction::kTerminate, optarg};
+        return {OptionAction::TERMINATE, optarg};
       case 'v':
-        return {OptionAction::kVersion, nullptr};
+        return {OptionAction::VERSION, nullptr};
       default:
-        return {OptionAction::kUsage, nullptr};
+        return {OptionAction::USAGE, nullptr};
     }
   }
 }

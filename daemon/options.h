@@ -9,10 +9,10 @@ constexpr unsigned VERSION_MAJOR = 2;
 constexpr unsigned VERSION_MINOR = 37;
 constexpr uint16_t DAEMON_VERSION = VERSION_MAJOR << 8 | VERSION_MINOR;  // as clients are told
 
-enum class OptionAction { kServe, kUsage, kVersion, kTerminate };
+enum class OptionAction { SERVE, USAGE, VERSION, TERMINATE };
 
 struct Options {
-  OptionAction action = OptionAction::kServe;
+  OptionAction action = OptionAction::SERVE;
   const char *terminate_name = nullptr;  // interface of the instance to stop, within argv
 };
 

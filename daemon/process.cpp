@@ -18,8 +18,8 @@
 
 namespace {
 
-constexpr size_t LONGEST_COMMAND = 511;  // characters
-constexpr size_t MOST_WORDS = 31;
+constexpr size_t MAX_COMMAND = 511;  // characters
+constexpr size_t MAX_WORDS = 31;
 constexpr int EXEC_FAILED = 255;
 
 // In a child: a command that wants input must not wait for somebody at the server's, or ask at its
@@ -162,7 +162,7 @@ int RunCommandLine(const std::string &command) {
   return status;
 }
 
-pid_t ForkUntilExit() {
+pid_t ForkUnlessStopping() {
   sigset_t events = {};
   sigset_t previous = {};
   sigemptyset(&events);
@@ -180,23 +180,23 @@ pid_t ForkUntilExit() {
   return child;
 }
 
-void RunUntilExit(const std::string &command) {
-  if (ForkUntilExit() == 0) ExecShell(command.c_str());
+void RunUnlessStopping(const std::string &command) {
+  if (ForkUnlessStopping() == 0) ExecShell(command.c_str());
 }
 
 bool FitsExec1(const std::string &command) {
-  return command.size() <= LONGEST_COMMAND && SplitWords(command).size() <= MOST_WORDS;
+  return command.size() <= MAX_COMMAND && SplitWords(command).size() <= MAX_WORDS;
 }
 
 bool FitsExec2(const std::string &command, const char *outfile) {
-  return FileCommand(command, outfile).size() <= LONGEST_COMMAND;
+  return FileCommand(command, outfile).size() <= MAX_COMMAND;
 }
 
 int32_t exec1(const char *command, int32_t wait, int32_t *status) {
   if (status == nullptr) return -1;
   const std::string line = command;
   std::vector<std::string> words = SplitWords(line);
-  if (line.size() > LONGEST_COMMAND || words.size() > MOST_WORDS) {
+  if (line.size() > MAX_COMMAND || words.size() > MAX_WORDS) {
     *status = -1;
     return -1;
   }

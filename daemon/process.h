@@ -45,10 +45,10 @@ int RunCommandLine(const std::string &command);
 // Forks a worker that may end this server, and waits for its end; when the server's own is asked
 // for it is not waited for any longer, so that the client still has its answer before the server's
 // next wait. Returns as ForkChild does.
-pid_t ForkUntilExit();
+pid_t ForkUnlessStopping();
 
 // The same with a command line in a shell as the worker.
-void RunUntilExit(const std::string &command);
+void RunUnlessStopping(const std::string &command);
 
 // Whether exec1 and exec2 take the command: they have room for 511 characters (exec2: with " > "
 // and the file's name) and exec1 for 31 words.

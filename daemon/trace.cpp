@@ -24,7 +24,7 @@ extern "C" int32_t libbh_debug_print(const char *format, ...) __attribute__((for
 
 namespace {
 
-constexpr size_t LONGEST_LINE = 8192;  // more than the texts of any datagram
+constexpr size_t MAX_LINE = 8192;   // more than the texts of any datagram
 constexpr int LOOK_INTERVAL = 200;  // milliseconds between two looks whether the server is to end
 
 // In the foreground the trace belongs on the terminal, even with a trace file open.
@@ -67,7 +67,7 @@ void Write(int fd, const char *text, size_t length) {
 
 int32_t Print(const char *format, va_list arguments) {
   if ((get_mode_flags() & MODE_DEBUG) == 0) return 0;
-  char line[LONGEST_LINE] = "";
+  char line[MAX_LINE] = "";
   const int length = vsnprintf(line, sizeof(line), format, arguments);
   const int fd = TraceDescriptor();
   if (fd == STDOUT_FILENO && AwaitReader(fd)) fflush(stdout);  // what was printed there before

@@ -37,13 +37,13 @@ void LogWriting() {
   ReleaseChildren(hold);
 }
 
-std::span<const uint8_t> NextPieceOf(std::span<const uint8_t> rest) {
+std::span<const uint8_t> NextChunkOf(std::span<const uint8_t> rest) {
   return rest.first(std::min(rest.size(), PIECE));
 }
 
 // Takes what the device takes at once. False when it takes nothing or refuses.
 bool WriteSome(int device, std::span<const uint8_t> &rest) {
-  const std::span<const uint8_t> piece = NextPieceOf(rest);
+  const std::span<const uint8_t> piece = NextChunkOf(rest);
   const ssize_t written = write(device, piece.data(), piece.size());
   if (written < 0 && errno == EINTR) return true;
   if (written <= 0) return false;
@@ -75,7 +75,7 @@ bool Flush(int device) {
 bool ReadsBack(int device, std::span<const uint8_t> rest) {
   uint8_t buffer[PIECE];
   while (!rest.empty()) {
-    const std::span<const uint8_t> piece = NextPieceOf(rest);
+    const std::span<const uint8_t> piece = NextChunkOf(rest);
     const std::span<uint8_t> back(buffer, piece.size());
     if (!ReadFull(device, back) || !std::equal(back.begin(), back.end(), piece.begin()))
       return false;

@@ -27,7 +27,7 @@ constexpr const char *SEGMENT_LIMIT = "/proc/sys/kernel/shmmax";
 
 // Bytes of the checksum's rows, and how many rows a 16-bit lane can take of the largest byte.
 constexpr size_t LANES = 16;
-constexpr size_t MOST_ROWS = 257;
+constexpr size_t MAX_ROWS = 257;
 
 bool IsRegular(const char *path) {
   struct stat status = {};
@@ -161,7 +161,7 @@ uint32_t ImageChecksum(std::span<const uint8_t> bytes) {
   uint32_t sum = 0;
   size_t rows = bytes.size() / LANES;
   while (rows > 0) {
-    const size_t together = std::min(rows, MOST_ROWS);
+    const size_t together = std::min(rows, MAX_ROWS);
     sum += SumOfRows(bytes.data(), together);
     bytes = bytes.subspan(together * LANES);
     rows -= together;

@@ -33,15 +33,16 @@
 namespace {
 
 constexpr int BACKLOG = 1;
-constexpr time_t WAKE_UP = 10;  // seconds between two looks at nothing
-constexpr size_t MOST_CONNECTIONS = 1024;
+constexpr time_t SELECT_TIMEOUT = 10;  // seconds between two looks at nothing
+constexpr size_t MAX_CONNECTIONS = 1024;
 
 // Milliseconds.
-constexpr int64_t STANDSTILL = 10'000;  // of an upload whose end is asked for, before it is stopped
-constexpr int64_t GOING_ON = 120'000;   // of such an upload in all
-constexpr int STARTING = 1000;          // until a new receiver listens
-constexpr int64_t STOPPING = 1000;      // until a receiver has ended on a signal
-constexpr long LOOK = 100;              // between two looks at an upload's progress
+constexpr int64_t STANDSTILL_TIMEOUT =
+    10'000;  // of an upload whose end is asked for, before it is stopped
+constexpr int64_t UPLOAD_TIMEOUT = 120'000;  // of such an upload in all
+constexpr int START_TIMEOUT = 1000;          // until a new receiver listens
+constexpr int64_t STOP_TIMEOUT = 1000;       // until a receiver has ended on a signal
+constexpr long PROGRESS_INTERVAL = 100;      // between two looks at an upload's progress
 
 // Bytes received so far, in memory that the daemon shares with its receivers. Null without memory:
 // every upload then seems to stand still.
@@ -62,7 +63,7 @@ int image = -1;
 
 // The end of a pipe that is closed once the receiver listens, or cannot: the client connects as
 // soon as it has its answer.
-int not_ready = -1;
+int ready_pipe = -1;
 
 uint32_t Progress() {
   return progress == nullptr ? 0 : *progress;
@@ -70,7 +71,7 @@ uint32_t Progress() {
 
 // The connections that wait to be read, and what select() needs to know of them.
 struct Connections {
-  std::array<int, MOST_CONNECTIONS> slots;
+  std::array<int, MAX_CONNECTIONS> slots;
   int highest;  // slot in use
   fd_set watched;
 };
@@ -197,7 +198,7 @@ uint32_t TakeUpload(uint8_t *buffer, uint32_t size) {
   bool taken = false;
   while (!taken) {
     fd_set ready = connections.watched;
-    struct timeval timeout = {.tv_sec = WAKE_UP, .tv_usec = 0};
+    struct timeval timeout = {.tv_sec = SELECT_TIMEOUT, .tv_usec = 0};
     const int count = select(daemon_state.max_fd + 1, &ready, nullptr, nullptr, &timeout);
     const int error = errno;
     DebugPrint("tcp_recive_serv() 2.\n");
@@ -249,7 +250,7 @@ int64_t Now() {
 // would not sleep at all on the appliance: with checks of buffers, glibc 2.36 reads its 64-bit
 // times as 32-bit ones.
 void AwaitAnyChild(const ChildHold &hold) {
-  const struct timespec moment = {.tv_sec = 0, .tv_nsec = LOOK * 1'000'000};
+  const struct timespec moment = {.tv_sec = 0, .tv_nsec = PROGRESS_INTERVAL * 1'000'000};
   BeginWait();
   pselect(0, nullptr, nullptr, nullptr, &moment, &hold.previous);
   EndWait();
@@ -258,7 +259,7 @@ void AwaitAnyChild(const ChildHold &hold) {
 void AwaitReady(int pipe) {
   struct pollfd closed = {.fd = pipe, .events = POLLIN, .revents = 0};
   BeginWait();
-  poll(&closed, 1, STARTING);
+  poll(&closed, 1, START_TIMEOUT);
   EndWait();
 }
 
@@ -294,7 +295,7 @@ void Signal(pid_t child, int number) {
 // To its end: the way that closes its sockets first, then the one that nothing can hold up.
 void End(pid_t child) {
   Signal(child, SIGTERM);
-  while (!AwaitCollected(child, STOPPING, STOPPING))
+  while (!AwaitCollected(child, STOP_TIMEOUT, STOP_TIMEOUT))
     Signal(child, SIGKILL);
 }
 
@@ -321,7 +322,7 @@ int32_t tcp_recive_serv(uint8_t *buffer, uint32_t size) {
   if (!RecordImageSize(0, true)) return -1;
   daemon_state.listen_fd = OpenServer();
   if (daemon_state.listen_fd < 0) return -1;
-  close(not_ready);
+  close(ready_pipe);
   const uint32_t received = TakeUpload(buffer, size);
   DebugPrint("tcp_recive_serv() 3.\n");
   close(daemon_state.listen_fd);
@@ -337,7 +338,7 @@ pid_t firm_recive(uint32_t size) {
   image = FindImage();
   int pipe[2] = {-1, -1};
   if (pipe2(pipe, O_CLOEXEC) != 0) return -1;
-  not_ready = pipe[1];
+  ready_pipe = pipe[1];
   const pid_t daemon = getpid();
   MakePlace();
   const ChildHold hold = HoldChildren();
@@ -358,7 +359,7 @@ pid_t firm_recive(uint32_t size) {
 }
 
 void AwaitReceiver(pid_t child) {
-  if (!AwaitCollected(child, STANDSTILL, GOING_ON)) End(child);
+  if (!AwaitCollected(child, STANDSTILL_TIMEOUT, UPLOAD_TIMEOUT)) End(child);
 }
 
 void StopReceiver(pid_t child) {

@@ -57,7 +57,7 @@ constexpr Partition ZIP_PARTITION = {"/dev/hda3", "/mnt/hda3", "ext3"};
 constexpr const char *ARRAY = "/mnt/array1";
 constexpr int64_t TOO_FEW_MEGABYTES = 199;
 
-constexpr uint32_t LARGEST_IN_TMP = 0x7FFFFF;  // image bytes; /tmp is a small RAM disk
+constexpr uint32_t MAX_IN_TMP = 0x7FFFFF;  // image bytes; /tmp is a small RAM disk
 
 void SetPartitions(const char *system, const char *zip) {
   CopyToField(daemon_state.system_part, sizeof(daemon_state.system_part), system);
@@ -220,7 +220,7 @@ uint32_t CheckImage(const UpdateRequest &update, const Family &family) {
 
 void ChooseKeyFile(uint32_t firm_size) {
   const std::string directory = daemon_state.zip_part;
-  const bool on_disk = !directory.empty() && firm_size > LARGEST_IN_TMP;
+  const bool on_disk = !directory.empty() && firm_size > MAX_IN_TMP;
   const std::string path = (on_disk ? directory : "/tmp") + "/kv_firm_mem";
   if (path != daemon_state.firm_mem_path) RemoveSegment(FindImage());  // nobody would find it again
   CopyToField(daemon_state.firm_mem_path, sizeof(daemon_state.firm_mem_path), path.c_str());

@@ -17,12 +17,12 @@ static HeapText Split(const std::string &name, size_t longest) {
   return lines;
 }
 
-static void CutIntoLines(const char *cursor, size_t room) {
-  std::string line(room, '\0');
+static void CutIntoLines(const char *cursor, size_t capacity) {
+  std::string line(capacity, '\0');
   while (*cursor != '\0') {
     const char *const before = cursor;
-    const int32_t length = libbh_ReadLine(&cursor, line.data(), static_cast<int32_t>(room));
-    Require(cursor > before && length >= 0 && strlen(line.data()) < room);
+    const int32_t length = libbh_ReadLine(&cursor, line.data(), static_cast<int32_t>(capacity));
+    Require(cursor > before && length >= 0 && strlen(line.data()) < capacity);
   }
 }
 
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string_view text = InputText(data, size);
   IfInfo record = {};
   const std::string name = TakeLine(text);
-  name.copy(record.name, sizeof record.name);
+  name.copy(record.name, sizeof(record.name));
   const std::string mode = TakeLine(text);
   record.mode = mode.starts_with('d') ? 1 : 0;
   PutFile("/etc/network/interfaces", text);
@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   libbh_GetConfiguredRoutes(&routes, name.c_str());
   libbh_FreeRouteList(routes);
   const int32_t written = libbh_WriteIfStanza(&record);
-  Require((written == 0) == (!name.empty() && name.size() < sizeof record.name));
+  Require((written == 0) == (!name.empty() && name.size() < sizeof(record.name)));
   Split(name, text.size() + 100);
   return 0;
 }

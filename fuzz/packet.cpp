@@ -8,12 +8,12 @@
 
 #include "access/keys.h"
 #include "acp/dispatch.h"
-#include "board/contained.h"
+#include "board/fuzz_stubs.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "fuzz/input.h"
 
-using board::contained;
+using board::fuzz_stubs;
 static constexpr size_t PREFIX = 5;
 
 static DaemonState StartState() {
@@ -34,7 +34,7 @@ static void Grant(uint8_t flags, const uint8_t *mac) {
   if (KeyEntry *const entry = FindKey(mac)) entry->key = 0x12345678;  // the same in every run
   daemon_state.product_id = PRODUCTS[flags >> 4 & 3];
   const char *const passwords = (flags & 0x40) != 0 ? "/nowhere" : "/etc/passwords";
-  CopyToField(daemon_state.password_file, sizeof daemon_state.password_file, passwords);
+  CopyToField(daemon_state.password_file, sizeof(daemon_state.password_file), passwords);
 }
 
 // Takes a datagram off what is left, and gives its length. What lies behind it is not to be read.
@@ -57,16 +57,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < PREFIX + ACP_HEADER_SIZE) return 0;
   daemon_state = start;
   Grant(data[0], data + PREFIX + offsetof(ACPHeader, src_mac));
-  memcpy(&contained.choices, data + 1, sizeof contained.choices);
-  contained.output = InputText(data + PREFIX, size - PREFIX);
+  memcpy(&fuzz_stubs.choices, data + 1, sizeof(fuzz_stubs.choices));
+  fuzz_stubs.output = InputText(data + PREFIX, size - PREFIX);
   for (const char *path : {"/var/tmp/results.txt", "/etc/korvo/diskinfo"})
-    PutFile(path, contained.output);
-  contained.running = true;
-  if (sigsetjmp(contained.end, 1) == 0) {
+    PutFile(path, fuzz_stubs.output);
+  fuzz_stubs.running = true;
+  if (sigsetjmp(fuzz_stubs.end, 1) == 0) {
     for (size_t at = PREFIX; at < size;)
       at += Receive(data + at, size - at);
   }
-  contained.running = false;
+  fuzz_stubs.running = false;
   CleanKey(static_cast<uint32_t>(time(nullptr)) + 3600);
   return 0;
 }

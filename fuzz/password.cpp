@@ -7,7 +7,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 5) return 0;
   uint32_t key = 0;
-  memcpy(&key, data, sizeof key);
+  memcpy(&key, data, sizeof(key));
   const std::vector<uint8_t> field(data + 5, data + size);  // not a byte more is there
   const std::optional<std::string> text = DecodePassword(field, key, data[4]);
   if (text) Require(text->size() < data[4] && text->find('\0') == text->npos);

@@ -1,8 +1,8 @@
 // Replies as the client takes them apart and shows them.
 
 #include "fuzz/input.h"
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/text.h"
-#include "tools/bhctl/wire.h"
 
 using namespace bhctl;
 
@@ -11,7 +11,7 @@ static void ShowBody(Bytes body) {
   const PartitionInfo partition = DecodePartitionInfo(body);
   DecodeDiskInfo(body);
   HexText(DiscoverKey(info));
-  SafeText({info.host_name, sizeof info.host_name});
+  SafeText({info.host_name, sizeof(info.host_name)});
   for (const RaidInfoEntry &entry : DecodeRaidInfo(body).entries)
     SafeText(entry.path);
   SafeText(partition.path);

@@ -9,14 +9,14 @@
 static void ReadLease() {
   DhcpLease lease = {};
   libbh_ReadDhcpLease("eth0", &lease);
-  Require(strnlen(lease.domain, sizeof lease.domain) <= 64);
+  Require(strnlen(lease.domain, sizeof(lease.domain)) <= 64);
 }
 
 static void ReadRoutes() {
   RouteEntry *list = nullptr;
   Require(libbh_GetRouteTable(&list) == 0 || list == nullptr);
   for (const RouteEntry *route = list; route != nullptr; route = route->next)
-    Require(strnlen(route->name, sizeof route->name) < sizeof route->name);
+    Require(strnlen(route->name, sizeof(route->name)) < sizeof(route->name));
   libbh_FreeRouteList(list);
 }
 

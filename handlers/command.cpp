@@ -22,8 +22,8 @@
 
 namespace {
 
-constexpr size_t LONGEST_RESULT_LINE = 511;  // characters, line feed included
-constexpr size_t REPLY_BUFFER = 7500;        // bytes, header included
+constexpr size_t MAX_RESULT_LINE = 511;  // characters, line feed included
+constexpr size_t REPLY_BUFFER = 7500;    // bytes, header included
 
 // The record's size as clients count it: its two numbers and the text's first byte with padding.
 constexpr int32_t COMMAND_RECORD = 12;
@@ -107,7 +107,7 @@ Reply AllocateBuffer() {
 
 // The output goes into the reply, up to its first NUL byte. False when there is no memory.
 bool AnswerWithOutput(const AcpRequest &request, const CommandRequest &command) {
-  char output[MOST_OUTPUT + 1] = "";
+  char output[MAX_OUTPUT + 1] = "";
   Reply reply = AllocateBuffer();
   if (!reply.bytes) return false;
   const int32_t result = exec_capture(command.text.c_str(), output, sizeof(output));
@@ -126,7 +126,7 @@ bool TakeResultLine(std::string &line) {
   if (!results || !RemoveLeftover(daemon_state.result_tmp_file)) return false;
   FilePtr rest = CreateRegularFile(daemon_state.result_tmp_file);
   if (!rest) return false;
-  char first[LONGEST_RESULT_LINE + 1] = "";
+  char first[MAX_RESULT_LINE + 1] = "";
   if (fgets(first, sizeof(first), results.get()) != nullptr) line = first;
   char chunk[8192];
   size_t length = 0;

@@ -29,7 +29,7 @@ constexpr int32_t TIMER_BACKUP = 3;
 constexpr char EMERGENCY_BUILD_DATE[] = "0000/0/0 0:00:00";
 constexpr char EMERGENCY_SUB_VERSION[] = "HDD 0.0";
 
-constexpr size_t TEXT_ROOM = 256;
+constexpr size_t TEXT_CAPACITY = 256;
 using TextGetter = int32_t (*)(char *buffer, int32_t size);
 
 // A value as long as the field or longer is cut to it, without a NUL.
@@ -40,7 +40,7 @@ void FillText(char (&field)[SIZE], std::string_view text) {
 
 template <size_t SIZE>
 void FillText(char (&field)[SIZE], TextGetter getter) {
-  char text[TEXT_ROOM] = "";
+  char text[TEXT_CAPACITY] = "";
   getter(text, sizeof(text));
   FillText(field, std::string_view(text));
 }

@@ -31,10 +31,10 @@ constexpr int64_t SECTOR = 512;  // bytes
 constexpr int64_t BLOCK = 1024;  // bytes
 constexpr int64_t FIRST_TESTED_BLOCK = 512;
 constexpr int64_t USB_BLOCKS = 3000;
-constexpr long MOST_TICKS = 500;  // for each run
+constexpr long MAX_TICKS = 500;  // for each run
 
 constexpr int UPS_ATTEMPTS = 3;
-constexpr size_t SHORTEST_REPORT = 30;  // characters
+constexpr size_t MIN_REPORT = 30;  // characters
 constexpr const char *UPS_SIGNALS[] = {
     "ups_test_apc_sd=", "ups_test_apc_lf=", "ups_test_omron_sd=", "ups_test_omron_lf="};
 using UpsReport = std::array<char, 160>;
@@ -65,7 +65,7 @@ bool TestBlocks(const char *test, const char *device, int64_t last, int64_t firs
   const int status = RunCommandLine(command);
   const long ticks = TicksSince(start);
   DebugPrint("clk = %ld\n", ticks);
-  return status == 0 && GetFileSize(BAD_BLOCK_LIST) == 0 && ticks <= MOST_TICKS;
+  return status == 0 && GetFileSize(BAD_BLOCK_LIST) == 0 && ticks <= MAX_TICKS;
 }
 
 // A child that ends must not cut the time short; an exit that the server is asked for does.
@@ -84,7 +84,7 @@ void DriveUpsPort(const char *output, int32_t seconds) {
 
 bool ReadUpsPort(const char *title, UpsReport &report) {
   const int32_t result = exec_capture("brdctl -a ups_test_port", report.data(), report.size());
-  if (result != 0 || strlen(report.data()) < SHORTEST_REPORT) {
+  if (result != 0 || strlen(report.data()) < MIN_REPORT) {
     DebugPrint("brdctl -a ups_test_port fail.!!!\n");
     return false;
   }

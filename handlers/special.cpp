@@ -79,8 +79,8 @@ bool IsEmergencySystem() {
 uint32_t Reboot(const AcpRequest &) {
   const bool emergency = IsEmergencySystem();
   if (emergency || is_zeph_product())
-    RunUntilExit("/sbin/reboot");
-  else if (const pid_t worker = ForkUntilExit(); worker == 0)
+    RunUnlessStopping("/sbin/reboot");
+  else if (const pid_t worker = ForkUnlessStopping(); worker == 0)
     _exit(libbh_Reboot());
   else if (worker < 0)
     libbh_Reboot();
@@ -90,10 +90,10 @@ uint32_t Reboot(const AcpRequest &) {
 
 uint32_t Shutdown(const AcpRequest &) {
   if (IsEmergencySystem() || is_zeph_product()) {
-    RunUntilExit("/usr/local/bin/shutdown.sh");
+    RunUnlessStopping("/usr/local/bin/shutdown.sh");
     return ACP_STATE_OK;
   }
-  const pid_t worker = ForkUntilExit();
+  const pid_t worker = ForkUnlessStopping();
   if (worker == 0) _exit(libbh_Shutdown());
   if (worker < 0) libbh_Shutdown();
   DebugPrint("libbh_Shutdown(). lRet=0x%x\n", static_cast<unsigned>(ACP_STATE_OK));
@@ -313,8 +313,8 @@ uint32_t TestUpsPort(const AcpRequest &) {
   return result;
 }
 
-enum class Client { kAny, kEnabled };
-enum class Family { kAny, kZeph };
+enum class Client { ANY, ENABLED };
+enum class Family { ANY, ZEPH };
 
 struct Special {
   uint8_t code;
@@ -324,29 +324,29 @@ struct Special {
 };
 
 const Special SPECIALS[] = {
-    {0x01, Client::kEnabled, Family::kAny, Reboot},
-    {0x02, Client::kEnabled, Family::kAny, Shutdown},
-    {0x03, Client::kEnabled, Family::kAny, BootEmergencySystem},
-    {0x04, Client::kEnabled, Family::kAny, BootDiskSystem},
-    {0x05, Client::kAny, Family::kAny, BlinkLed},
-    {0x06, Client::kAny, Family::kAny, SaveConfig},
-    {0x07, Client::kAny, Family::kAny, LoadConfig},
-    {0x08, Client::kAny, Family::kAny, InitWeb},
-    {0x09, Client::kAny, Family::kAny, CheckLock},
-    {0x0A, Client::kAny, Family::kAny, Lock},
-    {0x0B, Client::kAny, Family::kAny, Unlock},
-    {VERIFY_PASSWORD, Client::kEnabled, Family::kAny, VerifyPassword},
-    {0x0D, Client::kAny, Family::kAny, SwitchCommandMode},
-    {0x0E, Client::kAny, Family::kAny, SwitchTrace},
-    {0x0F, Client::kEnabled, Family::kAny, ProgramMac},
-    {0x10, Client::kEnabled, Family::kZeph, ChangePassword},
-    {0x11, Client::kEnabled, Family::kZeph, CreateRaid},
-    {0x12, Client::kEnabled, Family::kZeph, SetLanguage},
-    {0x40, Client::kEnabled, Family::kAny, TestDevice},
-    {0x41, Client::kEnabled, Family::kAny, RemoveFile},
-    {0x42, Client::kAny, Family::kAny, FileChecksum},
-    {0x45, Client::kEnabled, Family::kAny, ClearUsbInfo},
-    {0x50, Client::kEnabled, Family::kAny, TestUpsPort},
+    {0x01, Client::ENABLED, Family::ANY, Reboot},
+    {0x02, Client::ENABLED, Family::ANY, Shutdown},
+    {0x03, Client::ENABLED, Family::ANY, BootEmergencySystem},
+    {0x04, Client::ENABLED, Family::ANY, BootDiskSystem},
+    {0x05, Client::ANY, Family::ANY, BlinkLed},
+    {0x06, Client::ANY, Family::ANY, SaveConfig},
+    {0x07, Client::ANY, Family::ANY, LoadConfig},
+    {0x08, Client::ANY, Family::ANY, InitWeb},
+    {0x09, Client::ANY, Family::ANY, CheckLock},
+    {0x0A, Client::ANY, Family::ANY, Lock},
+    {0x0B, Client::ANY, Family::ANY, Unlock},
+    {VERIFY_PASSWORD, Client::ENABLED, Family::ANY, VerifyPassword},
+    {0x0D, Client::ANY, Family::ANY, SwitchCommandMode},
+    {0x0E, Client::ANY, Family::ANY, SwitchTrace},
+    {0x0F, Client::ENABLED, Family::ANY, ProgramMac},
+    {0x10, Client::ENABLED, Family::ZEPH, ChangePassword},
+    {0x11, Client::ENABLED, Family::ZEPH, CreateRaid},
+    {0x12, Client::ENABLED, Family::ZEPH, SetLanguage},
+    {0x40, Client::ENABLED, Family::ANY, TestDevice},
+    {0x41, Client::ENABLED, Family::ANY, RemoveFile},
+    {0x42, Client::ANY, Family::ANY, FileChecksum},
+    {0x45, Client::ENABLED, Family::ANY, ClearUsbInfo},
+    {0x50, Client::ENABLED, Family::ANY, TestUpsPort},
 };
 
 uint32_t RunSpecial(const AcpRequest &request, uint8_t code) {
@@ -359,8 +359,8 @@ uint32_t RunSpecial(const AcpRequest &request, uint8_t code) {
   }
   // Whoever asks, and whatever comes of it, an earlier verification ends here.
   if (code == VERIFY_PASSWORD) daemon_state.password_verified = -1;
-  if (special->family == Family::kZeph && !is_zeph_product()) return ACP_STATE_BAD_PRODUCT;
-  if (special->client == Client::kEnabled && CheckEnabledClient(request) != 0)
+  if (special->family == Family::ZEPH && !is_zeph_product()) return ACP_STATE_BAD_PRODUCT;
+  if (special->client == Client::ENABLED && CheckEnabledClient(request) != 0)
     return ACP_STATE_NOT_PERMIT;
   return special->run(request);
 }

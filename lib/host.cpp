@@ -23,10 +23,10 @@ constexpr const char *WORKGROUP_KEY = "workgroup";
 constexpr const char *INFO_WORKGROUP_KEY = "wg";
 
 constexpr const char *SHOW_HOST_NAME = "/bin/hostname";
-constexpr size_t LONGEST_NAME = 16;  // of a host and of a workgroup
-constexpr size_t LONGEST_OLD_NAME = 63;
-constexpr size_t LONGEST_NAME_LINE = 126;
-constexpr int32_t MOST_USED = 4096;  // bytes of a caller's buffer
+constexpr size_t MAX_NAME = 16;  // of a host and of a workgroup
+constexpr size_t MAX_OLD_NAME = 63;
+constexpr size_t MAX_NAME_LINE = 126;
+constexpr int32_t MAX_USED = 4096;  // bytes of a caller's buffer
 
 // Products up to this ID keep their information file in EUC-JP.
 constexpr int32_t LAST_EUC_PRODUCT = 0x2000;
@@ -34,17 +34,17 @@ constexpr int32_t LAST_EUC_PRODUCT = 0x2000;
 // Lengths are kept in 16 bits.
 bool HasNameLength(const char *name) {
   const size_t length = name == nullptr ? 0 : strlen(name) % 65536;
-  return length >= 1 && length <= LONGEST_NAME;
+  return length >= 1 && length <= MAX_NAME;
 }
 
 int32_t ReadWorkgroup(const char *path, char *buffer, int32_t size) {
   const HeapText value(libbh_GetConfigValue(path, WORKGROUP_KEY));
   if (!value) return NO_WORKGROUP;
   const size_t length = strlen(value.get());
-  const size_t room = size > 0 ? static_cast<size_t>(size) : 0;
-  if (length == 0 || length > LONGEST_NAME || length > room) return BAD_WORKGROUP;
+  const size_t capacity = size > 0 ? static_cast<size_t>(size) : 0;
+  if (length == 0 || length > MAX_NAME || length > capacity) return BAD_WORKGROUP;
   if (buffer == nullptr) return libbh_SysError(EINVAL);
-  memcpy(buffer, value.get(), std::min(length + 1, room));
+  memcpy(buffer, value.get(), std::min(length + 1, capacity));
   return 0;
 }
 
@@ -98,13 +98,13 @@ int32_t ReplaceHostsName(const std::string &old_name, const char *name, const ch
 
 int32_t libbh_GetHostName(char *buffer, int32_t size) {
   if (size == 0) {
-    const std::string line = FirstOutputLine(SHOW_HOST_NAME, LONGEST_NAME_LINE);
+    const std::string line = FirstOutputLine(SHOW_HOST_NAME, MAX_NAME_LINE);
     return -static_cast<int32_t>(line.size());
   }
   if (buffer == nullptr || size < 0) return libbh_SysError(EINVAL);
   buffer[0] = '\0';
   if (size < 3) return 0;
-  const size_t longest = static_cast<size_t>(std::min(size, MOST_USED) - 2);
+  const size_t longest = static_cast<size_t>(std::min(size, MAX_USED) - 2);
   const std::string name = WithoutNewline(FirstOutputLine(SHOW_HOST_NAME, longest));
   memcpy(buffer, name.c_str(), name.size() + 1);
   return 0;
@@ -114,7 +114,7 @@ int32_t libbh_SetApHostName(int32_t mode, const char *name, int32_t restart, con
   if (libbh_checklock() != 0) return NOT_LOCKED;
   if (!HasNameLength(name)) return BAD_HOST_NAME;
   if (mode != 0) return 0;
-  const std::string old_name = WithoutNewline(FirstOutputLine(SHOW_HOST_NAME, LONGEST_OLD_NAME));
+  const std::string old_name = WithoutNewline(FirstOutputLine(SHOW_HOST_NAME, MAX_OLD_NAME));
   if (old_name == name) return 0;
   RunShell(FormatText("hostname %s", QuoteForShell(name).c_str()));
   const int32_t result = ReplaceHostsName(old_name, name, ifname);

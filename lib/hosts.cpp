@@ -8,7 +8,7 @@
 namespace {
 
 constexpr const char *HOSTS_FILE = "/etc/hosts";
-constexpr size_t LONGEST_HOSTS_PIECE = 254;
+constexpr size_t MAX_HOSTS_CHUNK = 254;
 
 }  // namespace
 
@@ -19,8 +19,8 @@ int ReadOtherHosts(std::string_view name, std::string &kept) {
   if (error != 0) return error;
   std::string_view rest = content;
   while (!rest.empty()) {
-    const std::string_view piece = NextPiece(rest, LONGEST_HOSTS_PIECE);
-    if (name.empty() || !Mentions(piece, name)) kept.append(piece);
+    const std::string_view piece = NextChunk(rest, MAX_HOSTS_CHUNK);
+    if (name.empty() || !Contains(piece, name)) kept.append(piece);
   }
   return 0;
 }

@@ -20,7 +20,7 @@ constexpr const char *HARDWARE_FILE = "/proc/qr_info";
 constexpr const char *TIMER_FILE = "/etc/korvo/timer_status";
 
 constexpr const char *DEFAULT_NAME = "Brackenhold";
-constexpr int32_t SMALLEST_NAME_BUFFER = 12;  // the default name and its NUL
+constexpr int32_t MIN_NAME_BUFFER = 12;  // the default name and its NUL
 constexpr int32_t NAME_DOES_NOT_FIT = -65;
 constexpr int32_t NO_BUILD_DATE = -10000;
 
@@ -39,7 +39,7 @@ constexpr struct {
 
 enum TimerStatus : int32_t { TIMER_UNKNOWN = 0, TIMER_OFF = 1, TIMER_SLEEP = 2, TIMER_BACKUP = 3 };
 
-constexpr off_t SHORTEST_TIMER_FILE = 8;
+constexpr off_t MIN_TIMER_FILE = 8;
 constexpr off_t TIMER_BYTES = 16;
 
 constexpr struct {
@@ -81,7 +81,7 @@ uint32_t ParseDecimal(const char *text) {
 }  // namespace
 
 int32_t libbh_GetProductName(char *buffer, int32_t size) {
-  if (size < SMALLEST_NAME_BUFFER) return NAME_DOES_NOT_FIT;
+  if (size < MIN_NAME_BUFFER) return NAME_DOES_NOT_FIT;
   const HeapText name = ReadValue(PRODUCT_FILE, "PRODUCTNAME");
   const int32_t result = CopyOut(IsSet(name) ? name.get() : DEFAULT_NAME, buffer, size);
   return result == 0 ? 0 : NAME_DOES_NOT_FIT;
@@ -158,7 +158,7 @@ int32_t libbh_GetTimerStatus(void) {
   const FilePtr file(fopen(TIMER_FILE, "re"));
   struct stat status = {};
   if (!file || fstat(fileno(file.get()), &status) != 0) return TIMER_UNKNOWN;
-  if (status.st_size < SHORTEST_TIMER_FILE) return TIMER_BACKUP;
+  if (status.st_size < MIN_TIMER_FILE) return TIMER_BACKUP;
   // One byte less than the file holds is read, so a status needs its line end to be recognised.
   char line[TIMER_BYTES] = {};
   const int size = static_cast<int>(std::min(status.st_size, TIMER_BYTES));

@@ -56,7 +56,7 @@ bool DefinesKey(std::string_view piece, std::string_view key) {
 // pieces are taken off `rest` too.
 std::string_view JoinLine(std::string_view piece, std::string_view &rest) {
   if (piece.back() == '\n') return piece;
-  const std::string_view tail = NextPiece(rest, rest.npos);
+  const std::string_view tail = NextChunk(rest, rest.npos);
   return {piece.data(), piece.size() + tail.size()};  // both are parts of one text
 }
 
@@ -119,13 +119,13 @@ std::string WithValue(std::string_view line, std::string_view value) {
 bool ReplaceValues(std::string_view content, std::string_view key, std::string_view value,
                    std::string &changed) {
   while (!content.empty()) {
-    const std::string_view piece = NextPiece(content);
+    const std::string_view piece = NextChunk(content);
     if (!DefinesKey(piece, key)) {
       changed.append(piece);
       continue;
     }
     const std::string line = WithValue(JoinLine(piece, content), value);
-    if (line.size() > LONGEST_PIECE) return false;
+    if (line.size() > MAX_CHUNK) return false;
     changed.append(line);
   }
   return true;
@@ -180,7 +180,7 @@ char *libbh_GetConfigValue(const char *path, const char *key) {
   if (path == nullptr || key == nullptr || ReadTextFile(path, content) != 0) return nullptr;
   std::string_view rest = content;
   while (!rest.empty()) {
-    const std::string_view piece = NextPiece(rest);
+    const std::string_view piece = NextChunk(rest);
     if (piece.front() == '#' || !DefinesKey(piece, key)) continue;
     const std::string_view escaped = ValueOf(JoinLine(piece, rest));
     char *value = strndup(escaped.data(), escaped.size());
@@ -204,7 +204,7 @@ int32_t libbh_SetConfigValue(const char *path, const char *key, const char *valu
   // A directory goes on to the open for writing, which refuses and logs it.
   if (error != 0 && error != EISDIR) return libbh_SysError(error);
   std::string changed;
-  changed.reserve(content.size() + LONGEST_PIECE);
+  changed.reserve(content.size() + MAX_CHUNK);
   if (!ReplaceValues(content, key, escaped.get(), changed)) return libbh_SysError(EMSGSIZE);
   return OverwriteFile(path, changed);
 }

@@ -17,17 +17,17 @@ namespace {
 constexpr const char *CRONTAB = "/etc/crontab";
 constexpr const char *NTP_MARK = "/etc/tmp/ntp.manual";  // a second link to the crontab
 constexpr const char *NTP_COMMAND = "/usr/sbin/ntpdate_script -b -s";
-constexpr size_t LONGEST_CRONTAB_LINE = 510;
-constexpr size_t LONGEST_SERVER = 255;
-constexpr uint32_t LONGEST_INTERVAL = 24;   // hours
+constexpr size_t MAX_CRONTAB_LINE = 510;
+constexpr size_t MAX_SERVER = 255;
+constexpr uint32_t MAX_INTERVAL = 24;       // hours
 constexpr int32_t INTERVAL_UNSET = 11;      // hours, where the crontab has no NTP line
 constexpr uint32_t DEFAULT_NTP_HOURS = 11;  // index of the default setting
 
 constexpr const char *ZONE_LINK = "/etc/localtime";
 constexpr const char *ZONE_DIRECTORY = "/usr/share/zoneinfo/";
 constexpr const char *ZONE_MARK = "/zoneinfo/";
-constexpr size_t LONGEST_LINK = 4095;  // of a path; the link is not removed for one that cannot be
-constexpr size_t LINK_ROOM = 4096;
+constexpr size_t MAX_LINK = 4095;  // of a path; the link is not removed for one that cannot be
+constexpr size_t LINK_CAPACITY = 4096;
 
 bool IsLetterOrDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -36,10 +36,10 @@ bool IsLetterOrDigit(char c) {
 // 0 or the code of the first thing wrong.
 int32_t CheckNtpConfig(const NtpConfig &config) {
   if (config.server == nullptr) return BAD_NTP_SERVER;
-  if (config.enabled == 1 && (config.server[0] == '\0' || strlen(config.server) > LONGEST_SERVER))
+  if (config.enabled == 1 && (config.server[0] == '\0' || strlen(config.server) > MAX_SERVER))
     return BAD_NTP_SERVER;
   if (libbh_CheckHostName(config.server) != 0) return BAD_NTP_SERVER;
-  if (config.enabled == 1 && static_cast<uint32_t>(config.interval_hours) > LONGEST_INTERVAL)
+  if (config.enabled == 1 && static_cast<uint32_t>(config.interval_hours) > MAX_INTERVAL)
     return BAD_NTP_INTERVAL;
   return 0;
 }
@@ -53,8 +53,8 @@ int ReadOtherJobs(std::string &kept) {
   if (error != 0) return error;
   std::string_view rest = content;
   while (!rest.empty()) {
-    const std::string_view line = NextPiece(rest, rest.npos);
-    if (!Mentions(FrontOf(line), NTP_COMMAND)) kept.append(line);
+    const std::string_view line = NextChunk(rest, rest.npos);
+    if (!Contains(FrontOf(line), NTP_COMMAND)) kept.append(line);
   }
   return 0;
 }
@@ -79,15 +79,15 @@ void MarkNtp(const NtpConfig &config) {
 
 std::string FindNtpLine(std::string_view crontab) {
   while (!crontab.empty()) {
-    const std::string_view line = NextPiece(crontab, LONGEST_CRONTAB_LINE);
-    if (Mentions(line, NTP_COMMAND)) return std::string(line);
+    const std::string_view line = NextChunk(crontab, MAX_CRONTAB_LINE);
+    if (Contains(line, NTP_COMMAND)) return std::string(line);
   }
   return "";
 }
 
 int32_t ReadNtpLine(const std::string &line, NtpConfig &config) {
-  char hours[NUMBER_ROOM] = "";
-  char server[LONGEST_SERVER + 1] = "";
+  char hours[NUMBER_CAPACITY] = "";
+  char server[MAX_SERVER + 1] = "";
   const bool active = line[0] != '#';
   sscanf(line.c_str() + (active ? 0 : 1),
          "0 */%31[0-9+-] * * * root /usr/sbin/ntpdate_script -b -s %255s", hours, server);
@@ -173,8 +173,8 @@ int32_t libbh_SplitString(int32_t after, const char *text, const char *separator
 }
 
 int32_t libbh_GetTimeZoneName(char *buffer, int32_t size) {
-  char target[LINK_ROOM + 1] = "";
-  const ssize_t length = readlink(ZONE_LINK, target, LINK_ROOM);
+  char target[LINK_CAPACITY + 1] = "";
+  const ssize_t length = readlink(ZONE_LINK, target, LINK_CAPACITY);
   if (length < 0) return -1;
   const char *zone = nullptr;
   const int32_t zone_length = libbh_SplitString(1, target, ZONE_MARK, &zone);
@@ -189,7 +189,7 @@ int32_t libbh_SetTimeZoneName(const char *name) {
   if (name == nullptr || name[0] == '\0') return -1;
   if (libbh_checklock() != 0) return NOT_LOCKED;
   const std::string path = std::string(ZONE_DIRECTORY) + name;
-  if (path.size() > LONGEST_LINK) return -1;
+  if (path.size() > MAX_LINK) return -1;
   unlink(ZONE_LINK);
   return symlink(path.c_str(), ZONE_LINK) == 0 ? 0 : -1;
 }

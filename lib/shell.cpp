@@ -57,7 +57,7 @@ std::string ReadLine(int pipe, size_t longest) {
   }
   text.resize(length);
   std::string_view rest = text;
-  return std::string(UpToNul(NextPiece(rest, longest)));
+  return std::string(UpToNul(NextChunk(rest, longest)));
 }
 
 void AwaitChild(pid_t child) {

@@ -16,12 +16,12 @@ namespace {
 
 // Room made at once for a file of known size; growing step by step costs more than the reading.
 // Files under /proc tell no size, or one far beyond what they hold.
-constexpr off_t MOST_ROOM_AHEAD = off_t{1024} * 1024;
+constexpr off_t MAX_RESERVED = off_t{1024} * 1024;
 
-void MakeRoom(FILE *file, std::string &content) {
+void ReserveFor(FILE *file, std::string &content) {
   struct stat status = {};
   if (fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode))
-    content.reserve(static_cast<size_t>(std::min(status.st_size, MOST_ROOM_AHEAD)));
+    content.reserve(static_cast<size_t>(std::min(status.st_size, MAX_RESERVED)));
 }
 
 // A stream over `fd`, which may be -1, if it is a regular file; closes it otherwise.
@@ -59,7 +59,7 @@ int ReadTextFile(const char *path, std::string &content) {
   content.clear();
   const FilePtr file(fopen(path, "re"));
   if (!file) return errno;
-  MakeRoom(file.get(), content);
+  ReserveFor(file.get(), content);
   char chunk[8192];
   size_t length = 0;
   while ((length = fread(chunk, 1, sizeof(chunk), file.get())) > 0)
@@ -84,7 +84,7 @@ int WriteTextFile(const char *path, std::string_view text) {
   return file ? WriteAndClose(std::move(file), text) : errno;
 }
 
-std::string_view NextPiece(std::string_view &rest, size_t longest) {
+std::string_view NextChunk(std::string_view &rest, size_t longest) {
   const std::string_view window = rest.substr(0, longest);
   const size_t newline = window.find('\n');
   const std::string_view piece = window.substr(0, newline == window.npos ? newline : newline + 1);
@@ -93,7 +93,7 @@ std::string_view NextPiece(std::string_view &rest, size_t longest) {
 }
 
 std::string_view FrontOf(std::string_view line) {
-  return line.substr(0, LONGEST_PIECE);
+  return line.substr(0, MAX_CHUNK);
 }
 
 std::string_view SkipBlanks(std::string_view text) {
@@ -105,7 +105,7 @@ std::string_view UpToNul(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }
 
-bool Mentions(std::string_view text, std::string_view part) {
+bool Contains(std::string_view text, std::string_view part) {
   return text.find(part) != text.npos;
 }
 

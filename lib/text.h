@@ -30,7 +30,7 @@ struct HeapRelease {
 using HeapText = std::unique_ptr<char, HeapRelease>;
 
 // Settings files are looked at in pieces of at most this many characters.
-constexpr size_t LONGEST_PIECE = 255;
+constexpr size_t MAX_CHUNK = 255;
 
 // Opens the file for reading if it is a regular one: a FIFO or a device in its place neither keeps
 // the caller waiting nor notices. Null otherwise.
@@ -58,7 +58,7 @@ int WriteTextFile(const char *path, std::string_view text);
 
 // Takes the next piece off the front of `rest`: up to and with the next "\n", but no more than
 // `longest` characters. Empty only when `rest` is.
-std::string_view NextPiece(std::string_view &rest, size_t longest = LONGEST_PIECE);
+std::string_view NextChunk(std::string_view &rest, size_t longest = MAX_CHUNK);
 
 // What a line is judged by: as much of it as fits a line buffer. Half a line would be another one,
 // so what is behind shares its fate.
@@ -71,7 +71,7 @@ std::string_view SkipBlanks(std::string_view text);
 std::string_view UpToNul(std::string_view text);
 
 // Whether `text` contains `part` anywhere.
-bool Mentions(std::string_view text, std::string_view part);
+bool Contains(std::string_view text, std::string_view part);
 
 // `line` without its newline, if it has one.
 std::string WithoutNewline(std::string line);
@@ -80,7 +80,7 @@ std::string WithoutNewline(std::string line);
 bool FileExists(const char *path);
 
 // Room for the digits of a number and their NUL, where a text is scanned for one.
-constexpr size_t NUMBER_ROOM = 32;
+constexpr size_t NUMBER_CAPACITY = 32;
 
 // The decimal number at the front of `text`, 0 without one, the nearest that 32 bits hold.
 int32_t ToNumber(const char *text);

@@ -45,8 +45,8 @@ TEST(Cipher, FieldIsDecodedAsFarAsItsTextGoes) {
       {0xFEDCBA98, full + "C8", 33, {}},
       {0xFEDCBA98, full + "C8728EE0E43044DC", 41, "abcdefghijklmnopqrstuvwxyz0123456"},
   };
-  for (const auto &[key, field, room, text] : CASES)
-    EXPECT_EQ(DecodePassword(Hex(field), key, room), text) << field << " in " << room;
+  for (const auto &[key, field, capacity, text] : CASES)
+    EXPECT_EQ(DecodePassword(Hex(field), key, capacity), text) << field << " in " << capacity;
 }
 
 constexpr uint8_t MACS[][6] = {{2, 0xAB, 0, 0, 0, 1}, {2, 0xAB, 0, 0, 0, 2}, {2, 0xAB, 1, 0, 0, 1}};

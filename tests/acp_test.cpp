@@ -46,7 +46,7 @@ TEST(Convert, HeaderNumbersHaveTheirLeastSignificantByteFirst) {
   wire.resize(28);
   wire::Append(wire, 0x0A0B0C0D);
   Bytes packet = wire;
-  SwapAcpHeader(packet, Conversion::kToHost);
+  SwapAcpHeader(packet, Conversion::TO_HOST);
 
   ACPHeader header = {};
   memcpy(&header, packet.data(), sizeof(header));
@@ -58,7 +58,7 @@ TEST(Convert, HeaderNumbersHaveTheirLeastSignificantByteFirst) {
   EXPECT_EQ(Part(packet, 2, 2), Hex("AA BB"));
   EXPECT_EQ(Part(packet, 12, 16), Part(wire, 12, 16));
 
-  SwapAcpHeader(packet, Conversion::kToWire);
+  SwapAcpHeader(packet, Conversion::TO_WIRE);
   EXPECT_EQ(packet, wire);
 }
 
@@ -94,7 +94,7 @@ TEST(Convert, BodyNumbersFollowTheTable) {
     std::iota(body.begin(), body.end(), uint8_t{1});
     const Bytes wire = Request(test.command, body);
     Bytes packet = wire, expected = wire;
-    SwapAcpHeader(packet, Conversion::kToHost);
+    SwapAcpHeader(packet, Conversion::TO_HOST);
     if constexpr (std::endian::native == std::endian::big) {
       for (const size_t offset : test.u16)
         std::reverse(expected.data() + 32 + offset, expected.data() + 34 + offset);
@@ -102,7 +102,7 @@ TEST(Convert, BodyNumbersFollowTheTable) {
         std::reverse(expected.data() + 32 + offset, expected.data() + 36 + offset);
     }
     EXPECT_EQ(Part(packet, 32), Part(expected, 32)) << std::hex << test.command;
-    SwapAcpHeader(packet, Conversion::kToWire);
+    SwapAcpHeader(packet, Conversion::TO_WIRE);
     EXPECT_EQ(packet, wire) << std::hex << test.command;
   }
 }
@@ -111,19 +111,19 @@ TEST(Convert, NothingOutsideOfThePacketIsTouched) {
   // A body cut inside its second number: the first is converted, the rest stays.
   Bytes cut = Request("20 00 00 00 07 00 01 00 80 80 40 00 00 00 00 00", Hex("01 00 00 00 02 00"));
   cut.shrink_to_fit();
-  SwapAcpHeader(cut, Conversion::kToHost);
+  SwapAcpHeader(cut, Conversion::TO_HOST);
   EXPECT_EQ(HostNumber<uint32_t>(cut, 32), 1U);
   EXPECT_EQ(Part(cut, 36), Hex("02 00"));
 
   Bytes short_packet(31, 0x20);
-  SwapAcpHeader(short_packet, Conversion::kToHost);
+  SwapAcpHeader(short_packet, Conversion::TO_HOST);
   EXPECT_EQ(short_packet, Bytes(31, 0x20));
 }
 
 TEST(Body, ReadersStopAtTheReceivedBytes) {
   const Bytes body = Hex("01 02 03 04 41 42 00 43 44 45");
   AcpRequest request = RequestOf(Request("20 00 00 00 07 00 01 00 D0 80 0A 00 00 00 00 00", body));
-  SwapAcpHeader(request.packet, Conversion::kToHost);
+  SwapAcpHeader(request.packet, Conversion::TO_HOST);
   const auto span = RequestBody(request);
   ASSERT_EQ(span.size(), 10U);
 
@@ -141,14 +141,14 @@ TEST(Body, ReadersStopAtTheReceivedBytes) {
 
 TEST(Body, IsEmptyWithoutBytesOrBehindAnotherHeaderSize) {
   AcpRequest bare = RequestOf(Request("20 00 00 00 07 00 01 00 D0 80 00 00 00 00 00 00"));
-  SwapAcpHeader(bare.packet, Conversion::kToHost);
+  SwapAcpHeader(bare.packet, Conversion::TO_HOST);
   EXPECT_TRUE(RequestBody(bare).empty());
   bare.recvlen = 30;
   EXPECT_TRUE(RequestBody(bare).empty());
 
   AcpRequest odd = RequestOf(Request("22 00 00 00 07 00 01 00 D0 80 08 00 00 00 00 00",
                                      Hex("00 00 2F 74 6D 70 00 00 00 00")));
-  SwapAcpHeader(odd.packet, Conversion::kToHost);
+  SwapAcpHeader(odd.packet, Conversion::TO_HOST);
   EXPECT_TRUE(RequestBody(odd).empty());
 }
 

@@ -13,13 +13,14 @@
 #include <tuple>
 #include <vector>
 
+#include "tools/bhctl/change_password.h"
+#include "tools/bhctl/credentials.h"
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/discover.h"
 #include "tools/bhctl/drive.h"
 #include "tools/bhctl/exec.h"
 #include "tools/bhctl/image.h"
-#include "tools/bhctl/passwd.h"
 #include "tools/bhctl/password.h"
-#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/session.h"
 #include "tools/bhctl/set.h"
@@ -27,7 +28,6 @@
 #include "tools/bhctl/text.h"
 #include "tools/bhctl/upgrade.h"
 #include "tools/bhctl/upload.h"
-#include "tools/bhctl/wire.h"
 
 namespace {
 

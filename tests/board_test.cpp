@@ -24,7 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kOnBoard[] = "--on-board";
+constexpr char ON_BOARD[] = "--on-board";
 
 std::string ThisProgram() {
   return fs::read_symlink("/proc/self/exe").string();
@@ -36,14 +36,14 @@ int SetClockAndPowerOff() {
   return settimeofday(&wanted, nullptr) + reboot(RB_POWER_OFF);
 }
 
-// Boards booted by this process, which enters the lab once.
+// Boards booted by this process, which enters its namespaces once.
 class BoardTest : public testing::Test {
  protected:
   void SetUp() override {
     static bool entered = false;
     std::string why;
     if (!entered) {
-      ASSERT_TRUE(board::EnterLab(&why)) << why;
+      ASSERT_TRUE(board::EnterNamespaces(&why)) << why;
       entered = true;
     }
     board_ = BootOne({});
@@ -96,11 +96,11 @@ TEST_F(BoardTest, TwoDoNotSeeEachOther) {
 // What the shim stands for must not reach the machine.
 TEST_F(BoardTest, MovesItsOwnClockAndNotesWhatIsRun) {
   const time_t before = time(nullptr);
-  EXPECT_EQ(board::Run(*board_, {.argv = {ThisProgram(), kOnBoard}}).exit_code, 0);
+  EXPECT_EQ(board::Run(*board_, {.argv = {ThisProgram(), ON_BOARD}}).exit_code, 0);
   EXPECT_EQ(Shell("date -u +%Y-%m-%dT%H:%M"), "2001-02-03T04:05\n");
   EXPECT_LT(time(nullptr) - before, 60);
   Shell("/usr/sbin/eraseall /dev/mtd2; usermod -l admin -p 'a\\nb' admin");
-  EXPECT_EQ(board::ReadFile(*board_, board::kCallLog),
+  EXPECT_EQ(board::ReadFile(*board_, board::CALL_LOG),
             "settimeofday 981173106.250000\nreboot 0x4321fedc\n/usr/sbin/eraseall /dev/mtd2\n"
             "/usr/sbin/usermod -l admin -p a\\nb admin\n");
 }
@@ -143,7 +143,7 @@ Started StartBoot(uid_t uid, const std::string &arguments, const char *limit = n
   std::string why;
   dup2(pipe_fds[1], STDOUT_FILENO);
   dup2(pipe_fds[1], STDERR_FILENO);
-  if (limit != nullptr && board::EnterLab(&why)) std::ofstream(limit) << 0;
+  if (limit != nullptr && board::EnterNamespaces(&why)) std::ofstream(limit) << 0;
   if (uid != 0 && setresuid(uid, uid, uid) != 0) _exit(126);
   const std::string line = "exec '" + BootProgram() + "' " + arguments;
   execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
@@ -214,7 +214,7 @@ TEST(BootTest, LeavesNothingWhenKilled) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc == 2 && std::string(argv[1]) == kOnBoard) return SetClockAndPowerOff();
+  if (argc == 2 && std::string(argv[1]) == ON_BOARD) return SetClockAndPowerOff();
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -37,7 +37,7 @@ int main(int argc, char **argv) {
 
   /* Trace lines have nowhere to go here: the address is refused all the same. */
   struct IfInfo record;
-  memset(&record, 0, sizeof record);
+  memset(&record, 0, sizeof(record));
   strcpy(record.name, "eth0");
   if (libbh_GetIfInfo(&record, 1) != 0 || record.addr.sin_addr.s_addr != address.s_addr) return 6;
   record.addr.sin_addr.s_addr = htonl(0xC0A801FF);

@@ -19,7 +19,7 @@
 using namespace fixture;
 using std::string;
 
-const string kIp = "0302010a000000ff";  // 10.1.2.3 and 255.0.0.0, as on the wire
+const string IP = "0302010a000000ff";  // 10.1.2.3 and 255.0.0.0, as on the wire
 const string sent = "SendPacket ACP_CHANGE_IP_REPLY result=0\n", smb = "/etc/init.d/smb restart\n";
 const string end = "ACP_Change_IP_Reply() end. result=0\n", result = "libbh_SetIfInfo() result=";
 const string all = "/etc/init.d/networking restart\n" + smb + "/etc/init.d/atalk restart\n" + end;
@@ -29,14 +29,14 @@ class ChangeIp : public testing::Test {
   void SetUp() override {
     daemon_state.ifname = "eth0", daemon_state.enable_state = daemon_state.password_verified = 0;
     std::copy_n("\x2\xb\x4a\0\0\1", 6, daemon_state.enable_mac);
-    daemon_state.trace_fp = fopen(board::kCallLog, "ae");  // in order with the calls
+    daemon_state.trace_fp = fopen(board::CALL_LOG, "ae");  // in order with the calls
     set_mode_flags(MODE_DEBUG), client = wire::Open("eth0"), alarm(60), signal(SIGCHLD, SIG_DFL);
     EXPECT_EQ(system("cd /run; ln -sf /usr/lib/board/stand-in hostname; cp hostname ifconfig"), 0);
     setenv("PATH", "/run:/usr/bin:/bin", 1), setenv("BOARD_FAIL", "*/settimeofday:0", 1);
   }
   // The last octet of the reply's source and its result, then trace and calls behind the mask's
   // line. Texts and numbers are as in CASES; the flag's bit 0 is set where 0x10000 is in the mask.
-  string Seen(uint32_t mask, const string &addresses = kIp, size_t size = 112) {
+  string Seen(uint32_t mask, const string &addresses = IP, size_t size = 112) {
     wire::Bytes body = wire::Hex(
         "fe00ffffffffffffffffffff00000000" + addresses +
         "6e65773b246e616d65273136636861720047524f55502d31362d4c45545445525300" + string(36, '0') +
@@ -45,14 +45,14 @@ class ChangeIp : public testing::Test {
     body.resize(size);
     body = wire::Request("20 00 00 00 07 00 01 00 30 80 70 00 00 00 00 00", body);
     wire::Deliver(client, body, request);
-    SwapAcpHeader({request.packet, body.size()}, Conversion::kToHost);
-    WriteFile(board::kCallLog, "");
+    SwapAcpHeader({request.packet, body.size()}, Conversion::TO_HOST);
+    WriteFile(board::CALL_LOG, "");
     ACP_Change_IP_Reply(request);
     const std::vector<wire::Bytes> replies = wire::ReplyFrames(client);
     if (replies.size() != 1 || replies[0].size() != 74) return "no reply";
     EXPECT_EQ(wire::Number(replies[0], 50), 0x0000C030U);
-    const string trace = ReadFile(board::kCallLog);
-    EXPECT_TRUE(Mentions(trace, "- -> ACP_Chenge_IP_Reply\r\nflag=0x00"));
+    const string trace = ReadFile(board::CALL_LOG);
+    EXPECT_TRUE(Contains(trace, "- -> ACP_Chenge_IP_Reply\r\nflag=0x00"));
     return std::to_string(replies[0][29]) + " " +
            std::to_string(static_cast<int32_t>(wire::Number(replies[0], 70))) +
            trace.substr(trace.find('\n', trace.find("\nchange_mask=0x000000") + 1));
@@ -90,20 +90,20 @@ TEST_F(ChangeIp, SettingsAreStoredThenAnsweredThenApplied) {
   const string zero = "libbh_GetIfInfo().E\n" + name + "0.0.0.0\nNetmask    = 0.0.0.0\n";
   const string bad = name + "127.0.0.1\nNetmask    = 255.0.0.0\n" + result + "-430\n";
   const std::tuple<uint32_t, string, string> CASES[] = {
-      {0x02, kIp, "2 0\n" + host + told + all},
-      {0x04, kIp, "2 0\n" + group + told + smb + end},
-      {0x90, kIp, "2 0\n" + clock + zone + told + end},
+      {0x02, IP, "2 0\n" + host + told + all},
+      {0x04, IP, "2 0\n" + group + told + smb + end},
+      {0x90, IP, "2 0\n" + clock + zone + told + end},
       {0x03, "0100007f000000ff", "2 -1\n" + host + bad + told + all},
       {0x10021, "0000000000000000", "2 0\n" + ends + zero + init + start},
-      {0x10021, kIp, "2 0\n" + ends + ip + init + start},
-      {0xF7, kIp, "2 0\n" + host + group + clock + zone + ip + good + init + good + stop + all},
-      {0x08, kIp, "3 0\n" + told + end}};
+      {0x10021, IP, "2 0\n" + ends + ip + init + start},
+      {0xF7, IP, "2 0\n" + host + group + clock + zone + ip + good + init + good + stop + all},
+      {0x08, IP, "3 0\n" + told + end}};
   WriteFile("/run/dhcpcd-eth0.pid", "1"), WriteFile("/run/dhcpd.pid", "1");
   for (const auto &[mask, addresses, seen] : CASES)
     EXPECT_EQ(Seen(mask, addresses), seen) << mask;
   EXPECT_EQ(ReadFile("/etc/bh_servd.log"), "INITIALIZE=1\n");
-  EXPECT_TRUE(Mentions(ReadFile("/etc/korvo/info"), "wg=GROUP-16-LETTERS\n"));
-  EXPECT_TRUE(Mentions(ReadFile("/etc/network/interfaces"), "up route add default gw 10.0.0.1\n"));
+  EXPECT_TRUE(Contains(ReadFile("/etc/korvo/info"), "wg=GROUP-16-LETTERS\n"));
+  EXPECT_TRUE(Contains(ReadFile("/etc/network/interfaces"), "up route add default gw 10.0.0.1\n"));
 }
 
 TEST_F(ChangeIp, OthersAreRefusedAndTheEmergencySystemChangesItsAddressOnly) {
@@ -115,7 +115,7 @@ TEST_F(ChangeIp, OthersAreRefusedAndTheEmergencySystemChangesItsAddressOnly) {
   WriteFile("/run/stand-ins/ifconfig", "exit 3");
   EXPECT_EQ(Seen(0xFF).substr(2), "-1" + call + "-1\n" + sent);
   for (size_t size = 0; size < 112; ++size)
-    EXPECT_EQ(Seen(0xFF, kIp, size).substr(2, 27), "-1\nacpip is too short. len=") << size;
+    EXPECT_EQ(Seen(0xFF, IP, size).substr(2, 27), "-1\nacpip is too short. len=") << size;
   for (const string busy : {"mkraid:creating RAID", "disk:formatting hdd", "zero_filling"}) {
     mkfifo(("/var/lock/" + busy.substr(0, busy.find(':'))).c_str(), 0600);
     EXPECT_EQ(Seen(0xFF, "", 40).substr(2), "-1\nnow " + busy.substr(busy.find(':') + 1) + ".\n");
@@ -124,6 +124,6 @@ TEST_F(ChangeIp, OthersAreRefusedAndTheEmergencySystemChangesItsAddressOnly) {
   EXPECT_EQ(Seen(0xFF).substr(2), "-2147483647\n");
   daemon_state.password_verified = 0, daemon_state.enable_mac[0] = 4;
   EXPECT_EQ(Seen(0xFF).substr(2), "-2147483647\n");
-  const string log = ReadFile(board::kSyslog);
-  EXPECT_TRUE(Mentions(log, "IP change Password Wrong") && Mentions(log, "IP change is blocked."));
+  const string log = ReadFile(board::SYSLOG);
+  EXPECT_TRUE(Contains(log, "IP change Password Wrong") && Contains(log, "IP change is blocked."));
 }

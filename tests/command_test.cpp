@@ -27,8 +27,8 @@ using namespace std::string_literals;
 
 namespace {
 
-constexpr char kResults[] = "/var/tmp/results.txt";
-constexpr uint32_t kRefused = 0xFFFFFFFF;
+constexpr char RESULTS[] = "/var/tmp/results.txt";
+constexpr uint32_t REFUSED = 0xFFFFFFFF;
 
 // `length` and `text` as given, the NUL and the two bytes behind it, and `more` of those.
 Bytes CommandOf(uint32_t type, const string &text, uint32_t length, int more = 0) {
@@ -54,7 +54,7 @@ class Command : public testing::Test {
     ClaimServer();
     client = wire::Open("eth0");
     std::filesystem::create_directories("/var/tmp");
-    std::filesystem::remove_all(kResults);
+    std::filesystem::remove_all(RESULTS);
     alarm(60);
   }
   void TearDown() override {
@@ -108,18 +108,18 @@ TEST_F(Command, AnswersWithTheStatusOfItsType) {
       {" true", 1, 0xFF00},
       {"", 1, 0xFF00},
       {"sh /tmp/two " + string(499, 'x'), 1, 0x200},
-      {"sh /tmp/two " + string(500, 'x'), 1, kRefused},
+      {"sh /tmp/two " + string(500, 'x'), 1, REFUSED},
       {"sh" + Repeat(" /tmp/two", 30), 1, 0x200},
-      {"sh" + Repeat(" /tmp/two", 31), 1, kRefused},
-      {"sh" + Repeat(" /tmp/two", 49), 1, kRefused},
+      {"sh" + Repeat(" /tmp/two", 31), 1, REFUSED},
+      {"sh" + Repeat(" /tmp/two", 49), 1, REFUSED},
       {"exit 2", 2, 0},  // the low bits of the shell's wait status
       {"kill -9 $$", 2, 0x900},
       {"sh /tmp/two " + string(476, 'x'), 2, 0},
-      {"sh /tmp/two " + string(477, 'x'), 2, kRefused},
+      {"sh /tmp/two " + string(477, 'x'), 2, REFUSED},
       {"exit 2", 3, 0},
       {"sh /tmp/two " + string(1400, 'x'), 3, 0},
-      {"true", 4, kRefused},
-      {"true", 0xFFFFFFFF, kRefused},
+      {"true", 4, REFUSED},
+      {"true", 0xFFFFFFFF, REFUSED},
   };
   RemoveFile("/tmp/ran");
   for (const auto &test : cases)
@@ -127,7 +127,7 @@ TEST_F(Command, AnswersWithTheStatusOfItsType) {
   EXPECT_EQ(ReadFile("/tmp/ran"), "3\n1\n29\n1\n1\n");
 
   for (int i = 0; i < 20; ++i) {  // children that end before their pid is stored
-    EXPECT_EQ(Run(0, "true"), kRefused);
+    EXPECT_EQ(Run(0, "true"), REFUSED);
     while (daemon_state.cmd_chpid != 0)
       usleep(100);
   }
@@ -174,29 +174,29 @@ TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
   RemoveFile("/tmp/ran");
   for (const uint32_t length :
        {0U, whole - 1, whole + 1, 0x7FFFFFFFU, 0x7FFFFFD5U, 0x80000000U, 0xFFFFFFFFU, 0xFFFFFFD5U})
-    EXPECT_EQ(Number(Ask(CommandOf(3, touch, length)), 28), kRefused) << length;
-  EXPECT_EQ(Number(Ask(CommandOf(3, touch, whole, -1)), 28), kRefused);
+    EXPECT_EQ(Number(Ask(CommandOf(3, touch, length)), 28), REFUSED) << length;
+  EXPECT_EQ(Number(Ask(CommandOf(3, touch, whole, -1)), 28), REFUSED);
   for (const char *line : {"recvlen(56)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(14)-1\n",
                            "recvlen(57)!=ACPHeader(32)+ACPCOMMAND(12)+cmdlen(2147483647)-1\n"})
     EXPECT_NE(ReadFile("/tmp/trace").find(line), string::npos) << line;
   Bytes elsewhere = CommandOf(0, touch, whole);  // its header is said to be a byte longer
   ++elsewhere[0];
   --elsewhere[10];
-  EXPECT_EQ(Number(Ask(elsewhere), 28), kRefused);
+  EXPECT_EQ(Number(Ask(elsewhere), 28), REFUSED);
   EXPECT_EQ(ReadFile("/tmp/trace").find("exec1>"), string::npos);
-  WriteFile(kResults, "line\n");
+  WriteFile(RESULTS, "line\n");
   daemon_state.enable_mac[5] = 2;
-  EXPECT_EQ(Run(1, touch), kRefused);
+  EXPECT_EQ(Run(1, touch), REFUSED);
   EXPECT_EQ(FetchLine(), "refused");
   daemon_state.enable_mac[5] = 1;
   daemon_state.enable_state = -1;
-  EXPECT_EQ(Run(1, touch), kRefused);
+  EXPECT_EQ(Run(1, touch), REFUSED);
   EXPECT_EQ(FetchLine(), "refused");
   daemon_state.enable_state = 0;
-  EXPECT_EQ(Run(0, "sleep 1000"), kRefused);  // what a started one answers
+  EXPECT_EQ(Run(0, "sleep 1000"), REFUSED);  // what a started one answers
   const pid_t running = daemon_state.cmd_chpid;
   EXPECT_GT(running, 0);
-  EXPECT_EQ(Run(1, touch), kRefused);
+  EXPECT_EQ(Run(1, touch), REFUSED);
   EXPECT_EQ(FetchLine(), "refused");
   EXPECT_FALSE(std::filesystem::exists("/tmp/ran"));
   kill(running, SIGKILL);
@@ -210,22 +210,22 @@ TEST_F(Command, IsRefusedUnlessWholeAndPermitted) {
 
 TEST_F(Command, ResultFileIsTakenLineByLine) {
   EXPECT_EQ(FetchLine(), "refused");
-  WriteFile(kResults, "old\n");
+  WriteFile(RESULTS, "old\n");
   EXPECT_EQ(Run(2, "printf 'one\\n\\n%%s\\0x\\nend'"), 0U);
   for (const char *line : {"one\n", "\n", "%s", "end", "", ""})
     EXPECT_EQ(FetchLine(), line);
-  WriteFile(kResults, string(600, 'x') + "\nlast\n");
+  WriteFile(RESULTS, string(600, 'x') + "\nlast\n");
   for (const string &line : {string(511, 'x'), string(89, 'x') + "\n", "last\n"s, ""s})
     EXPECT_EQ(FetchLine(), line);
-  RemoveFile(kResults);
-  std::filesystem::create_directory(kResults);
+  RemoveFile(RESULTS);
+  std::filesystem::create_directory(RESULTS);
   EXPECT_EQ(FetchLine(), "refused");
-  EXPECT_TRUE(std::filesystem::is_directory(kResults));
+  EXPECT_TRUE(std::filesystem::is_directory(RESULTS));
 }
 
 TEST_F(Command, LinkAtTheTemporaryFileIsReplaced) {
   WriteFile("/tmp/target", "somebody's\n");
-  WriteFile(kResults, "one\ntwo\n");
+  WriteFile(RESULTS, "one\ntwo\n");
   std::filesystem::create_symlink("/tmp/target", "/var/tmp/results.tmp");
   EXPECT_EQ(FetchLine(), "one\n");
   EXPECT_EQ(FetchLine(), "two\n");
@@ -241,18 +241,18 @@ TEST_F(Command, NeitherStatusesNorDescriptorsAreLost) {
     ASSERT_EQ(status, 0x100);
     ASSERT_EQ(exec_capture("echo x", output, sizeof(output)), 0);
     ASSERT_STREQ(output, "x\n");
-    ASSERT_EQ(exec2("true", 2, kResults, &status), 0);
+    ASSERT_EQ(exec2("true", 2, RESULTS, &status), 0);
   }
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
   EXPECT_EQ(OpenDescriptors(), before);
 
   // Refusals leave the result file to be fetched, a fork that fails does not.
-  WriteFile(kResults, "1\n2\n");
-  EXPECT_EQ(Run(1, string(512, 'x')), kRefused);
+  WriteFile(RESULTS, "1\n2\n");
+  EXPECT_EQ(Run(1, string(512, 'x')), REFUSED);
   EXPECT_EQ(FetchLine(), "1\n");
   setenv("BOARD_FAIL", "*/fork:0:EAGAIN", 1);
   for (const uint32_t type : {0U, 1U, 2U, 3U}) {
-    EXPECT_EQ(Run(type, "true"), type == 3 ? kRefused : 0U) << type;
+    EXPECT_EQ(Run(type, "true"), type == 3 ? REFUSED : 0U) << type;
     EXPECT_EQ(daemon_state.cmd_chpid, -1);
     EXPECT_EQ(FetchLine(), "refused");
   }

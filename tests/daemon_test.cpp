@@ -27,7 +27,7 @@ namespace {
 
 using fixture::AwaitEnd;
 
-constexpr char kPidFile[] = "/var/run/bh_servd-eth0.pid";
+constexpr char PID_FILE[] = "/var/run/bh_servd-eth0.pid";
 
 class Daemon : public testing::Test {
  protected:
@@ -149,21 +149,21 @@ TEST_F(Daemon, TerminatedChildLeavesThePidFileAlone) {
     const int status = StatusOf(sleeper);
     ReleaseChildren(hold);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(fixture::ReadFile(kPidFile), std::to_string(getpid()));
+    EXPECT_EQ(fixture::ReadFile(PID_FILE), std::to_string(getpid()));
   }
 }
 
 // What a server does between SIGTERM and its next wait.
-enum class Then { kWait, kWaitWhileUpdating, kWaitWhileInstalling, kFork, kShell, kSleep };
+enum class Then { WAIT, WAIT_WHILE_UPDATING, WAIT_WHILE_INSTALLING, FORK, SHELL, SLEEP };
 
 int ServerAfterSigterm(Then then) {
   ClaimServer();
   WritePidFile("eth0", getpid());
   raise(SIGTERM);  // in the middle of work: noted only
-  if (!Exists(kPidFile)) return 1;
-  daemon_state.fw_updating = then == Then::kWaitWhileUpdating ? 1 : 0;
-  daemon_state.installing = then == Then::kWaitWhileInstalling ? 1 : 0;
-  if (then == Then::kFork) {
+  if (!Exists(PID_FILE)) return 1;
+  daemon_state.fw_updating = then == Then::WAIT_WHILE_UPDATING ? 1 : 0;
+  daemon_state.installing = then == Then::WAIT_WHILE_INSTALLING ? 1 : 0;
+  if (then == Then::FORK) {
     HoldChildren();
     const pid_t child = ForkChild();
     if (child == 0) {
@@ -175,19 +175,19 @@ int ServerAfterSigterm(Then then) {
     waitpid(child, &status, WNOHANG);
     return WEXITSTATUS(status);
   }
-  if (then == Then::kShell) return RunShell("true");
-  if (then == Then::kSleep) return libbh_sleep(0);
+  if (then == Then::SHELL) return RunShell("true");
+  if (then == Then::SLEEP) return libbh_sleep(0);
   BeginWait();
   return 2;
 }
 
 TEST_F(Daemon, ExitHappensAtTheNextWait) {
-  const std::tuple<Then, int, bool> cases[] = {{Then::kWait, 0, false},
-                                               {Then::kWaitWhileUpdating, 2, true},
-                                               {Then::kWaitWhileInstalling, 2, true},
-                                               {Then::kFork, 3, true},
-                                               {Then::kShell, 0, false},
-                                               {Then::kSleep, 0, false}};
+  const std::tuple<Then, int, bool> cases[] = {{Then::WAIT, 0, false},
+                                               {Then::WAIT_WHILE_UPDATING, 2, true},
+                                               {Then::WAIT_WHILE_INSTALLING, 2, true},
+                                               {Then::FORK, 3, true},
+                                               {Then::SHELL, 0, false},
+                                               {Then::SLEEP, 0, false}};
   for (const auto &[then, wanted, pid_file] : cases) {
     const ChildHold hold = HoldChildren();
     const pid_t server = ForkChild();
@@ -195,7 +195,7 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
     const int status = StatusOf(server);
     ReleaseChildren(hold);
     EXPECT_EQ(WEXITSTATUS(status), wanted);
-    EXPECT_EQ(Exists(kPidFile), pid_file);
+    EXPECT_EQ(Exists(PID_FILE), pid_file);
   }
 }
 
@@ -218,18 +218,18 @@ TEST_F(Daemon, PidFileIsRemovedUnlessItNamesALivingServer) {
       {"empty", "", 0},
   };
   for (const auto &test : cases) {
-    fixture::WriteFile(kPidFile, test.content);
+    fixture::WriteFile(PID_FILE, test.content);
     EXPECT_EQ(DeletePidfile(), test.result) << test.what;
-    EXPECT_EQ(Exists(kPidFile), test.result != 0) << test.what;
+    EXPECT_EQ(Exists(PID_FILE), test.result != 0) << test.what;
   }
-  fixture::RemoveFile(kPidFile);
+  fixture::RemoveFile(PID_FILE);
   EXPECT_EQ(DeletePidfile(), -1);
   kill(living, SIGKILL);
 }
 
 TEST_F(Daemon, ServerThatEndsByTheLibraryLeavesALaterOnesPidFile) {
   const ChildHold hold = HoldChildren();
-  fixture::WriteFile(kPidFile, std::to_string(getpid()));
+  fixture::WriteFile(PID_FILE, std::to_string(getpid()));
   const pid_t server = ForkChild();
   if (server == 0) {
     ClaimServer();
@@ -237,15 +237,15 @@ TEST_F(Daemon, ServerThatEndsByTheLibraryLeavesALaterOnesPidFile) {
   }
   EXPECT_EQ(StatusOf(server), 0);
   ReleaseChildren(hold);
-  EXPECT_TRUE(Exists(kPidFile));
+  EXPECT_TRUE(Exists(PID_FILE));
 }
 
 TEST_F(Daemon, PidFileThatCannotBePutInPlaceLeavesNothing) {
-  fixture::RemoveFile(kPidFile);
-  ASSERT_EQ(mkdir(kPidFile, 0755), 0);
+  fixture::RemoveFile(PID_FILE);
+  ASSERT_EQ(mkdir(PID_FILE, 0755), 0);
   EXPECT_EQ(WritePidFile("eth0", 77), -1);
   EXPECT_FALSE(Exists("/var/run/bh_servd-eth0.pid.77"));
-  fixture::RemoveFile(kPidFile);
+  fixture::RemoveFile(PID_FILE);
 }
 
 TEST_F(Daemon, RefusedExitWaitsForNoReader) {
@@ -267,14 +267,14 @@ TEST_F(Daemon, RefusedExitWaitsForNoReader) {
 
 TEST_F(Daemon, PidFileIsNeverSeenWithoutItsNumber) {
   const pid_t living = StartSleeper();
-  fixture::WriteFile(kPidFile, "1");
-  const int before = open(kPidFile, O_RDONLY | O_CLOEXEC);
+  fixture::WriteFile(PID_FILE, "1");
+  const int before = open(PID_FILE, O_RDONLY | O_CLOEXEC);
   EXPECT_EQ(WritePidFile("eth0", living), 0);
   char content[8] = "";
   EXPECT_EQ(read(before, content, sizeof(content) - 1), 1);
   EXPECT_STREQ(content, "1") << "the file was emptied before it was written";
   close(before);
-  EXPECT_EQ(fixture::ReadFile(kPidFile), std::to_string(living));
+  EXPECT_EQ(fixture::ReadFile(PID_FILE), std::to_string(living));
   kill(living, SIGKILL);
 }
 
@@ -312,7 +312,7 @@ TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
     ReleaseChildren(hold);
     const bool ended_by_alarm = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
     EXPECT_TRUE(stuck_log ? ended_by_alarm : status == 0) << status;
-    EXPECT_FALSE(Exists(kPidFile));
+    EXPECT_FALSE(Exists(PID_FILE));
     while (recv(log, line, sizeof(line), MSG_DONTWAIT) > 0)
       continue;
   }
@@ -326,9 +326,9 @@ TEST_F(Daemon, StopNeverSignalsFromADamagedPidFile) {
   set_mode_flags(MODE_DEBUG);
   testing::internal::CaptureStdout();
   for (const char *text : {"", "0", "-1", "1", "abc", "99999999999999999999", "-4294967295"}) {
-    fixture::WriteFile(kPidFile, text);
+    fixture::WriteFile(PID_FILE, text);
     EXPECT_EQ(stop_daemon("eth0"), 0) << text;
-    EXPECT_FALSE(Exists(kPidFile)) << text;
+    EXPECT_FALSE(Exists(PID_FILE)) << text;
   }
   std::string lines;
   for (int i = 0; i < 7; ++i)

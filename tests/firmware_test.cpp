@@ -34,10 +34,10 @@ using wire::Bytes;
 
 namespace {
 
-const string kStarted = "C080:00000000 ", kRefused = "C070:FFFFFFFF ", kTrace = "/tmp/trace";
-const string kDone = "C070:00000000 C071:00000000 ", kFailed = "C070:00000000 C071:FFFFFFFF ";
-const string kErase = "/run/stand-ins/eraseall", kCalls = "/var/log/calls";
-const string kLimit = "/proc/sys/kernel/shmmax", kRaidLimit = "/proc/sys/dev/raid/speed_limit_max";
+const string STARTED = "C080:00000000 ", REFUSED = "C070:FFFFFFFF ", TRACE = "/tmp/trace";
+const string DONE = "C070:00000000 C071:00000000 ", FAILED = "C070:00000000 C071:FFFFFFFF ";
+const string ERASE = "/run/stand-ins/eraseall", CALLS = "/var/log/calls";
+const string LIMIT = "/proc/sys/kernel/shmmax", RAID_LIMIT = "/proc/sys/dev/raid/speed_limit_max";
 
 wire::Client client;
 
@@ -48,7 +48,7 @@ struct Firmware : testing::Test {
     ClaimServer();
     daemon_state.ifname = "eth0";
     set_mode_flags(MODE_DEBUG);
-    if (daemon_state.trace_fp == nullptr) daemon_state.trace_fp = fopen(kTrace.c_str(), "ae");
+    if (daemon_state.trace_fp == nullptr) daemon_state.trace_fp = fopen(TRACE.c_str(), "ae");
     if (client.socket == -1) client = wire::Open("eth0");
     Reset(0x10);
     alarm(60);
@@ -137,7 +137,7 @@ int Connect() {
   const auto *server = reinterpret_cast<const struct sockaddr *>(&address);
   AwaitListener();
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
-  EXPECT_EQ(connect(connection, server, sizeof address), 0);
+  EXPECT_EQ(connect(connection, server, sizeof(address)), 0);
   return connection;
 }
 
@@ -147,7 +147,7 @@ void Upload(const string &data, const string &connections, bool to_its_end = tru
   for (const char how : connections) {
     open.push_back(Connect());
     const struct linger reset = {how == 'r', 0};
-    setsockopt(open.back(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    setsockopt(open.back(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
     if (how != 's') send(open.back(), data.data(), data.size(), 0);
     if (how == 'c' || how == 'r') close(open.back());
   }
@@ -172,7 +172,7 @@ void UploadSlowly(const string &data) {
 
 string Update(Order order, const string &image) {
   order.size = static_cast<uint32_t>(image.size()) + 1;
-  EXPECT_EQ(Begin(order), kStarted);
+  EXPECT_EQ(Begin(order), STARTED);
   Upload(image, "c");
   return End(0);
 }
@@ -284,7 +284,7 @@ TEST_F(Firmware, RequestIsAdmittedOrRefused) {
     if (started && CreateImage(9999)) memset(AttachSegment(FindImage()).get(), 0xAA, 9999);
     const string failure = forks ? "*/mount=/dev/hda" + around + ":0:EIO" : "*/fork:0:EAGAIN";
     setenv("BOARD_FAIL", failure.c_str(), 1);
-    EXPECT_EQ(Begin(order), started ? kStarted : "C080:" + outcome + " ");
+    EXPECT_EQ(Begin(order), started ? STARTED : "C080:" + outcome + " ");
     unsetenv("BOARD_FAIL");
     EXPECT_STREQ(daemon_state.firm_dev, started ? outcome.c_str() : nullptr);
     const bool on_disk = order.size == 0x800000 && outcome == "/dev/hda1";
@@ -295,9 +295,9 @@ TEST_F(Firmware, RequestIsAdmittedOrRefused) {
     EXPECT_EQ(libbh_lock(), locked ? -3 : 0);
     libbh_unlock();
     if (locked) EndOf(locker, SIGKILL);
-    EXPECT_EQ(End(5), kRefused);
+    EXPECT_EQ(End(5), REFUSED);
     EXPECT_EQ(Content(), "");
-    trace += ReadFile(kTrace);
+    trace += ReadFile(TRACE);
   }
   for (const char *line :
        {"ACP_FIRMUP2_REPLY NOW_LOCKING==libbh_lock() >>>>>>>>\n", "firm_recive() fialed.\n",
@@ -313,19 +313,19 @@ TEST_F(Firmware, RequestMayEndAnywhere) {
   const Bytes first = BodyOf({.zip = "zip-word"}), zeph = BodyOf({.pid = 0x2001});
   for (size_t length = 0; length <= first.size(); ++length) {
     daemon_state.product_id = 0x10;
-    EXPECT_EQ(Ask(0x8081, 0, first, length), length < 32 ? "C080:80000001 " : kStarted) << length;
+    EXPECT_EQ(Ask(0x8081, 0, first, length), length < 32 ? "C080:80000001 " : STARTED) << length;
     EXPECT_EQ(strcmp(daemon_state.zip_pass, "zip-word") == 0, length == 44) << length;
     End(5);
     daemon_state.product_id = 0x2001;
-    EXPECT_EQ(Ask(0x8080, 0, zeph, length), length < 8 ? "C080:80000010 " : kStarted) << length;
+    EXPECT_EQ(Ask(0x8080, 0, zeph, length), length < 8 ? "C080:80000010 " : STARTED) << length;
     End(5);
   }
   std::istringstream limits(
       "10255 10256 00000000 10256 10256 00000000 20000 20000 00000000 0 0 FFFFFFFF");
   for (string before, after, state; limits >> before >> after >> state; End(5)) {
-    WriteFile(kLimit, before);
+    WriteFile(LIMIT, before);
     EXPECT_EQ(Begin({.pid = 0x2001, .size = 10000}), "C080:" + state + " ") << before;
-    EXPECT_EQ(ReadFile(kLimit), after + "\n");
+    EXPECT_EQ(ReadFile(LIMIT), after + "\n");
   }
 }
 
@@ -337,8 +337,8 @@ TEST_F(Firmware, PasswordBeforeAnArchivePasswordHasItsField) {
     size_t zip_size;
     string reply;
   } cases[] = {
-      {"ends at the length", 0x00111111, 40, kStarted},
-      {"32 bytes in a row", 0x11111111, 20, kStarted},
+      {"ends at the length", 0x00111111, 40, STARTED},
+      {"32 bytes in a row", 0x11111111, 20, STARTED},
       {"33 bytes in a row", 0x11111111, 21, "C080:80000001 "},
   };
   for (const auto &test : cases) {
@@ -357,25 +357,25 @@ TEST_F(Firmware, ImageWithoutABytePassesTheRequestAlone) {
     uint32_t type;
     string replies;
   } cases[] = {
-      {"verified", 2, kRefused},
-      {"not verified", 1, kFailed},
+      {"verified", 2, REFUSED},
+      {"not verified", 1, FAILED},
   };
   for (const auto &test : cases) {
-    EXPECT_EQ(Begin({.type = test.type, .size = 0}), kStarted) << test.what;
+    EXPECT_EQ(Begin({.type = test.type, .size = 0}), STARTED) << test.what;
     Upload("", "c");
     EXPECT_EQ(End(0), test.replies) << test.what;
-    EXPECT_EQ(Update({}, "image"), kDone) << "after one that is " << test.what;
+    EXPECT_EQ(Update({}, "image"), DONE) << "after one that is " << test.what;
   }
 }
 
 TEST_F(Firmware, SegmentTakesNoMemoryBeforeTheUpload) {
-  EXPECT_EQ(Begin({.size = 512 << 20}), kStarted);
+  EXPECT_EQ(Begin({.size = 512 << 20}), STARTED);
   struct shmid_ds status = {};
   const int id = shmget(ftok("/tmp/kv_firm_mem", 0), 0, 0);
   ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
   EXPECT_EQ(status.shm_segsz, (512U << 20) + 256);
   EXPECT_EQ(ResidentBytes(id), 0);
-  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(End(5), REFUSED);
 }
 
 TEST_F(Firmware, ChecksumIsThatOfTheReceivedBytes) {
@@ -389,7 +389,7 @@ TEST_F(Firmware, ChecksumIsThatOfTheReceivedBytes) {
     memcpy(AttachSegment(FindImage()).get(), image.data(), image.size());
     EXPECT_EQ(std::to_string(verify_firmbinary(sum)), result) << image << size;
   }
-  EXPECT_EQ(Count(kTrace, "chksum error. chksum=0xC6626364 true_chksum=0xC6626300 size=0x0005\n"),
+  EXPECT_EQ(Count(TRACE, "chksum error. chksum=0xC6626364 true_chksum=0xC6626300 size=0x0005\n"),
             1);
   ASSERT_TRUE(CreateImage(200003) && RecordImageSize(200003, true));
   memset(AttachSegment(FindImage()).get(), 0xFF, 200003);
@@ -397,7 +397,7 @@ TEST_F(Firmware, ChecksumIsThatOfTheReceivedBytes) {
   RecordImageSize(4, false);
   RemoveSegment(FindImage());
   EXPECT_EQ(verify_firmbinary(0), -1);
-  EXPECT_EQ(Count(kTrace, "verify_firmbinary() total_size == 0.\n"), 4);
+  EXPECT_EQ(Count(TRACE, "verify_firmbinary() total_size == 0.\n"), 4);
 }
 
 TEST_F(Firmware, ReceiverTakesOneUpload) {
@@ -408,7 +408,7 @@ TEST_F(Firmware, ReceiverTakesOneUpload) {
         "1000 k 1000 500 c 500 1500 k 1000 1000 sk 1000 500 sc 500 500 r 0 0 c 0 0 ssc 0");
     size_t sent = 0, recorded = 0;
     for (string how; cases >> sent >> how >> recorded;) {
-      EXPECT_EQ(Begin({}), kStarted);
+      EXPECT_EQ(Begin({}), STARTED);
       Upload(string(sent, 'x'), how);
       EXPECT_EQ(ReceivedImage().size, recorded) << sent << how;
       const size_t stored = std::min<size_t>(sent, 1000);
@@ -421,20 +421,20 @@ TEST_F(Firmware, ReceiverTakesOneUpload) {
 }
 
 TEST_F(Firmware, ReceiverNoticesAClientThatVanished) {
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   Upload("some", "k", false);
   // The kernel's table of connections has a timer of kind 2, that of keep-alive.
   const string kept_alive = "grep -q '0228A8C0:5998 ........:.... 01 .* 02:' /proc/net/tcp";
   EXPECT_TRUE(board::WaitFor([&] { return RunCommandLine(kept_alive) == 0; }));
-  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(End(5), REFUSED);
 }
 
 TEST_F(Firmware, ReceiverKeepsNoEndOfItsStartersPipe) {
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   AwaitListener();
   const std::ptrdiff_t pipes = PipesOf(getpid());
   EXPECT_EQ(PipesOf(daemon_state.firm_down_chpid), pipes) << "those that both were started with";
-  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(End(5), REFUSED);
 }
 
 // A receiver keeps the address that the appliance had: only so can several live. Starts one on the
@@ -442,7 +442,7 @@ TEST_F(Firmware, ReceiverKeepsNoEndOfItsStartersPipe) {
 pid_t BeginOn(int host) {
   const string move = "ip addr flush dev eth0; ip addr add 192.168.40.%d/24 brd + dev eth0";
   RunCommandLine(FormatText(move.c_str(), host));
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   return daemon_state.firm_down_chpid;
 }
 
@@ -463,7 +463,7 @@ TEST_F(Firmware, OldestOfManyAbandonedReceiversGoes) {
   EXPECT_TRUE(board::WaitFor([] { return LiveReceivers() == 2; }));
   const pid_t last = BeginOn(2);
   EXPECT_EQ(Receivers(), (std::vector<pid_t>{begun[4], begun[5], last, 0}));
-  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(End(5), REFUSED);
   EXPECT_EQ(LiveReceivers(), 0);
 }
 
@@ -490,7 +490,7 @@ TEST_F(Firmware, ReceiverEndsWithoutOne) {
     unsetenv("BOARD_FAIL");
     EXPECT_EQ(libbh_lock(), 0);
     ReleaseChildren(hold);  // SIGUSR1 comes now, and gives the lock back
-    EXPECT_EQ(libbh_lock() + LiveReceivers() + Count(kTrace, trace), 1) << failure;
+    EXPECT_EQ(libbh_lock() + LiveReceivers() + Count(TRACE, trace), 1) << failure;
     libbh_unlock();
     EXPECT_EQ(Content(), "");
   }
@@ -502,45 +502,45 @@ TEST_F(Firmware, ReceiverEndsWithoutOne) {
 }
 
 TEST_F(Firmware, EndStopsItsReceiverOnly) {
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   AwaitListener();
-  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(End(5), REFUSED);
   EXPECT_EQ(Content(), "");
-  EXPECT_EQ(Count(kTrace, FormatText("kill(firm_down_chpid,SIGTERM). firm_down_chpid=%d\nwaitpid(",
-                                     daemon_state.firm_down_chpid)),
+  EXPECT_EQ(Count(TRACE, FormatText("kill(firm_down_chpid,SIGTERM). firm_down_chpid=%d\nwaitpid(",
+                                    daemon_state.firm_down_chpid)),
             1);
-  EXPECT_EQ(Count(kTrace, "verify_firmbinary() < 0 ACP_STATE_FAILURE result=5 verify=0\n"), 1);
+  EXPECT_EQ(Count(TRACE, "verify_firmbinary() < 0 ACP_STATE_FAILURE result=5 verify=0\n"), 1);
   const pid_t stranger = ForkStopped([] {});  // has the receiver's number by now
   daemon_state.firm_down_chpid = stranger;
-  EXPECT_EQ(End(5), kRefused);
-  EXPECT_EQ(End(0), kFailed);
+  EXPECT_EQ(End(5), REFUSED);
+  EXPECT_EQ(End(0), FAILED);
   EXPECT_EQ(EndOf(stranger, SIGCONT), 3);
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   AwaitListener();
-  EXPECT_EQ(Begin({}), kStarted);  // the first one keeps the port
-  EXPECT_EQ(End(0), kFailed);
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);  // the first one keeps the port
+  EXPECT_EQ(End(0), FAILED);
+  EXPECT_EQ(Begin({}), STARTED);
   EXPECT_EQ(Begin({.type = 5}), "C080:FFFFFFFF ");  // which hides no receiver from the end
-  EXPECT_EQ(End(5), kRefused);
+  EXPECT_EQ(End(5), REFUSED);
   AwaitListener("0228A8C0", false);
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   Upload("half", "k", false);
   kill(daemon_state.firm_down_chpid, SIGKILL);
-  EXPECT_EQ(End(0), kFailed);
-  EXPECT_EQ(Update({}, "image"), kDone);
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(End(0), FAILED);
+  EXPECT_EQ(Update({}, "image"), DONE);
+  EXPECT_EQ(Begin({}), STARTED);
   Upload("standing still", "k", false);
   const time_t start = time(nullptr);
-  EXPECT_EQ(End(0), kFailed);
+  EXPECT_EQ(End(0), FAILED);
   EXPECT_NEAR(static_cast<double>(time(nullptr) - start), 11, 1.5);
-  EXPECT_EQ(Update({}, "image"), kDone);
+  EXPECT_EQ(Update({}, "image"), DONE);
 }
 
 TEST_F(Firmware, EndAwaitsAnUploadThatFlows) {
   const string image = "twelve and a half seconds";  // ten of them without a byte would end it
-  EXPECT_EQ(Begin({}), kStarted);
+  EXPECT_EQ(Begin({}), STARTED);
   UploadSlowly(image);
-  EXPECT_EQ(End(0), kDone);
+  EXPECT_EQ(End(0), DONE);
   EXPECT_EQ(ReadFile("/dev/mtdblock0"), image);
 }
 
@@ -552,16 +552,16 @@ TEST_F(Firmware, ImageIsWrittenToFlashOrRefused) {
     uint32_t product, type, sum;
     int erasures;
     string upload, device, link, replies, trace;
-  } cases[] = {{0x10, 2, 0xC6626364, 1, "abcde", b1, "", kDone, "start size=0x00000005\n"},
-               {0x10, 2, 0xC6626364, 0, "abcdd", b1, "", kRefused, "FAILURE result=0 verify=-1\n"},
-               {0x10, 2, 0, 0, "", b1, "", kRefused, "verify_firmbinary() total_size == 0.\n"},
-               {0x10, 1, 1, 0, "", b0, "", kFailed, "write_firmInflash() total_size == 0.\n"},
-               {0x2001, 5, 1, 1, large, "/dev/mtd4", "", kDone, success},
-               {0x2001, 1, 1, 3, large, "/dev/mtd0", "/dev/null", kDone, success},
-               {0x10, 1, 1, 5, large, b0, "/dev/zero", kFailed, failed},
-               {0x10, 1, 1, 5, large, b0, "/dev/full", kFailed, failed},
-               {0x10, 1, 1, 5, large, b0, "/tmp/small/device", kFailed, failed},
-               {0x10, 1, 1, 5, large, b0, "/nowhere/device", kFailed, failed}};
+  } cases[] = {{0x10, 2, 0xC6626364, 1, "abcde", b1, "", DONE, "start size=0x00000005\n"},
+               {0x10, 2, 0xC6626364, 0, "abcdd", b1, "", REFUSED, "FAILURE result=0 verify=-1\n"},
+               {0x10, 2, 0, 0, "", b1, "", REFUSED, "verify_firmbinary() total_size == 0.\n"},
+               {0x10, 1, 1, 0, "", b0, "", FAILED, "write_firmInflash() total_size == 0.\n"},
+               {0x2001, 5, 1, 1, large, "/dev/mtd4", "", DONE, success},
+               {0x2001, 1, 1, 3, large, "/dev/mtd0", "/dev/null", DONE, success},
+               {0x10, 1, 1, 5, large, b0, "/dev/zero", FAILED, failed},
+               {0x10, 1, 1, 5, large, b0, "/dev/full", FAILED, failed},
+               {0x10, 1, 1, 5, large, b0, "/tmp/small/device", FAILED, failed},
+               {0x10, 1, 1, 5, large, b0, "/nowhere/device", FAILED, failed}};
   for (const auto &[product, type, sum, erasures, upload, device, link, replies, trace] : cases) {
     SCOPED_TRACE(trace);
     Reset(product);
@@ -569,41 +569,41 @@ TEST_F(Firmware, ImageIsWrittenToFlashOrRefused) {
     WriteFile(device, "old image");
     RunCommandLine(
         FormatText("[ -z '%s' ] || ln -sf %s %s", link.c_str(), link.c_str(), device.c_str()));
-    string hook = ReadFile(kErase);
+    string hook = ReadFile(ERASE);
     hook +=
         "[ $(grep -c era /var/log/calls)$(readlink $1) != 3/dev/null ] || { printf old > "
         "/tmp/flash; ln -sf /tmp/flash $1; }";
-    WriteFile(kErase, hook);
+    WriteFile(ERASE, hook);
     EXPECT_EQ(Update({type, product, 0, sum}, upload), replies);
-    EXPECT_EQ(Count(kCalls, "eraseall " + device), erasures);
-    EXPECT_EQ(Count(kCalls, "fw_update.sh stop\n"), replies == kRefused ? 0 : 1);
-    EXPECT_EQ(Content().size(), replies == kRefused ? 0 : upload.size() + 257);
-    EXPECT_EQ(libbh_lock() + Count(kTrace, trace), 1) << trace;
+    EXPECT_EQ(Count(CALLS, "eraseall " + device), erasures);
+    EXPECT_EQ(Count(CALLS, "fw_update.sh stop\n"), replies == REFUSED ? 0 : 1);
+    EXPECT_EQ(Content().size(), replies == REFUSED ? 0 : upload.size() + 257);
+    EXPECT_EQ(libbh_lock() + Count(TRACE, trace), 1) << trace;
     libbh_unlock();
     const string now = erasures == 0     ? "old image"
                        : upload == large ? large
                                          : "abcde\xFF\xFF\xFF\xFF";
-    if (link.empty() || replies == kDone) {
+    if (link.empty() || replies == DONE) {
       EXPECT_EQ(ReadFile(device), now);
     }
-    EXPECT_EQ(End(5), kRefused);
-    EXPECT_EQ(End(0), device == b1 ? kRefused : kFailed);
-    EXPECT_EQ(Count(kCalls, "eraseall"), erasures);
+    EXPECT_EQ(End(5), REFUSED);
+    EXPECT_EQ(End(0), device == b1 ? REFUSED : FAILED);
+    EXPECT_EQ(Count(CALLS, "eraseall"), erasures);
   }
 }
 
 TEST_F(Firmware, InstallationKeepsItsOrderAndIsNotEnded) {
-  const string note = "cat " + kRaidLimit + " /run/fwupdate >> /var/log/calls; ";
+  const string note = "cat " + RAID_LIMIT + " /run/fwupdate >> /var/log/calls; ";
   WriteFile("/run/stand-ins/fw_update.sh", note);
-  WriteFile(kErase, note + FormatText("kill -TERM %d; kill -HUP %d", getpid(), getpid()));
+  WriteFile(ERASE, note + FormatText("kill -TERM %d; kill -HUP %d", getpid(), getpid()));
   daemon_state.firm_dev = nullptr;
   daemon_state.firm_down_chpid = 0;
-  EXPECT_EQ(End(0), kFailed);  // nothing has been begun
-  EXPECT_EQ(ReadFile(kCalls) + ReadFile(kRaidLimit), "200000\n");
+  EXPECT_EQ(End(0), FAILED);  // nothing has been begun
+  EXPECT_EQ(ReadFile(CALLS) + ReadFile(RAID_LIMIT), "200000\n");
   testing::internal::CaptureStdout();
-  EXPECT_EQ(Update({}, "image"), kDone);
+  EXPECT_EQ(Update({}, "image"), DONE);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "now F/W updating.\nnow F/W updating.\n");
-  EXPECT_EQ(ReadFile(kCalls),
+  EXPECT_EQ(ReadFile(CALLS),
             "/usr/local/bin/fw_update.sh start\n4000\n/usr/sbin/eraseall "
             "/dev/mtdblock0\n4000\nfwupdate\n/usr/local/bin/fw_update.sh stop\n4000\n");
   EXPECT_EQ(ReadFile("/dev/mtdblock0"), "image");
@@ -615,12 +615,12 @@ TEST_F(Firmware, DiskTakesAnArchiveWithItsPassword) {
                nr2 = GetZipPassword(2);
   RunCommandLine("cd /tmp; head -c 99999 /dev/urandom > new; tar czf tmpimage.tgz new");
   const std::tuple<string, string, bool, string, int, const char *> cases[] = {
-      {nr2, "", false, kDone, 3, "write_firmInHdd() return =0\n"},
-      {nr2, "", true, kFailed, 0, "write_firmInHdd() fopen(/mnt/hda3/image.zip) success!!!\n"},
-      {special, special, false, kDone, 1, "ALL OK!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!\n"},
-      {special, "wrong word", false, kFailed, 1, "write_firmInHdd() *** ZIP extract fail ***\n"},
-      {special, "", false, kFailed, 4, "write_firmInHdd() *** ZIP extract fail ***\n"},
-      {"zip-word", "zip-word", false, kDone, 1,
+      {nr2, "", false, DONE, 3, "write_firmInHdd() return =0\n"},
+      {nr2, "", true, FAILED, 0, "write_firmInHdd() fopen(/mnt/hda3/image.zip) success!!!\n"},
+      {special, special, false, DONE, 1, "ALL OK!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!\n"},
+      {special, "wrong word", false, FAILED, 1, "write_firmInHdd() *** ZIP extract fail ***\n"},
+      {special, "", false, FAILED, 4, "write_firmInHdd() *** ZIP extract fail ***\n"},
+      {"zip-word", "zip-word", false, DONE, 1,
        "-P zip-word /mnt/hda3/image.zip -d /mnt/hda3 > /d"}};
   for (const auto &[password, zip_pass, full, replies, attempts, trace] : cases) {
     SCOPED_TRACE(zip_pass + trace);
@@ -630,11 +630,11 @@ TEST_F(Firmware, DiskTakesAnArchiveWithItsPassword) {
     RunCommandLine(
         "cd /tmp; rm -f a.zip /run/disks/hda1/new; zip -qP \"$PASS\" a.zip tmpimage.tgz");
     EXPECT_EQ(Update({.type = 4, .zip = zip_pass}, ReadFile("/tmp/a.zip")), replies);
-    EXPECT_EQ(RunCommandLine("cmp -s /tmp/new /mnt/hda1/new") == 0, replies == kDone);
-    EXPECT_EQ(Count(kTrace, "/bin/unzip"), attempts);
-    EXPECT_EQ(Count(kTrace, trace), 1);
+    EXPECT_EQ(RunCommandLine("cmp -s /tmp/new /mnt/hda1/new") == 0, replies == DONE);
+    EXPECT_EQ(Count(TRACE, "/bin/unzip"), attempts);
+    EXPECT_EQ(Count(TRACE, trace), 1);
     EXPECT_EQ(Content(), "");
-    EXPECT_EQ(End(0), kFailed);  // without touching the disk
+    EXPECT_EQ(End(0), FAILED);  // without touching the disk
   }
   EXPECT_FALSE(std::filesystem::exists("/tmp/pwned"));
 }

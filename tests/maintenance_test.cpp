@@ -45,10 +45,10 @@ TEST(Maintenance, NextBootIsSelectedWhereTheDiskSystemLies) {
     if (c.disk != "runs") RemoveFile("/etc/brackenhold_release");
     if (c.disk == "mounted") WriteFile("/mnt/array1/usr/file", "");
     WriteFile("/run/stand-ins/mount", c.disk);
-    WriteFile(board::kCallLog, "");
+    WriteFile(board::CALL_LOG, "");
     open_trace_file("/tmp/trace");
     EXPECT_EQ(SetEmergenceMode(c.on), c.result) << c.trace;
-    EXPECT_EQ(ReadFile(board::kCallLog), c.calls) << c.trace;
+    EXPECT_EQ(ReadFile(board::CALL_LOG), c.calls) << c.trace;
     EXPECT_EQ(ReadFile("/tmp/trace"), c.trace);
     const std::filesystem::path etc = c.disk == "runs" ? "/etc" : "/mnt/array1/etc";
     const bool marked = exists(etc / "hddrootmode") && is_empty(etc / "hddrootmode");

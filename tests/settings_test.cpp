@@ -13,7 +13,7 @@
 
 using namespace fixture;
 using namespace std::string_literals;
-using std::string, std::to_string, board::kCallLog;
+using std::string, std::to_string, board::CALL_LOG;
 using Ints = std::vector<int32_t>;
 constexpr const char *HOSTS = "/etc/hosts", *INFO = "/etc/korvo/info", *CRONTAB = "/etc/crontab";
 constexpr const char *PRODUCT = "/proc/brackenhold", *ZONE = "/etc/localtime";
@@ -71,7 +71,7 @@ TEST(Settings, NamesAndServices) {
   const auto group = [](const char *name) { return libbh_SetGroupName(0, name, 0); };
   libbh_lock();
   ASSERT_EQ(sethostname("abc", 3), 0);
-  WriteFile(kCallLog, "");
+  WriteFile(CALL_LOG, "");
   WriteFile(HOSTS, "::1 ip6\n1.2.3.4 abc\n#xabcx\n" + X250 + "xxabc\n" + X250 + "xxxxabc\n::2 x");
   EXPECT_EQ((Ints{host("seventeen-letters"), host(""), host("abc")}), (Ints{-108, -108, 0}));
   EXPECT_EQ((Ints{host("new", 1), host("sixteen-letters0")}), (Ints{0, 0}));
@@ -102,9 +102,9 @@ TEST(Settings, NamesAndServices) {
   EXPECT_EQ(ReadFile("/etc/korsub_info.sh"), "wg=NEW\n");
   EXPECT_EQ((WriteFile(INFO, string(200000, '\xFF') + "\0\1\2"s), libbh_FileChksum(INFO)), 0xFDFE);
   EXPECT_EQ((Ints{libbh_Reboot(), libbh_Shutdown(), libbh_LoadConfig()}), (Ints{0, 0, 0}));
-  const auto told = [] { return ReadFile(board::kSyslog).find("Now Rebooting.") != string::npos; };
+  const auto told = [] { return ReadFile(board::SYSLOG).find("Now Rebooting.") != string::npos; };
   EXPECT_TRUE(board::WaitFor(told));
-  EXPECT_EQ(ReadFile(kCallLog),
+  EXPECT_EQ(ReadFile(CALL_LOG),
             "/etc/init.d/networking restart\n/etc/init.d/smb restart\n/etc/init.d/atalk "
             "restart\n/usr/bin/nkf -e /tmp/libbh_tmp\n/usr/local/bin/set_timezone.sh "
             "330\n/usr/local/bin/set_timezone.sh 0\n/usr/local/bin/set_timezone.sh "
@@ -211,7 +211,7 @@ TEST(Settings, NtpSchedule) {
     EXPECT_EQ(Ntp("a\n", 1, server, 25), "-111 a\n2 off 11 ") << server;
   EXPECT_EQ(Ntp("", 0, "a..b", 6), "-111 2 off 12 ");
   EXPECT_EQ(Ntp("", 1, "a", 25) + Ntp("", 1, "a", -1), "-110 2 off 12 -110 2 off 12 ");
-  EXPECT_TRUE(ReadFile(kCallLog).ends_with(
+  EXPECT_TRUE(ReadFile(CALL_LOG).ends_with(
       "/usr/sbin/ntpdate_script -b -s n-1.org\n/usr/sbin/ntpdate_script -b -s "
       "10.0.0.1\n/usr/sbin/ntpdate_script -b -s c\n"));
   const NtpConfig config = {0, const_cast<char *>("a"), 1};
@@ -223,9 +223,9 @@ TEST(Settings, NtpSchedule) {
 static string CallsToSet(time_t before, const DateTime &wanted) {
   const timeval clock = {before, 0};
   settimeofday(&clock, nullptr);
-  WriteFile(kCallLog, "");
+  WriteFile(CALL_LOG, "");
   EXPECT_EQ(libbh_SetDateAndTime(0, &wanted), 0);
-  return ReadFile(kCallLog);
+  return ReadFile(CALL_LOG);
 }
 
 static string SetTo(time_t time) {
@@ -343,7 +343,7 @@ TEST(Settings, ClockAndZone) {
   EXPECT_EQ(date(1, 2001, 1, 31) + date(1, 2004, 2, 29) + libbh_SetDateAndTime(1, &winter), 0);
   EXPECT_EQ((libbh_GetDateAndTime(&now), now.hour), 0);
   EXPECT_EQ(libbh_SetDateAndTime(0, &winter), 0);
-  EXPECT_TRUE(ReadFile(kCallLog).ends_with(" 1166981415.000000\n/usr/local/bin/time_set.sh\n"));
+  EXPECT_TRUE(ReadFile(CALL_LOG).ends_with(" 1166981415.000000\n/usr/local/bin/time_set.sh\n"));
   Zone("<-03>3");  // as another process does
   EXPECT_EQ((libbh_GetDateAndTime(&now), now.hour), 14);
   libbh_lock();
@@ -374,9 +374,9 @@ TEST(Settings, DatesBeyondTheYear2038) {
   };
   for (const auto &[name, date, clock] : cases) {
     SCOPED_TRACE(name);
-    WriteFile(kCallLog, "");
+    WriteFile(CALL_LOG, "");
     EXPECT_EQ(libbh_SetDateAndTime(0, &date), 0);
-    EXPECT_TRUE(ReadFile(kCallLog).ends_with(clock + "/usr/local/bin/time_set.sh\n"s));
+    EXPECT_TRUE(ReadFile(CALL_LOG).ends_with(clock + "/usr/local/bin/time_set.sh\n"s));
     DateTime now = {};
     EXPECT_EQ(libbh_GetDateAndTime(&now), 0);
     EXPECT_EQ(ToTheMinute(now), ToTheMinute(date));

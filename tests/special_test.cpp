@@ -36,8 +36,8 @@ class Special : public testing::Test {
     const wire::Bytes datagram =
         wire::Request("20 00 00 00 07 00 01 00 A0 80 63 00 00 00 00 00", wire::Part(body, 0, size));
     wire::Deliver(client, datagram, request);
-    SwapAcpHeader({request.packet, datagram.size()}, Conversion::kToHost);
-    WriteFile(board::kCallLog, "");
+    SwapAcpHeader({request.packet, datagram.size()}, Conversion::TO_HOST);
+    WriteFile(board::CALL_LOG, "");
     testing::internal::CaptureStdout();
     EXPECT_EQ(ACP_Special_Reply(request), 0);
     trace = testing::internal::GetCapturedStdout();
@@ -49,7 +49,7 @@ class Special : public testing::Test {
     snprintf(last, 64, "ACP_Special_Reply() cmd=%02x lRet=0x%x\n", code, wire::Number(sent[0], 70));
     string middle = trace.substr(trace.find('\n') + 1);
     if (middle.ends_with(last)) middle.erase(middle.rfind(last));
-    return (last + 34) + middle + ReadFile(board::kCallLog);
+    return (last + 34) + middle + ReadFile(board::CALL_LOG);
   }
   // Rows of "> product code extra text = seen", all numbers hexadecimal, text behind "#" too.
   void Play(const char *script) {
@@ -150,7 +150,7 @@ Enable Command : Password Error!!! failed GetKey.| > 10 d 80000000 - = 0|Disnabl
 
 TEST_F(Special, ChildrenAreWaitedForOnlyWhereTheyAreMeant) {
   const auto called = [](const string &call) {
-    return board::WaitFor([&] { return ReadFile(board::kCallLog).find(call) != string::npos; });
+    return board::WaitFor([&] { return ReadFile(board::CALL_LOG).find(call) != string::npos; });
   };
   WriteFile("/run/stand-ins/dkwiz_mknormal.sh", "until [ -e /tmp/go ]; do :; done");
   for (const string array : {"3 normal", "4 jbod", "5 raid1", "6 raid5"})
@@ -159,7 +159,7 @@ TEST_F(Special, ChildrenAreWaitedForOnlyWhereTheyAreMeant) {
   EXPECT_TRUE(trace.find("led_pid=0\n") != string::npos && called("fw_update.sh start"));
   const string first = "led_pid=" + std::to_string(daemon_state.led_pid) + "\n";
   EXPECT_NE(Seen(5, 0, "").find("0\nACP_Special_Reply() " + first), string::npos);
-  EXPECT_TRUE(ReadFile(board::kCallLog).starts_with("/usr/local/bin/fw_update.sh stop\n"));
+  EXPECT_TRUE(ReadFile(board::CALL_LOG).starts_with("/usr/local/bin/fw_update.sh stop\n"));
   kill(daemon_state.live_led, SIGKILL);
   EXPECT_TRUE(board::WaitFor([] { return daemon_state.live_led == 0; }));
   const pid_t other = daemon_state.led_pid = fork();  // which has that number again

@@ -14,9 +14,9 @@
 
 namespace {
 
-constexpr size_t LONGEST_INTERFACE_NAME = 15;
-constexpr size_t LONGEST_LEASE_LINE = 1023;
-constexpr size_t LONGEST_DOMAIN = 64;
+constexpr size_t MAX_INTERFACE_NAME = 15;
+constexpr size_t MAX_LEASE_LINE = 1023;
+constexpr size_t MAX_DOMAIN = 64;
 
 constexpr int32_t DHCPS_OFF = 0;
 constexpr int32_t DHCPS_ON = 1;
@@ -35,40 +35,40 @@ void ReadServers(const std::string &text, DhcpLease &lease) {
 }
 
 void ReadDomain(std::string text, DhcpLease &lease) {
-  text = WithoutNewline(std::move(text)).substr(0, LONGEST_DOMAIN);
+  text = WithoutNewline(std::move(text)).substr(0, MAX_DOMAIN);
   CopyToField(lease.domain, sizeof(lease.domain), text.c_str());
 }
 
 // The keys in the order in which a line is searched for them.
-enum class LeaseKey { kGetTime, kLeaseTime, kGateway, kServer, kDns, kDomain };
+enum class LeaseKey { GET_TIME, LEASE_TIME, GATEWAY, SERVER, DNS, DOMAIN };
 struct LeaseLine {
   const char *key;
   LeaseKey meaning;
 };
 constexpr LeaseLine LEASE_LINES[] = {
-    {"GETTIME", LeaseKey::kGetTime}, {"LEASETIME", LeaseKey::kLeaseTime},
-    {"GATEWAY", LeaseKey::kGateway}, {"DHCPSID", LeaseKey::kServer},
-    {"DNS", LeaseKey::kDns},         {"DOMAIN", LeaseKey::kDomain},
+    {"GETTIME", LeaseKey::GET_TIME}, {"LEASETIME", LeaseKey::LEASE_TIME},
+    {"GATEWAY", LeaseKey::GATEWAY},  {"DHCPSID", LeaseKey::SERVER},
+    {"DNS", LeaseKey::DNS},          {"DOMAIN", LeaseKey::DOMAIN},
 };
 
 void StoreValue(LeaseKey key, const std::string &value, DhcpLease &lease) {
   switch (key) {
-    case LeaseKey::kGetTime:
+    case LeaseKey::GET_TIME:
       lease.get_time = ToNumber(value.c_str());
       break;
-    case LeaseKey::kLeaseTime:
+    case LeaseKey::LEASE_TIME:
       lease.lease_time = ToNumber(value.c_str());
       break;
-    case LeaseKey::kGateway:
+    case LeaseKey::GATEWAY:
       ReadAddress(value, lease.gateway);
       break;
-    case LeaseKey::kServer:
+    case LeaseKey::SERVER:
       ReadAddress(value, lease.server_id);
       break;
-    case LeaseKey::kDns:
+    case LeaseKey::DNS:
       ReadServers(value, lease);
       break;
-    case LeaseKey::kDomain:
+    case LeaseKey::DOMAIN:
       ReadDomain(value, lease);
       break;
   }
@@ -102,7 +102,7 @@ int32_t libbh_IsDhcpcdRunning(const char *interface) {
 
 int32_t libbh_StopDhcpClient(const char *interface) {
   if (interface == nullptr || interface[0] == '\0') return -1;
-  if (strlen(interface) > LONGEST_INTERFACE_NAME) return -1;
+  if (strlen(interface) > MAX_INTERFACE_NAME) return -1;
   if (libbh_IsDhcpcdRunning(interface) != 0) return DHCP_NOT_RUNNING;
   RunDhcpStop(interface);
   return 0;
@@ -126,12 +126,12 @@ int32_t libbh_ReadDhcpLease(const char *interface, DhcpLease *lease) {
   if (error != 0) return libbh_SysError(error);
   std::string_view rest = content;
   while (!rest.empty())
-    ReadLeaseLine(UpToNul(NextPiece(rest, LONGEST_LEASE_LINE)), *lease);
+    ReadLeaseLine(UpToNul(NextChunk(rest, MAX_LEASE_LINE)), *lease);
   return 0;
 }
 
 int32_t libbh_ParseDottedQuad(const char *text, in_addr *address) {
-  constexpr uint32_t HIGHEST_OCTET = 255;
+  constexpr uint32_t MAX_OCTET = 255;
   if (address == nullptr) return -1;
   address->s_addr = 0;
   if (text == nullptr) return -1;
@@ -142,7 +142,7 @@ int32_t libbh_ParseDottedQuad(const char *text, in_addr *address) {
   for (; *text != '\0' && *text != '\n'; last = *text++) {
     if (*text >= '0' && *text <= '9') {
       octet = octet * 10 + static_cast<uint32_t>(*text - '0');
-      if (octet > HIGHEST_OCTET) return -1;
+      if (octet > MAX_OCTET) return -1;
     } else {
       if (*text != '.' || last == '.' || ++dots > 3) return -1;
       number = number << 8 | octet;

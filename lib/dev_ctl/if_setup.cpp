@@ -20,7 +20,7 @@
 namespace {
 
 constexpr const char *LOG_MODULE = "dev_ctl";
-constexpr size_t HOST_NAME_ROOM = 64;
+constexpr size_t HOST_NAME_CAPACITY = 64;
 constexpr int DHCP_END_CHECKS = 10;  // a second apart
 constexpr int32_t WAIT_FOR_DHCP_END = 1;
 
@@ -95,7 +95,7 @@ int32_t SetKernelAddress(const IfInfo &record) {
 }
 
 int32_t UpdateHosts(const IfInfo &record) {
-  char host_name[HOST_NAME_ROOM] = "";
+  char host_name[HOST_NAME_CAPACITY] = "";
   libbh_GetHostName(host_name, sizeof(host_name));
   std::string kept;
   int error = ReadOtherHosts(host_name, kept);

@@ -24,12 +24,12 @@ constexpr uint16_t ALIAS_MARK = 1;
 constexpr uint32_t WITH_COUNTERS = 0x2;
 
 constexpr const char *DEVICE_TABLE = "/proc/net/dev";
-constexpr size_t LONGEST_DEVICE_LINE = 1023;
+constexpr size_t MAX_DEVICE_LINE = 1023;
 
 // Requests in the kernel's interface table: the first try, each next try, and the end of patience.
 constexpr size_t TABLE_START = 100;
 constexpr size_t TABLE_STEP = 10;
-constexpr size_t TABLE_MOST = 65536;
+constexpr size_t TABLE_MAX = 65536;
 
 struct ListRelease {
   void operator()(IfListEntry *list) const {
@@ -42,7 +42,7 @@ using IfListPtr = std::unique_ptr<IfListEntry, ListRelease>;
 // tables do.
 bool ReadInterfaceTable(int sock, std::vector<ifreq> &table) {
   int last_length = -1;
-  for (size_t size = TABLE_START; size <= TABLE_MOST; size += TABLE_STEP) {
+  for (size_t size = TABLE_START; size <= TABLE_MAX; size += TABLE_STEP) {
     table.resize(size);
     ifconf request = {};
     request.ifc_len = static_cast<int>(size * sizeof(ifreq));
@@ -178,8 +178,8 @@ int32_t ReadCounters(IfInfo &record) {
   if (error != 0) return libbh_SysError(error);
   std::string_view rest = table;
   while (!rest.empty()) {
-    const std::string_view line = NextPiece(rest, LONGEST_DEVICE_LINE);
-    if (!Mentions(line, record.name)) continue;
+    const std::string_view line = NextChunk(rest, MAX_DEVICE_LINE);
+    if (!Contains(line, record.name)) continue;
     Counters counters = {};
     const size_t colon = line.find(':');
     if (colon == line.npos || !ParseCounters(std::string(line.substr(colon + 1)), counters)) break;
@@ -237,7 +237,7 @@ int32_t libbh_IfExists(const char *name) {
   if (name == nullptr || ReadTextFile(DEVICE_TABLE, table) != 0) return 0;
   std::string_view rest = table;
   while (!rest.empty()) {
-    const std::string_view line = NextPiece(rest, LONGEST_DEVICE_LINE);
+    const std::string_view line = NextChunk(rest, MAX_DEVICE_LINE);
     const size_t start = line.find(name);
     if (start != line.npos && line.substr(start + strlen(name)).starts_with(':')) return 1;
   }

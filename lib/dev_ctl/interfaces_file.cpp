@@ -19,7 +19,7 @@ namespace {
 constexpr const char *INTERFACES_FILE = "/etc/network/interfaces";
 
 bool IsStanzaStart(std::string_view line) {
-  return Mentions(line, "iface") || Mentions(line, "mapping");
+  return Contains(line, "iface") || Contains(line, "mapping");
 }
 
 bool IsBlankOrComment(std::string_view line) {
@@ -29,12 +29,12 @@ bool IsBlankOrComment(std::string_view line) {
 
 // Whether a line outside of the interface's stanzas starts one of them.
 bool EntersStanza(std::string_view line, std::string_view name) {
-  return !SkipSpaces(line).starts_with('#') && IsStanzaStart(line) && Mentions(line, name);
+  return !SkipSpaces(line).starts_with('#') && IsStanzaStart(line) && Contains(line, name);
 }
 
 // Whether a line inside of the interface's stanzas starts something of another's.
 bool LeavesStanza(std::string_view line, std::string_view name) {
-  return (Mentions(line, "auto") || IsStanzaStart(line)) && !Mentions(line, name);
+  return (Contains(line, "auto") || IsStanzaStart(line)) && !Contains(line, name);
 }
 
 void EndWithNewline(std::string &text) {
@@ -79,7 +79,7 @@ int32_t SplitInterfacesFile(const char *name, InterfacesText &text) {
   std::string_view left = content;
   bool inside = false;
   while (!left.empty())
-    AddLine(NextPiece(left, left.npos), name, inside, text);
+    AddLine(NextChunk(left, left.npos), name, inside, text);
   EndWithNewline(text.rest);
   EndWithNewline(text.own);
   return 0;
@@ -112,7 +112,7 @@ int32_t libbh_ReadLine(const char **cursor, char *buffer, int32_t size) {
   memset(buffer, 0, static_cast<size_t>(size));
   if (cursor == nullptr || *cursor == nullptr) return 0;
   std::string_view rest(*cursor, strnlen(*cursor, static_cast<size_t>(size)));
-  const std::string_view line = NextPiece(rest, static_cast<size_t>(size) - 1);
+  const std::string_view line = NextChunk(rest, static_cast<size_t>(size) - 1);
   line.copy(buffer, line.size());
   *cursor += line.size();
   if (line.ends_with('\n')) return static_cast<int32_t>(line.size()) - 1;
@@ -129,9 +129,9 @@ int32_t libbh_WriteIfStanza(const IfInfo *record) {
   const std::string old_own = std::exchange(text.own, FreshStanza(*record));
   std::string_view left = old_own;
   while (!left.empty()) {
-    const std::string_view line = NextPiece(left, left.npos);
+    const std::string_view line = NextChunk(left, left.npos);
     const std::string_view front = FrontOf(line);
-    if (Mentions(front, "down") || Mentions(front, "up")) text.own.append(line);
+    if (Contains(front, "down") || Contains(front, "up")) text.own.append(line);
   }
   return WriteInterfacesFile(text);
 }

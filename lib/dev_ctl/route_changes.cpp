@@ -23,7 +23,7 @@
 
 namespace {
 
-constexpr int MOST_GATEWAY_ROUTES = 64;
+constexpr int MAX_GATEWAY_ROUTES = 64;
 constexpr uint32_t GATEWAY_ROUTE = RTF_UP | RTF_GATEWAY;
 constexpr const char *INDENT = "     ";
 
@@ -110,7 +110,7 @@ int32_t CheckAgainstTable(const RouteEntry &route) {
         Gateway(*each) == Gateway(route))
       return ROUTE_EXISTS;
   }
-  return gateway_routes > MOST_GATEWAY_ROUTES ? TOO_MANY_ROUTES : 0;
+  return gateway_routes > MAX_GATEWAY_ROUTES ? TOO_MANY_ROUTES : 0;
 }
 
 int32_t CheckNewRoute(const char *interface, const RouteEntry &route) {
@@ -152,9 +152,9 @@ struct LineKey {
   std::string second;
 };
 
-bool MentionsAny(std::string_view line, const std::vector<LineKey> &keys) {
+bool ContainsAny(std::string_view line, const std::vector<LineKey> &keys) {
   return std::any_of(keys.begin(), keys.end(), [line](const LineKey &key) {
-    return Mentions(line, key.first) && Mentions(line, key.second);
+    return Contains(line, key.first) && Contains(line, key.second);
   });
 }
 
@@ -166,8 +166,8 @@ int32_t RemoveLines(const char *interface, const std::vector<LineKey> &keys) {
   const std::string own = std::exchange(text.own, "");
   std::string_view left = own;
   while (!left.empty()) {
-    const std::string_view line = NextPiece(left, left.npos);
-    if (!MentionsAny(FrontOf(line), keys)) text.own.append(line);
+    const std::string_view line = NextChunk(left, left.npos);
+    if (!ContainsAny(FrontOf(line), keys)) text.own.append(line);
   }
   return WriteInterfacesFile(text);
 }

@@ -22,14 +22,14 @@
 namespace {
 
 constexpr const char *ROUTE_TABLE = "/proc/net/route";
-constexpr int LONGEST_TABLE_HEADER = 510;
-constexpr int LONGEST_TABLE_LINE = 1023;
-constexpr size_t LONGEST_ROUTE_LINE = 127;
-constexpr size_t LONGEST_ADDRESS = 15;
+constexpr int MAX_TABLE_HEADER = 510;
+constexpr int MAX_TABLE_LINE = 1023;
+constexpr size_t MAX_ROUTE_LINE = 127;
+constexpr size_t MAX_ADDRESS = 15;
 
 // Room for what "%16s" and "%128s" store.
-constexpr size_t NAME_ROOM = 16 + 1;
-constexpr size_t ADDRESS_ROOM = 128 + 1;
+constexpr size_t NAME_CAPACITY = 16 + 1;
+constexpr size_t ADDRESS_CAPACITY = 128 + 1;
 
 // Appends zeroed entries to a list.
 struct RouteListBuilder {
@@ -89,10 +89,10 @@ size_t MakeScanFormat(std::string_view header, const std::vector<TableColumn> &w
 
 // The values of a line of the routing table, as they are printed.
 struct TableValues {
-  char name[NAME_ROOM];
-  char destination[ADDRESS_ROOM];
-  char gateway[ADDRESS_ROOM];
-  char mask[ADDRESS_ROOM];
+  char name[NAME_CAPACITY];
+  char destination[ADDRESS_CAPACITY];
+  char gateway[ADDRESS_CAPACITY];
+  char mask[ADDRESS_CAPACITY];
   unsigned int flags;
   int ref_count, use, metric, mtu, window, irtt;
 };
@@ -151,14 +151,14 @@ void MarkConfigured(RouteEntry *table) {
 
 // A route line of the interfaces file; an address that is not given is empty.
 struct RouteTexts {
-  char destination[LONGEST_ADDRESS + 2];  // one more than fits, to show what is too long
-  char mask[LONGEST_ADDRESS + 2];
-  char gateway[LONGEST_ADDRESS + 2];
-  char metric[NUMBER_ROOM];
+  char destination[MAX_ADDRESS + 2];  // one more than fits, to show what is too long
+  char mask[MAX_ADDRESS + 2];
+  char gateway[MAX_ADDRESS + 2];
+  char metric[NUMBER_CAPACITY];
 };
 
 bool Fits(const char *address) {
-  return strlen(address) <= LONGEST_ADDRESS;
+  return strlen(address) <= MAX_ADDRESS;
 }
 
 // False for a line that sets up no route.
@@ -168,10 +168,10 @@ bool ScanRouteLine(std::string_view line, RouteTexts &texts) {
   const size_t start = line.find("route");
   if (!line.starts_with("up") || start == line.npos) return false;
   const std::string route(line.substr(start));
-  if (Mentions(route, "-net")) {
+  if (Contains(route, "-net")) {
     sscanf(route.c_str(), "route add -net %16s netmask %16s gw %16s metric %31[0-9+-]",
            texts.destination, texts.mask, texts.gateway, texts.metric);
-  } else if (Mentions(route, "default")) {
+  } else if (Contains(route, "default")) {
     sscanf(route.c_str(), "route add default gw %16s", texts.gateway);
   } else {
     return false;
@@ -197,7 +197,7 @@ void FillFromFile(const char *interface, const RouteTexts &texts, RouteEntry &ro
 
 char *libbh_BuildScanFormat(const char *file_name, int32_t more, FILE *stream, const char *title,
                             ...) {
-  char line[LONGEST_TABLE_HEADER + 1];
+  char line[MAX_TABLE_HEADER + 1];
   if (stream == nullptr || fgets(line, sizeof(line), stream) == nullptr) return nullptr;
   va_list columns;
   va_start(columns, title);
@@ -234,7 +234,7 @@ int32_t libbh_GetRouteTable(RouteEntry **list) {
       "Window", "%d", "IRTT", "%d", nullptr));
   if (!format) return -1;
   RouteListBuilder table;
-  char line[LONGEST_TABLE_LINE + 1];
+  char line[MAX_TABLE_LINE + 1];
   while (fgets(line, sizeof(line), file.get()) != nullptr) {
     RouteEntry *const route = Append(table);
     if (route == nullptr) return -1;
@@ -254,7 +254,7 @@ int32_t libbh_GetConfiguredRoutes(RouteEntry **list, const char *interface) {
   std::string_view left = text.own;
   while (!left.empty()) {
     RouteTexts texts = {};
-    if (!ScanRouteLine(NextPiece(left, LONGEST_ROUTE_LINE), texts)) continue;
+    if (!ScanRouteLine(NextChunk(left, MAX_ROUTE_LINE), texts)) continue;
     RouteEntry *const route = Append(routes);
     if (route == nullptr) break;
     FillFromFile(interface, texts, *route);

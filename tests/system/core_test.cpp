@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr char kUsage[] =
+constexpr char USAGE[] =
     "Usage: \n"
     " --interface or -i <device name> \n"
     " --debug or -d                   : running at debug mode \n"
@@ -22,7 +22,7 @@ constexpr char kUsage[] =
     " --nostandalone or -n            : call from super daemon (inetd)\n"
     " --help or -h                    : this usage\n";
 
-constexpr char kPidFile[] = "/var/run/bh_servd-eth0.pid";
+constexpr char PID_FILE[] = "/var/run/bh_servd-eth0.pid";
 
 using Words = std::vector<std::string>;
 
@@ -33,10 +33,10 @@ using Core = SystemTest;
 TEST_F(Core, OptionsThatServeNothing) {
   // Options, standard output and error, and what syslog has then.
   const std::tuple<Words, std::string, const char *> cases[] = {
-      {{"--help"}, kUsage, "startup daemon"},
-      {{"-h"}, "bh_servd: invalid option -- 'h'\n" + std::string(kUsage), "startup daemon"},
-      {{"--nonsense"}, "bh_servd: unrecognized option '--nonsense'\n" + std::string(kUsage), ""},
-      {{"-i"}, "bh_servd: option requires an argument -- 'i'\n" + std::string(kUsage), ""},
+      {{"--help"}, USAGE, "startup daemon"},
+      {{"-h"}, "bh_servd: invalid option -- 'h'\n" + std::string(USAGE), "startup daemon"},
+      {{"--nonsense"}, "bh_servd: unrecognized option '--nonsense'\n" + std::string(USAGE), ""},
+      {{"-i"}, "bh_servd: option requires an argument -- 'i'\n" + std::string(USAGE), ""},
       {{"-v"}, "bh_servd version 2.37\n", ""},
       {{"--version", "--nonsense"}, "bh_servd version 2.37\n", ""},
       {{"-c", "--nodhcpc", "-n"}, "start start_server()\n", "no standalone mode"},
@@ -81,9 +81,9 @@ TEST_F(Core, ServesUntilItIsTerminated) {
   StartDaemon();
   const pid_t server = ServerPid();
   EXPECT_GT(server, 1);
-  EXPECT_EQ(board::ReadFile(board, kPidFile), std::to_string(server));
+  EXPECT_EQ(board::ReadFile(board, PID_FILE), std::to_string(server));
   EXPECT_TRUE(board::WaitFor([this] {
-    return board::ReadFile(board, board::kSyslog).find(" bh_servd[") != std::string::npos;
+    return board::ReadFile(board, board::SYSLOG).find(" bh_servd[") != std::string::npos;
   }));
   ExpectAlive();
 
@@ -110,7 +110,7 @@ TEST_F(Core, ServesUntilItIsTerminated) {
   EXPECT_TRUE(board::WaitFor([this] {  // written after the log line
     return Trace().ends_with("kv_serv_exit() exit kv_servd. code=15\n");
   }));
-  EXPECT_FALSE(board::Exists(board, kPidFile));
+  EXPECT_FALSE(board::Exists(board, PID_FILE));
   ASSERT_TRUE(AwaitServers(0));
   StartDaemon();
   ExpectAlive();
@@ -129,7 +129,7 @@ TEST_F(Core, SignalsOfTheServer) {
   for (const auto &[number, code] : ends) {
     ASSERT_TRUE(board::Kill(board, ServerPid(), number));
     EXPECT_TRUE(AwaitSyslog(std::string("<24>kv_serv_exit() exit kv_servd. ") + code)) << number;
-    EXPECT_TRUE(board::WaitFor([&] { return !board::Exists(board, kPidFile); })) << number;
+    EXPECT_TRUE(board::WaitFor([&] { return !board::Exists(board, PID_FILE); })) << number;
     ASSERT_TRUE(AwaitServers(0));
     StartDaemon();
   }
@@ -158,7 +158,7 @@ TEST_F(Core, StartThatCannotBeCompleted) {
   for (const auto &[fail, line, status] : cases) {
     EXPECT_EQ(OnBoard({"bh_servd"}, fail).exit_code, status) << fail;
     EXPECT_TRUE(AwaitSyslog(line)) << fail << Syslog();
-    EXPECT_TRUE(board::WaitFor([this] { return !board::Exists(board, kPidFile); })) << fail;
+    EXPECT_TRUE(board::WaitFor([this] { return !board::Exists(board, PID_FILE); })) << fail;
   }
   StartDaemon();
   ExpectAlive();
@@ -191,7 +191,7 @@ TEST_F(Core, ForegroundServerTracesToStandardOutput) {
       board, {.argv = {"sh", "-c", "exec bh_servd -d --nofork -a /var/log/trace > /tmp/out"}});
   ASSERT_TRUE(AwaitServers(1));
   ExpectAlive();
-  EXPECT_FALSE(board::Exists(board, kPidFile));
+  EXPECT_FALSE(board::Exists(board, PID_FILE));
   kill(process, SIGTERM);
   EXPECT_EQ(board::Wait(process).exit_code, 0);
   const std::string output = board::ReadFile(board, "/tmp/out");
@@ -213,7 +213,7 @@ TEST_F(Core, EndsWhileItWaitsForTheHostName) {
     ASSERT_EQ(OnBoard({"chmod", "+x", "/run/hostname"}).exit_code, 0);
     board::Remove(board, "/run/asked");
     StartDaemon();
-    wire::Send(client, wire::Request(kDiscover));
+    wire::Send(client, wire::Request(DISCOVER));
     ASSERT_TRUE(board::WaitFor([this] { return board::Exists(board, "/run/asked"); }));
     EXPECT_EQ(OnBoard({"bh_servd", "-t", "eth0"}).exit_code, 0);
     EXPECT_TRUE(AwaitServers(0)) << words;
@@ -235,14 +235,14 @@ TEST_F(Core, EndsWhenNobodyReadsItsTrace) {
     while (write(filler, "x", 1) == 1)
       continue;
     if (in_a_request) {
-      wire::Send(client, wire::Request(kPing));
+      wire::Send(client, wire::Request(PING));
       EXPECT_TRUE(board::WaitFor([&] { return board::ServiceSockets(board)[0].waiting == 0; }));
       EXPECT_FALSE(wire::Receive(client, wire::milliseconds(100))) << "the trace has room";
     }
     ASSERT_TRUE(board::Kill(board, server, SIGTERM));
     EXPECT_TRUE(AwaitServers(0));
     EXPECT_TRUE(board::WaitFor([&] { return !board::Kill(board, server, 0); }));
-    EXPECT_FALSE(board::Exists(board, kPidFile));
+    EXPECT_FALSE(board::Exists(board, PID_FILE));
   }
   close(filler);
   close(reader);
@@ -253,7 +253,7 @@ TEST_F(Core, ForkThatFailsServesInTheForeground) {
       board::Spawn(board, {.argv = {"bh_servd"}, .fail = "bh_servd/fork:1:EAGAIN"});
   ASSERT_TRUE(AwaitServers(1));
   EXPECT_TRUE(AwaitSyslog("could not create child process"));
-  EXPECT_FALSE(board::Exists(board, kPidFile));
+  EXPECT_FALSE(board::Exists(board, PID_FILE));
   ExpectAlive();
   kill(process, SIGTERM);
   EXPECT_EQ(board::Wait(process).exit_code, 0);
@@ -270,13 +270,13 @@ TEST_F(Core, OneInstanceAnInterface) {
   wire::Client second = wire::Open(board.wires[1]);
   const std::string eth0 = "02 0b 4a 00 00 10";
   const std::string eth1 = "02 0b 4a 00 00 11";
-  wire::Send(second, wire::Request(kPing, {}, eth1));
+  wire::Send(second, wire::Request(PING, {}, eth1));
   const auto reply = wire::Receive(second);
   ASSERT_TRUE(reply);
   EXPECT_EQ(wire::Bytes(reply->begin() + 16, reply->begin() + 22), wire::Hex(eth1));
 
   EXPECT_EQ(OnBoard({"bh_servd", "-t", "eth1"}).exit_code, 0);
   EXPECT_TRUE(AwaitSyslog("Stopping bh_servd that is bound to eth1"));
-  EXPECT_EQ(Ask(wire::Request(kPing, {}, eth0)).size(), 32U);
+  EXPECT_EQ(Ask(wire::Request(PING, {}, eth0)).size(), 32U);
   wire::Close(second);
 }

@@ -16,7 +16,7 @@ using wire::Text;
 class Discover : public SystemTest {
  protected:
   Bytes AskDiscover() {
-    Bytes reply = Ask(wire::Request(kDiscover));
+    Bytes reply = Ask(wire::Request(DISCOVER));
     EXPECT_EQ(reply.size(), 320U);
     reply.resize(320);
     return reply;
@@ -115,7 +115,7 @@ TEST(DiscoverNetwork, FindsEveryApplianceWithOneBroadcast) {
   const std::vector<std::string> found = find();
   for (size_t i = 0; i < found.size(); ++i)
     EXPECT_EQ(found[i], "{\"mac\":\"" + boards[i].config.interfaces[0].mac + "\"");
-  const auto bridge_is_there = [] { return if_nametoindex(board::kBridge) != 0; };
+  const auto bridge_is_there = [] { return if_nametoindex(board::BRIDGE) != 0; };
   board::Halt(boards[0]);
   EXPECT_TRUE(bridge_is_there());
   boards.erase(boards.begin());

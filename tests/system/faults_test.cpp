@@ -23,15 +23,15 @@ using States = std::vector<uint32_t>;
 
 namespace {
 
-constexpr uint32_t kFail = 0xFFFFFFFF, kLocked = 0x80000009, kTestFail = 0x8000000C;
-constexpr char kPidFile[] = "/var/run/bh_servd-eth0.pid", kPlan[] = "/run/failing";
-constexpr char kEndsServer[] = "semget 3666";  // as it must, without a set of semaphores
-constexpr const char *kSettings[] = {"/etc/network/interfaces", "/etc/hosts", "/etc/samba/smb.conf",
-                                     "/etc/korvo/info", "/etc/korvo/diskinfo"};
+constexpr uint32_t FAIL = 0xFFFFFFFF, LOCKED = 0x80000009, TEST_FAIL = 0x8000000C;
+constexpr char PID_FILE[] = "/var/run/bh_servd-eth0.pid", PLAN[] = "/run/failing";
+constexpr char ENDS_SERVER[] = "semget 3666";  // as it must, without a set of semaphores
+constexpr const char *SETTINGS[] = {"/etc/network/interfaces", "/etc/hosts", "/etc/samba/smb.conf",
+                                    "/etc/korvo/info", "/etc/korvo/diskinfo"};
 // The calls of a reply itself: its packet socket's family, and SO_BROADCAST.
-const std::set<string> kReplying = {"socket 17", "setsockopt 6", "bind", "sendto"};
-const std::set<string> kKept = {"bh_servd.log", "hddrootmode", "korsub_info.sh", "kv_firm_mem",
-                                "firm_size_id", "diskinfo",    "results.txt",    "results.tmp"};
+const std::set<string> REPLYING = {"socket 17", "setsockopt 6", "bind", "sendto"};
+const std::set<string> KEPT = {"bh_servd.log", "hddrootmode", "korsub_info.sh", "kv_firm_mem",
+                               "firm_size_id", "diskinfo",    "results.txt",    "results.tmp"};
 
 struct Case {
   const char *name;
@@ -71,7 +71,7 @@ class Faults : public SystemTest {
     board::WriteFile(board, "/run/fast-sleep", "");
     board::WriteFile(board, "/www/.htpasswd", "root:abcHKXPavTczo\n");  // "FernGate7"
     secret = password;
-    for (const char *path : kSettings)
+    for (const char *path : SETTINGS)
       settings.push_back(board::ReadFile(board, path));
     names = Names();
     Serve();
@@ -113,7 +113,7 @@ class Faults : public SystemTest {
       traced.append(chunk, static_cast<size_t>(size));
     char line[32];
     snprintf(line, sizeof(line), "Unknown (%x)", unknown);
-    return traced.find(line) != string::npos || !board::Exists(board, kPidFile);
+    return traced.find(line) != string::npos || !board::Exists(board, PID_FILE);
   }
   // The states of the replies. Should one be missing, a ping that nothing disturbs comes instead.
   States Ask(const Bytes &request, size_t wanted = 1) {
@@ -122,9 +122,9 @@ class Faults : public SystemTest {
     wire::Send(client, request);
     wire::Send(client, Request(++unknown));
     EXPECT_TRUE(board::WaitFor([&] { return HasServed(); }));
-    notes = board::ReadFile(board, kPlan);
-    board::Remove(board, kPlan);
-    const bool lives = board::Exists(board, kPidFile);
+    notes = board::ReadFile(board, PLAN);
+    board::Remove(board, PLAN);
+    const bool lives = board::Exists(board, PID_FILE);
     auto reply = wire::Receive(client, wire::milliseconds(0));
     for (; reply; reply = wire::Receive(client, wire::milliseconds(0)))
       states.push_back(wire::Number(*reply, 28));
@@ -148,15 +148,15 @@ class Faults : public SystemTest {
     string struck = "-";
     for (int n = 1; !struck.empty() && !HasFailure(); ++n) {
       for (size_t i = 0; i < settings.size(); ++i)
-        board::WriteFile(board, kSettings[i], settings[i]);
+        board::WriteFile(board, SETTINGS[i], settings[i]);
       if (!test.first.empty()) Ask(test.first);
       if (test.before != Case().before) OnBoard({"bash", "-c", test.before});
-      board::WriteFile(board, kPlan, "bh_servd " + std::to_string(n) + "\n");
+      board::WriteFile(board, PLAN, "bh_servd " + std::to_string(n) + "\n");
       const States states = Ask(test.request, test.replies);
       struck = Struck(n);
       SCOPED_TRACE(string(test.name) + " " + std::to_string(n) + ": " + struck);
       Judge(test, struck, states);
-      if (struck == kEndsServer) {
+      if (struck == ENDS_SERVER) {
         EXPECT_TRUE(AwaitServers(0));
         Serve();
       }
@@ -168,7 +168,7 @@ class Faults : public SystemTest {
     EXPECT_EQ(OpenFiles(), open_files) << test.name;
   }
   void Judge(const Case &test, const string &struck, const States &states) {
-    const bool silent = kReplying.contains(struck) || struck == kEndsServer ||
+    const bool silent = REPLYING.contains(struck) || struck == ENDS_SERVER ||
                         (struck == "fork" && string(test.name) == "ping");
     const bool whole = states.size() == test.replies;
     EXPECT_TRUE(whole || silent) << states.size();
@@ -178,10 +178,10 @@ class Faults : public SystemTest {
     if (whole && states.back() == 0 && test.proof != Case().proof) {
       EXPECT_EQ(OnBoard({"bash", "-c", test.proof}).exit_code, 0);
     }
-    for (const char *path : kSettings)
+    for (const char *path : SETTINGS)
       EXPECT_TRUE(struck == string("write ") + path || board::ReadFile(board, path) != "") << path;
     for (const string &name : Names())
-      EXPECT_TRUE(names.contains(name) || kKept.contains(name)) << name;
+      EXPECT_TRUE(names.contains(name) || KEPT.contains(name)) << name;
   }
   void TryChange(char flag) {
     Start();
@@ -194,7 +194,7 @@ class Faults : public SystemTest {
                                  {41, "OFFICE"},
                                  {76, {'\xEA', 7, 5, 0, 4, 0, 3, 0, 2, 0, 1, 0}},
                                  {88, "\x01\x28\xA8\xC0"}});
-    Try({"change", change, {0, kFail}, "hostname brackenhold; rm -f /var/run/dhcpcd*"});
+    Try({"change", change, {0, FAIL}, "hostname brackenhold; rm -f /var/run/dhcpcd*"});
   }
   void TryUpdate(const string &head, const char *proof, uint32_t finish) {
     Start();
@@ -204,9 +204,9 @@ class Faults : public SystemTest {
     Bytes give_up = end;
     give_up[28] = 5;
     const char upload[] = "head -c 2000 /dev/zero >/dev/tcp/192.168.40.2/22936";
-    Try({.name = "update", .request = begin, .states = {0, kFail, kLocked}, .after = give_up});
-    Try({.name = "given up", .request = give_up, .states = {kFail}, .first = begin});
-    Try({"end", end, {finish, finish == 0 ? kFail : 0}, upload, proof, begin, {}, 2});
+    Try({.name = "update", .request = begin, .states = {0, FAIL, LOCKED}, .after = give_up});
+    Try({.name = "given up", .request = give_up, .states = {FAIL}, .first = begin});
+    Try({"end", end, {finish, finish == 0 ? FAIL : 0}, upload, proof, begin, {}, 2});
   }
 
   std::vector<string> settings;
@@ -224,11 +224,11 @@ TEST_F(Faults, InQueriesAndCommands) {
            {"disk", Request(0x8090)},
            {"raid", Request(0x80E0)},
            {"partition", Record(0x80D0, 8, {{0, "/tmp"}})},
-           {"background", Command(0, "true"), {kFail, 0}},
+           {"background", Command(0, "true"), {FAIL, 0}},
            {"waited", Command(1, "true")},
            {"to file", Command(2, "seq 3"), {0, 0xFF00}},  // the status of a child without shell
-           {"captured", Command(3, "true"), {0, kFail}},
-           {"result", Request(0x8A20), {0, kFail}, "seq 2 >/var/tmp/results.txt"},
+           {"captured", Command(3, "true"), {0, FAIL}},
+           {"result", Request(0x8A20), {0, FAIL}, "seq 2 >/var/tmp/results.txt"},
            {"other product", Special(0x12), {0x80000010}},
        })
     Try(test);
@@ -248,23 +248,23 @@ TEST_F(Faults, InMaintenance) {
            {"reboot", Special(0x01)},
            {"shut down", Special(0x02)},
            {"emergency system", Special(0x03)},
-           {"disk system", Special(0x04), {0, kFail}, "true", "test -e /etc/hddrootmode"},
+           {"disk system", Special(0x04), {0, FAIL}, "true", "test -e /etc/hddrootmode"},
            {"blink", Special(0x05), {0}, "pkill -KILL -P $(cat /var/run/bh*)"},
            {"save", Special(0x06)},
            {"load", Special(0x07)},
            {"web", Special(0x08)},
            {"see the lock", Special(0x09), {1, 0}},
-           {"lock", lock, {0, kFail, kFail - 1, kFail - 2}, "true", "true", {}, {}, 1, true},
-           {"first", lock, {0, kFail, kFail - 2}, "ipcrm --all=sem", "true", {}, {}, 1, true},
-           {"unlock", unlock, {0, kFail}, "true", "true", lock},
+           {"lock", lock, {0, FAIL, FAIL - 1, FAIL - 2}, "true", "true", {}, {}, 1, true},
+           {"first", lock, {0, FAIL, FAIL - 2}, "ipcrm --all=sem", "true", {}, {}, 1, true},
+           {"unlock", unlock, {0, FAIL}, "true", "true", lock},
            {"trace", Special(0x0E)},
-           {"address", Special(0x0F, 0, "02:0b:4a:00:00:10"), {0, kFail}},
-           {"drive", Special(0x40, 1, "/dev/hda"), {0, kTestFail}},
-           {"USB drive", Special(0x40, 0, "/dev/hda"), {0, kTestFail}},
+           {"address", Special(0x0F, 0, "02:0b:4a:00:00:10"), {0, FAIL}},
+           {"drive", Special(0x40, 1, "/dev/hda"), {0, TEST_FAIL}},
+           {"USB drive", Special(0x40, 0, "/dev/hda"), {0, TEST_FAIL}},
            {"remove", Special(0x41, 0, "/run/f"), {0}, "touch /run/f", "! test -e /run/f"},
            {"checksum", Special(0x42, 0, "/run/sum"), {0x3B39, 0xFFFF}},
            {"USB disks", Special(0x45), {0}, "true", "grep -q ^disk1= /etc/korvo/diskinfo"},
-           {"UPS port", Special(0x50), {0, kFail}},
+           {"UPS port", Special(0x50), {0, FAIL}},
        })
     Try(test);
 }
@@ -274,8 +274,8 @@ TEST_F(Faults, InMaintenanceOfTheOtherFamily) {
   for (const Case &test : std::initializer_list<Case>{
            {"verify", Special(0x0C, 0, Text(secret))},
            {"password", Special(0x10, 0x5B, Text("hash"))},
-           {"array", Special(0x11, 3), {0, kFail}},
-           {"language", Special(0x12), {0, kFail}, "true", "grep -q =japanese /etc/korvo/info"},
+           {"array", Special(0x11, 3), {0, FAIL}},
+           {"language", Special(0x12), {0, FAIL}, "true", "grep -q =japanese /etc/korvo/info"},
            {"reboot", Special(0x01)},
            {"shut down", Special(0x02)},
        })
@@ -295,13 +295,13 @@ TEST_F(Faults, InUpdatesOfTheFlash) {
 }
 
 TEST_F(Faults, InUpdatesOfTheDiskWithABadArchive) {
-  TryUpdate("\4", "false", kFail);
+  TryUpdate("\4", "false", FAIL);
 }
 
 TEST_F(Faults, AtTheStart) {
   string struck = "-";
   for (int n = 1; !struck.empty(); ++n) {
-    board::WriteFile(board, kPlan, "bh_servd " + std::to_string(n) + "\n");
+    board::WriteFile(board, PLAN, "bh_servd " + std::to_string(n) + "\n");
     const pid_t launcher = board::Spawn(board, {.argv = {"bh_servd"}});
     bool bound = false, launched = false;
     EXPECT_TRUE(board::WaitFor([&] {
@@ -309,16 +309,16 @@ TEST_F(Faults, AtTheStart) {
       bound = !board::ServiceSockets(board).empty();
       return bound || (launched && OnBoard({"pgrep", "-x", "bh_servd"}).exit_code != 0);
     }));
-    notes = board::ReadFile(board, kPlan);
-    board::Remove(board, kPlan);
+    notes = board::ReadFile(board, PLAN);
+    board::Remove(board, PLAN);
     struck = Struck(n);
     SCOPED_TRACE(struck);
     if (bound) ExpectAlive();
-    const bool named = board::Exists(board, kPidFile);
+    const bool named = board::Exists(board, PID_FILE);
     EXPECT_TRUE(!named || board::Kill(board, ServerPid(), 0));
     EXPECT_TRUE(!struck.empty() || (bound && named));
     OnBoard({"pkill", "-KILL", "-x", "bh_servd"});
-    board::Remove(board, kPidFile);
+    board::Remove(board, PID_FILE);
     if (!launched) board::Wait(launcher);
     EXPECT_TRUE(AwaitServers(0));
   }

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr char kTraceFile[] = "/var/log/trace";
+constexpr char TRACE_FILE[] = "/var/log/trace";
 
 }  // namespace
 
@@ -49,7 +49,7 @@ void SystemTest::TearDown() {
     wire::SavePcap(client, folder / "wire.pcap");
     std::ofstream(folder / "trace") << Trace();
     std::ofstream(folder / "syslog") << Syslog();
-    std::ofstream(folder / "calls") << board::ReadFile(board, board::kCallLog);
+    std::ofstream(folder / "calls") << board::ReadFile(board, board::CALL_LOG);
     printf("what happened is in %s\n", folder.c_str());
   }
   for (const std::string &file : client_files)
@@ -63,7 +63,7 @@ board::Result SystemTest::OnBoard(const std::vector<std::string> &argv, const st
 }
 
 void SystemTest::StartDaemon(const std::vector<std::string> &options, int servers) {
-  std::vector<std::string> argv = {"bh_servd", "-d", "-a", kTraceFile};
+  std::vector<std::string> argv = {"bh_servd", "-d", "-a", TRACE_FILE};
   argv.insert(argv.end(), options.begin(), options.end());
   ASSERT_EQ(OnBoard(argv).exit_code, 0);
   ASSERT_TRUE(AwaitServers(servers)) << Syslog();
@@ -89,11 +89,11 @@ wire::Bytes SystemTest::Ask(const wire::Bytes &request) {
 }
 
 void SystemTest::ExpectAlive() {
-  EXPECT_EQ(Ask(wire::Request(kPing)).size(), 32U);
+  EXPECT_EQ(Ask(wire::Request(PING)).size(), 32U);
 }
 
 void SystemTest::TakeKey() {
-  discovered = Ask(wire::Request(kDiscover));
+  discovered = Ask(wire::Request(DISCOVER));
   ASSERT_EQ(discovered.size(), 320U);
 }
 
@@ -129,7 +129,7 @@ std::string SystemTest::ClientFile(const std::string &content) {
 }
 
 std::string SystemTest::Syslog() {
-  std::istringstream log(board::ReadFile(board, board::kSyslog));
+  std::istringstream log(board::ReadFile(board, board::SYSLOG));
   std::string plain;
   for (std::string line; std::getline(log, line);) {
     const size_t priority = line.find('>') + 1;
@@ -142,7 +142,7 @@ std::string SystemTest::Syslog() {
 }
 
 std::string SystemTest::Trace() {
-  return board::ReadFile(board, kTraceFile);
+  return board::ReadFile(board, TRACE_FILE);
 }
 
 bool SystemTest::AwaitSyslog(const std::string &text) {

@@ -61,6 +61,6 @@ class ServingTest : public SystemTest {
 };
 
 // Commands.
-constexpr uint16_t kPing = 0x8040, kDiscover = 0x8020, kDisk = 0x8090, kSpecial = 0x80A0;
+constexpr uint16_t PING = 0x8040, DISCOVER = 0x8020, DISK = 0x8090, SPECIAL = 0x80A0;
 
 #endif  // BH_TESTS_SYSTEM_FIXTURE_H_

@@ -15,10 +15,10 @@ using wire::Request;
 
 namespace {
 
-constexpr char kStars[] = ": **************************************\r\n";
-constexpr char kTooShort[] = "** recvlen < MINIMUM_PACKET\r\n";
-constexpr char kBadLength[] = "** acph->header_size + acph->option_size != recvlen\r\n";
-constexpr uint16_t kInfo = 0x8050, kFirmwareEnd = 0x8070;
+constexpr char STARS[] = ": **************************************\r\n";
+constexpr char TOO_SHORT[] = "** recvlen < MINIMUM_PACKET\r\n";
+constexpr char BAD_LENGTH[] = "** acph->header_size + acph->option_size != recvlen\r\n";
+constexpr uint16_t INFO = 0x8050, FIRMWARE_END = 0x8070;
 
 // What the kernel makes of a wish for 256 KiB.
 int GrantedQueue() {
@@ -54,16 +54,16 @@ TEST_F(Packets, ValidationTracesAllThatIsWrong) {
       "1E 00 00 00 00 00 01 00 50 80 00 00 00 00 00 00 02 0b 4a 00 00 01 ff ff ff ff ff ff 00 00");
   const std::pair<Bytes, std::string> cases[] = {
       {thirty, "-- ACP_INFO\n"},
-      {Part(thirty, 0, 29), std::string(kTooShort) + kBadLength},
-      {Part(thirty, 0, 27), std::string(kTooShort) + kBadLength},
-      {Part(thirty, 0, 12), std::string(kTooShort) + kBadLength},
-      {Request("20 00 00 00 07 00 01 00 50 80 0A 00 00 00 00 00", Bytes(8)), kBadLength},
+      {Part(thirty, 0, 29), std::string(TOO_SHORT) + BAD_LENGTH},
+      {Part(thirty, 0, 27), std::string(TOO_SHORT) + BAD_LENGTH},
+      {Part(thirty, 0, 12), std::string(TOO_SHORT) + BAD_LENGTH},
+      {Request("20 00 00 00 07 00 01 00 50 80 0A 00 00 00 00 00", Bytes(8)), BAD_LENGTH},
       {Request("20 00 00 00 FF FF 00 00 50 80 00 00 00 00 00 00"),
        "** packet_version(65535) < LOWEST_VERSION \r\n"},
       {Request("21 00 00 00 01 00 00 00 50 80 00 00 00 00 00 00"),
-       "** packet_version(1) < LOWEST_VERSION \r\n" + std::string(kBadLength)},
+       "** packet_version(1) < LOWEST_VERSION \r\n" + std::string(BAD_LENGTH)},
       {Request("20 00 00 00 FF FF FF FF 50 80 00 00 00 00 00 00"), "-- ACP_INFO\n"},
-      {Request("FF FF 00 00 07 00 01 00 50 80 21 00 00 00 00 00"), kBadLength},
+      {Request("FF FF 00 00 07 00 01 00 50 80 21 00 00 00 00 00"), BAD_LENGTH},
       {Request("20 00 00 00 07 00 01 00 50 80 2C 1D 00 00 00 00", Bytes(8000 - 32)),
        "-- ACP_INFO\n"},  // cut to 7500 bytes, which its sizes claim
       {Request(0x8051), "Capture : Unknown (8051)\r\n"},
@@ -72,7 +72,7 @@ TEST_F(Packets, ValidationTracesAllThatIsWrong) {
   };
   for (const auto &[datagram, lines] : cases) {
     const size_t before = Trace().size();
-    const std::string wanted = kStars + lines;
+    const std::string wanted = STARS + lines;
     wire::Send(client, datagram);
     EXPECT_TRUE(board::WaitFor([&] { return Trace().size() >= before + 10 + wanted.size(); }));
     const std::string block = Trace().substr(before);
@@ -84,24 +84,24 @@ TEST_F(Packets, ValidationTracesAllThatIsWrong) {
     const size_t before = Trace().size();
     wire::Send(client, Part(thirty, 0, length));
     EXPECT_TRUE(board::WaitFor([&] {
-      return Trace().find(kTooShort, before) != std::string::npos;
+      return Trace().find(TOO_SHORT, before) != std::string::npos;
     })) << length;
   }
   EXPECT_TRUE(wire::ReplyFrames(client).empty());
 
   ExpectAlive();
   const std::string before = Trace();
-  wire::Send(client, Request(kPing, {}, "02 0b 4a 00 00 77"));  // another appliance's
+  wire::Send(client, Request(PING, {}, "02 0b 4a 00 00 77"));  // another appliance's
   ExpectAlive();
-  EXPECT_EQ(Trace().substr(before.size() + 10), std::string(kStars) + "-- ACP_PING\r\n");
+  EXPECT_EQ(Trace().substr(before.size() + 10), std::string(STARS) + "-- ACP_PING\r\n");
 }
 
 TEST_F(Packets, HeaderBytesThatHaveNotComeAreZero) {
   StartDaemon();
-  Bytes whole = Request(kInfo);
+  Bytes whole = Request(INFO);
   std::fill_n(whole.begin() + 28, 4, uint8_t{0x77});
   wire::Send(client, whole);
-  Bytes end = Part(Request(kFirmwareEnd), 0, 30);  // half of its result is missing
+  Bytes end = Part(Request(FIRMWARE_END), 0, 30);  // half of its result is missing
   end[0] = 30;
   EXPECT_EQ(Part(Ask(end), 28, 4), Hex("00 00 00 00"));  // a result other than 0 is refused
 }
@@ -113,15 +113,15 @@ TEST_F(Packets, BurstWaitsInAQueueAsLargeAsIsAskedFor) {
   StartDaemon();
   ASSERT_TRUE(board::Kill(board, ServerPid(), SIGSTOP));
   for (int i = 0; i < 200; ++i)
-    wire::Send(client, Request(kPing));
+    wire::Send(client, Request(PING));
   int sent = 0;
   EXPECT_TRUE(board::WaitFor([&] {
     for (int i = 0; i < 50; ++i, ++sent)
-      wire::Send(client, Request(kInfo));
+      wire::Send(client, Request(INFO));
     return board::ServiceSockets(board).at(0).drops > 0;
   }));
-  constexpr int kDatagram = 4096;  // one more or less, with what the kernel adds to it
-  EXPECT_NEAR(board::ServiceSockets(board).at(0).waiting, GrantedQueue(), kDatagram);
+  constexpr int DATAGRAM = 4096;  // one more or less, with what the kernel adds to it
+  EXPECT_NEAR(board::ServiceSockets(board).at(0).waiting, GrantedQueue(), DATAGRAM);
 
   ASSERT_TRUE(board::Kill(board, ServerPid(), SIGCONT));
   int answers = 0;
@@ -148,10 +148,10 @@ TEST_F(Packets, FailedTransmissionIsLoggedAndTheNextReplyGoesOut) {
   for (const auto &[fail, line] : cases) {
     ASSERT_EQ(OnBoard({"bh_servd"}, fail).exit_code, 0);
     ASSERT_TRUE(AwaitServers(1));
-    wire::Send(client, Request(kDisk));
+    wire::Send(client, Request(DISK));
     EXPECT_TRUE(AwaitSyslog(line)) << fail << Syslog();
-    EXPECT_EQ(Ask(Request(kDisk)).size(), 544U) << fail;
+    EXPECT_EQ(Ask(Request(DISK)).size(), 544U) << fail;
     StopDaemon();
-    board::WriteFile(board, board::kSyslog, "");
+    board::WriteFile(board, board::SYSLOG, "");
   }
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int kAny = -1;
+constexpr int ANY = -1;
 
 struct Row {
   char kind = ' ';  // '$', '>' or '<'
@@ -42,14 +42,14 @@ std::vector<int> Pattern(const std::string &text) {
     const int times = sign == word.npos ? 1 : std::stoi(word.substr(sign + 1));
     for (int i = 0; i < times; i++)
       for (size_t at = 0; at < std::min(sign, word.size()); at += 2)
-        pattern.push_back(word[at] == '?' ? kAny : std::stoi(word.substr(at, 2), nullptr, 16));
+        pattern.push_back(word[at] == '?' ? ANY : std::stoi(word.substr(at, 2), nullptr, 16));
   }
   return pattern;
 }
 
 bool Matches(const wire::Bytes &bytes, const std::vector<int> &pattern) {
   return std::equal(bytes.begin(), bytes.end(), pattern.begin(), pattern.end(),
-                    [](uint8_t byte, int wanted) { return wanted == kAny || wanted == byte; });
+                    [](uint8_t byte, int wanted) { return wanted == ANY || wanted == byte; });
 }
 
 }  // namespace

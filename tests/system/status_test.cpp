@@ -15,7 +15,7 @@ using wire::Text;
 
 namespace {
 
-constexpr uint16_t kPartition = 0x80D0, kRaid = 0x80E0;
+constexpr uint16_t PARTITION = 0x80D0, RAID = 0x80E0;
 
 std::string TextAt(const Bytes &reply, size_t offset) {
   return reinterpret_cast<const char *>(reply.data() + offset);
@@ -65,7 +65,7 @@ TEST_F(Status, DiskWordsOfTheNamedDrive) {
       {Text("/tmp/dir", 64), Bytes(512)},
   };
   for (const auto &[body, words] : cases) {
-    const Bytes reply = Ask(Request(kDisk, body));
+    const Bytes reply = Ask(Request(DISK, body));
     EXPECT_EQ(Part(reply, 32), words) << testing::PrintToString(body);
   }
 }
@@ -81,7 +81,7 @@ TEST_F(Status, RaidListFollowsTheDiskConfiguration) {
   ASSERT_EQ(OnBoard({"mount", "-t", "tmpfs", "usb", "/mnt/usbdisk2"}).exit_code, 0);
   for (const auto &[config, entries] : cases) {
     board::WriteFile(board, "/etc/korvo/diskinfo", config);
-    const Bytes reply = Ask(Request(kRaid));
+    const Bytes reply = Ask(Request(RAID));
     ASSERT_EQ(reply.size(), 768U);
     EXPECT_EQ(Entries(reply), entries);
   }
@@ -92,7 +92,7 @@ TEST_F(Status, RaidListFollowsTheDiskConfiguration) {
       "array1=jbod\narray2=jbod\ndisk1=normal\ndisk2=normal\ndisk3=normal\ndisk4=normal\n");
   for (const char *disk : {"1", "3", "4"})
     OnBoard({"mount", "-t", "tmpfs", "usb", std::string("/mnt/usbdisk") + disk});
-  const std::string full = Entries(Ask(Request(kRaid)));
+  const std::string full = Entries(Ask(Request(RAID)));
   EXPECT_EQ(std::count(full.begin(), full.end(), '\n'), 8) << full;
 }
 
@@ -105,7 +105,7 @@ TEST_F(Status, PartitionOfAPath) {
       {Text(deep, 90), deep.substr(0, 63)}, {Text("%n%n%n%n", 64), ""}, {{}, ""},
   };
   for (const auto &[body, path] : cases) {
-    const Bytes reply = Ask(Request(kPartition, body));
+    const Bytes reply = Ask(Request(PARTITION, body));
     ASSERT_EQ(reply.size(), 124U);
     EXPECT_EQ(Number(reply, 28), path.empty() ? 0xFFFFFFFF : 0) << path;
     EXPECT_EQ(TextAt(reply, 60), path);
@@ -121,11 +121,11 @@ TEST_F(Status, PartitionOfAPath) {
 
 TEST_F(Status, WithoutMemoryForAReplyNoneIsSent) {
   const std::tuple<uint16_t, const char *, std::string> cases[] = {
-      {kPing, "bh_servd/calloc=32:0", "ACP_Ping_Reply fail to allocate Memory\n"},
-      {kDisk, "bh_servd/calloc=544:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
-      {kRaid, "bh_servd/calloc=768:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
-      {kDiscover, "bh_servd/calloc=320:0", "ACP_Discover_Reply fail to allocate Memory\r\n"},
-      {kPartition, "bh_servd/calloc=124:0", "ACP_Partition_Reply fail to allocate Memory\r\n"},
+      {PING, "bh_servd/calloc=32:0", "ACP_Ping_Reply fail to allocate Memory\n"},
+      {DISK, "bh_servd/calloc=544:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
+      {RAID, "bh_servd/calloc=768:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
+      {DISCOVER, "bh_servd/calloc=320:0", "ACP_Discover_Reply fail to allocate Memory\r\n"},
+      {PARTITION, "bh_servd/calloc=124:0", "ACP_Partition_Reply fail to allocate Memory\r\n"},
   };
   for (const auto &[command, fail, trace] : cases) {
     StopDaemon();
@@ -133,8 +133,8 @@ TEST_F(Status, WithoutMemoryForAReplyNoneIsSent) {
     ASSERT_TRUE(AwaitServers(1));
     wire::Send(client, Request(command));
     EXPECT_TRUE(board::WaitFor([&, &end = trace] { return Trace().ends_with(end); })) << Trace();
-    const Bytes other = Ask(Request(command == kRaid ? kDisk : kRaid));
-    EXPECT_EQ(other.size(), command == kRaid ? 544U : 768U) << fail;
+    const Bytes other = Ask(Request(command == RAID ? DISK : RAID));
+    EXPECT_EQ(other.size(), command == RAID ? 544U : 768U) << fail;
   }
 }
 

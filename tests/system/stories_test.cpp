@@ -7,18 +7,18 @@ using std::string;
 class Story : public ServingTest {
  protected:
   string TakeCalls() {
-    string calls = board::ReadFile(board, board::kCallLog);
-    board::WriteFile(board, board::kCallLog, "");
+    string calls = board::ReadFile(board, board::CALL_LOG);
+    board::WriteFile(board, board::CALL_LOG, "");
     return calls;
   }
   // Taken while one is being written, it would be lost.
   bool AwaitCall(const string &call) {
     return board::WaitFor(
-        [&] { return board::ReadFile(board, board::kCallLog).find(call) != string::npos; });
+        [&] { return board::ReadFile(board, board::CALL_LOG).find(call) != string::npos; });
   }
 };
 
-const string kSecrets = "--pass-phrase FernGate --password admin ";
+const string SECRETS = "--pass-phrase FernGate --password admin ";
 
 TEST_F(Story, FirstSetUpOfANewAppliance) {
   ExpectBhctl("--json discover", "\"initialized\":false");
@@ -26,7 +26,7 @@ TEST_F(Story, FirstSetUpOfANewAppliance) {
   ExpectBhctl("set --hostname fresh", "ACP_STATE_PASSWORD_ERROR");
   client.frames.clear();
   ExpectBhctl(
-      kSecrets +
+      SECRETS +
           "--yes set --ip 192.168.40.77 --netmask 255.255.255.0 --gateway 192.168.40.1 "
           "--hostname fresh --workgroup OFFICE --time '2026-05-04 03:02:01' --timezone -540 "
           "--initialised",
@@ -55,20 +55,20 @@ TEST_F(Story, ClientsLockEachOtherOut) {
   TakeKey();
   wire::Bytes body = {0x0D, 0, 0, 0, 0, 0, 0, 0};
   wire::Append(body, Encoded("FernGate"));
-  EXPECT_EQ(wire::Number(Ask(wire::Request(kSpecial, body)), 28), 0U);
+  EXPECT_EQ(wire::Number(Ask(wire::Request(SPECIAL, body)), 28), 0U);
   ExpectBhctl("exec 'echo here'", "exit 1");
   ExpectBhctl("--yes shutdown", "ACP_STATE_NOT_PERMIT");
   EXPECT_EQ(TakeCalls(), "");
   ExpectBhctl("--password admin login", "ACP_STATE_NOT_PERMIT");
   ExpectBhctl("--pass-phrase FernGate --password Admin login", "ACP_STATE_PASSWORD_ERROR");
-  ExpectBhctl(kSecrets + "login", "exit 0");
+  ExpectBhctl(SECRETS + "login", "exit 0");
   ExpectBhctl("--yes remove /etc/hosts", "exit 0");
   EXPECT_FALSE(board::Exists(board, "/etc/hosts"));
   ExpectBhctl("disable", "exit 0");
   ExpectBhctl("--yes remove /etc/passwd", "exit 1");
   // Who stops the daemon does not wait for a script of the appliance's.
   board::WriteFile(board, "/run/stand-ins/save_config.sh", "sleep 9");
-  wire::Send(client, wire::Request(kSpecial, {6, 0, 0, 0, 0, 0, 0, 0}));
+  wire::Send(client, wire::Request(SPECIAL, {6, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_TRUE(AwaitCall("save_config"));
   EXPECT_TRUE(board::Kill(board, ServerPid(), SIGTERM));
   EXPECT_TRUE(AwaitServers(0));
@@ -79,23 +79,23 @@ TEST_F(Story, EmergencySystemIsRescued) {
   board::Remove(board, "/etc/brackenhold_release");
   const string file = ClientFile(string(5000, 'f'));
   ExpectBhctl("--json discover", "\"product_state\":\"emergency\"");
-  ExpectBhctl(kSecrets + "--yes set --hostname lost", "ACP_STATE_FAILURE");
+  ExpectBhctl(SECRETS + "--yes set --hostname lost", "ACP_STATE_FAILURE");
   ExpectBhctl("--password admin upgrade " + file + " --type 2", "exit 0");
   EXPECT_EQ(board::ReadFile(board, "/dev/mtdblock1"), string(5000, 'f'));
   ExpectBhctl("--yes boot disk --pass-phrase FernGate", "exit 0");
   TakeCalls();
   ExpectBhctl("--yes reboot", "exit 0");
   EXPECT_EQ(TakeCalls(), "/sbin/reboot\n");
-  ExpectBhctl(kSecrets + "--yes set --ip 192.168.40.9 --netmask 255.255.255.0", "exit 0");
+  ExpectBhctl(SECRETS + "--yes set --ip 192.168.40.9 --netmask 255.255.255.0", "exit 0");
   ExpectBhctl("--json discover", "\"address\":\"192.168.40.9\"");
 }
 
 TEST_F(Story, OfficeProductKeepsItsAccounts) {
   BootBoard({.product_id = "0x2001"});
   StartDaemon();
-  ExpectBhctl(kSecrets + "passwd --new-password secret", "exit 0");
+  ExpectBhctl(SECRETS + "passwd --new-password secret", "exit 0");
   EXPECT_EQ(TakeCalls().substr(0, 30), "/usr/sbin/usermod -l admin -p ");
-  ExpectBhctl(kSecrets + "upgrade " + ClientFile("image") + " --type 5", "exit 0");
+  ExpectBhctl(SECRETS + "upgrade " + ClientFile("image") + " --type 5", "exit 0");
   EXPECT_EQ(board::ReadFile(board, "/dev/mtd4"), "image");
   ExpectBhctl("--yes raid create jbod", "exit 0");
   EXPECT_TRUE(AwaitCall("dkwiz_mkjbod.sh"));

@@ -13,7 +13,7 @@
 using std::string;
 using wire::Bytes;
 
-static const int kRounds = getenv("BOARD_POWERPC") == nullptr ? 125 : 25;
+static const int ROUNDS = getenv("BOARD_POWERPC") == nullptr ? 125 : 25;
 static Bytes Packet(const string &code, const string &body = "", const Bytes &secret = {}) {
   Bytes packet = wire::Request("2000000007000100" + code + "000000000000", wire::Hex(body));
   packet.insert(packet.end(), secret.begin(), secret.end());
@@ -72,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(Boards, Storms, testing::Range(0, 4));
 TEST_P(Storms, EndTheServerAtAnyMoment) {
   const unsigned seed = std::random_device()();
   std::mt19937 random(seed);
-  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
+  for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
     SCOPED_TRACE("seed " + std::to_string(seed) + ", round " + std::to_string(round));
     const bool early = round % 8 == 7;  // before it is bound
     if (early) OnBoard({"bh_servd", "-d", "-a", "/var/log/trace"});
@@ -91,7 +91,7 @@ TEST_P(Storms, EndTheServerAtAnyMoment) {
 TEST_P(Storms, OfOtherSignalsCostNoReply) {
   StartDaemon();
   const pid_t storm = StartStorm(SIGUSR1);
-  for (int round = 0; round < kRounds / 25; ++round) {
+  for (int round = 0; round < ROUNDS / 25; ++round) {
     for (const Bytes &request : Requests())
       EXPECT_GE(Ask(request).size(), 32U) << testing::PrintToString(request);
     const Bytes check = Packet("10 8A", "05000000 01000000 66616C7365 000000");

@@ -12,19 +12,19 @@ using std::string;
 using Upgrade = ServingTest;
 
 TEST_F(Upgrade, ClientInstallsAnImageOnFlash) {
-  constexpr char kFlash[] = "/dev/mtdblock1";  // whose images are verified
+  constexpr char FLASH[] = "/dev/mtdblock1";  // whose images are verified
   string image((16 << 20) + 3, '\0');
   std::mt19937 random;
   for (char &byte : image)
     byte = static_cast<char>(random());
   const string upgrade = " upgrade " + ClientFile(image) + " --type 2 ";
-  board::WriteFile(board, kFlash, "old");
+  board::WriteFile(board, FLASH, "old");
   ExpectBhctl(upgrade + "--password wrong", "ACP_STATE_PASSWORD_ERROR");
   ExpectBhctl(upgrade + "--dry-run --password admin", "exit 0");
-  EXPECT_EQ(board::ReadFile(board, kFlash), "old");
-  EXPECT_EQ(board::ReadFile(board, board::kCallLog), "");
+  EXPECT_EQ(board::ReadFile(board, FLASH), "old");
+  EXPECT_EQ(board::ReadFile(board, board::CALL_LOG), "");
   ExpectBhctl(upgrade + "--password admin", "exit 0");
-  EXPECT_TRUE(board::ReadFile(board, kFlash) == image);
+  EXPECT_TRUE(board::ReadFile(board, FLASH) == image);
   EXPECT_TRUE(AwaitSyslog("<29>Firmware Update start.\n"));
   EXPECT_TRUE(AwaitSyslog("<29>Firmware Update end.\n"));
   ExpectBhctl(upgrade + "--password admin --product 77", "exit 1");
@@ -38,7 +38,7 @@ TEST_F(Upgrade, StopRequestAroundTheWritingCountsAfterTheLastReply) {
     ExpectBhctl("upgrade " + image + " --type 1 --password admin", "exit 0");
     EXPECT_TRUE(AwaitServers(0)) << step;
     EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n")) << step;
-    board::WriteFile(board, board::kSyslog, "");
+    board::WriteFile(board, board::SYSLOG, "");
     StartDaemon();
   }
 }

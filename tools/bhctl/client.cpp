@@ -43,7 +43,7 @@ struct IfAddrsDeleter {
 };
 
 int SystemFailure(const std::string &what, int error) {
-  PrintError(what + ": " + std::strerror(error));
+  PrintError(what + ": " + strerror(error));
   return EXIT_NO_ANSWER;
 }
 
@@ -55,7 +55,7 @@ bool IsEthernet(const ifaddrs &entry, const sockaddr_ll &link) {
 
 void AddLink(const ifaddrs &entry, std::vector<Interface> *interfaces) {
   sockaddr_ll link = {};
-  std::memcpy(&link, entry.ifa_addr, sizeof link);
+  memcpy(&link, entry.ifa_addr, sizeof(link));
   if (!IsEthernet(entry, link)) return;
   Interface interface;
   interface.name = entry.ifa_name;
@@ -120,7 +120,7 @@ int ChooseInterfaces(const std::string &name, std::vector<Interface> *interfaces
 
 // Beyond the system's limit only the administrator gets room.
 void WidenReceiveBuffer(const Descriptor &socket) {
-  constexpr socklen_t SIZE = sizeof RECEIVE_BUFFER;
+  constexpr socklen_t SIZE = sizeof(RECEIVE_BUFFER);
   if (setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, SIZE) != 0)
     setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, SIZE);
 }
@@ -131,9 +131,9 @@ int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   const int on = 1;
   if (socket.fd < 0) return SystemFailure("cannot open a socket", errno);
   WidenReceiveBuffer(socket);
-  if (setsockopt(socket.fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) != 0)
+  if (setsockopt(socket.fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)) != 0)
     return SystemFailure("cannot learn the interface of answers", errno);
-  if (setsockopt(socket.fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0)
+  if (setsockopt(socket.fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)) != 0)
     return SystemFailure("cannot broadcast", errno);
   if (!interface.empty() && setsockopt(socket.fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
                                        static_cast<socklen_t>(interface.size())) != 0)
@@ -141,7 +141,7 @@ int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   sockaddr_in any = {};
   any.sin_family = AF_INET;
   any.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(socket.fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) != 0)
+  if (bind(socket.fd, reinterpret_cast<const sockaddr *>(&any), sizeof(any)) != 0)
     return SystemFailure("cannot bind a socket", errno);
   return EXIT_DONE;
 }
@@ -154,20 +154,20 @@ bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> 
   everyone.sin_addr.s_addr = htonl(INADDR_BROADCAST);
   in_pktinfo info = {};
   info.ipi_ifindex = interface_index;
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof info)] = {};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(info))] = {};
   iovec part = {datagram.data(), datagram.size()};
   msghdr message = {};
   message.msg_name = &everyone;
-  message.msg_namelen = sizeof everyone;
+  message.msg_namelen = sizeof(everyone);
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   message.msg_control = control;
-  message.msg_controllen = sizeof control;
+  message.msg_controllen = sizeof(control);
   cmsghdr *header = CMSG_FIRSTHDR(&message);
   header->cmsg_level = IPPROTO_IP;
   header->cmsg_type = IP_PKTINFO;
-  header->cmsg_len = CMSG_LEN(sizeof info);
-  std::memcpy(CMSG_DATA(header), &info, sizeof info);
+  header->cmsg_len = CMSG_LEN(sizeof(info));
+  memcpy(CMSG_DATA(header), &info, sizeof(info));
   return sendmsg(socket.fd, &message, 0) >= 0;
 }
 
@@ -177,7 +177,7 @@ void SendRequest(const Descriptor &socket, const Request &request, const Mac &ds
   std::erase_if(*interfaces, [&](const Interface &interface) {
     if (SendOn(socket, interface.index, EncodeRequest(request, interface.mac, dst_mac)))
       return false;
-    PrintError("cannot send on " + interface.name + ": " + std::strerror(errno));
+    PrintError("cannot send on " + interface.name + ": " + strerror(errno));
     return true;
   });
 }
@@ -190,12 +190,12 @@ ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int *i
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   message.msg_control = control;
-  message.msg_controllen = sizeof control;
+  message.msg_controllen = sizeof(control);
   const ssize_t length = recvmsg(socket.fd, &message, MSG_DONTWAIT);
   const cmsghdr *header = length < 0 ? nullptr : CMSG_FIRSTHDR(&message);
   if (header == nullptr || header->cmsg_type != IP_PKTINFO) return length;
   in_pktinfo info = {};
-  std::memcpy(&info, CMSG_DATA(header), sizeof info);
+  memcpy(&info, CMSG_DATA(header), sizeof(info));
   *interface_index = info.ipi_ifindex;
   return length;
 }
@@ -212,13 +212,13 @@ bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
 // came. In a burst the socket is emptied without a wait between two datagrams.
 std::optional<Reply> ReceiveReply(const Exchange &exchange, Clock::time_point deadline,
                                   const Descriptor &interrupt, int *interface_index) {
-  uint8_t datagram[LARGEST_REPLY + 1];  // one more, so that a longer one shows
+  uint8_t datagram[MAX_REPLY + 1];  // one more, so that a longer one shows
   ssize_t length = ReceiveNow(exchange.socket, datagram, interface_index);
   if (length < 0) {
     if (!WaitReadable(exchange.socket, interrupt, deadline)) return std::nullopt;
     length = ReceiveNow(exchange.socket, datagram, interface_index);
   }
-  if (length < 0 || static_cast<size_t>(length) > LARGEST_REPLY) return std::nullopt;
+  if (length < 0 || static_cast<size_t>(length) > MAX_REPLY) return std::nullopt;
   return DecodeReply(Bytes(datagram, static_cast<size_t>(length)));
 }
 
@@ -286,7 +286,7 @@ void Collect(const Exchange &exchange, std::chrono::microseconds timeout,
 
 void WarnOfOverflow(const Descriptor &socket) {
   uint32_t memory[SK_MEMINFO_VARS] = {};
-  socklen_t size = sizeof memory;
+  socklen_t size = sizeof(memory);
   if (getsockopt(socket.fd, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
       memory[SK_MEMINFO_DROPS] != 0)
     PrintError("answers are missing: they came faster than this machine took them");

@@ -1,7 +1,7 @@
 // Asks appliances on the local network and collects what they answer.
 
-#ifndef BH_BHCTL_CLIENT_H_
-#define BH_BHCTL_CLIENT_H_
+#ifndef BH_TOOLS_BHCTL_CLIENT_H_
+#define BH_TOOLS_BHCTL_CLIENT_H_
 
 #include <chrono>
 #include <cstdint>
@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/descriptor.h"
 #include "tools/bhctl/options.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
@@ -62,4 +62,4 @@ std::optional<Answer> Await(const Exchange &exchange, std::chrono::microseconds 
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_CLIENT_H_
+#endif  // BH_TOOLS_BHCTL_CLIENT_H_

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tools/bhctl/change_password.h"
 #include "tools/bhctl/discover.h"
 #include "tools/bhctl/exec.h"
-#include "tools/bhctl/passwd.h"
 #include "tools/bhctl/set.h"
 #include "tools/bhctl/special.h"
 #include "tools/bhctl/status.h"
@@ -95,8 +95,8 @@ std::string Words(const std::string &name) {
 }
 
 const char *OperandDescription(Operand operand) {
-  if (operand == Operand::kDevice) return "device file of the drive on the appliance";
-  return operand == Operand::kMac ? "the new address" : "path on the appliance";
+  if (operand == Operand::DEVICE) return "device file of the drive on the appliance";
+  return operand == Operand::MAC ? "the new address" : "path on the appliance";
 }
 
 // The command of the row, or of all rows of its name.

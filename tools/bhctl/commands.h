@@ -1,7 +1,7 @@
 // The table of commands, which the command line and its help are made from.
 
-#ifndef BH_BHCTL_COMMANDS_H_
-#define BH_BHCTL_COMMANDS_H_
+#ifndef BH_TOOLS_BHCTL_COMMANDS_H_
+#define BH_TOOLS_BHCTL_COMMANDS_H_
 
 #include <chrono>
 #include <string>
@@ -33,4 +33,4 @@ const std::vector<SubCommand> &Commands();
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_COMMANDS_H_
+#endif  // BH_TOOLS_BHCTL_COMMANDS_H_

@@ -1,7 +1,7 @@
 // Owns a file descriptor: closes it at the end.
 
-#ifndef BH_BHCTL_DESCRIPTOR_H_
-#define BH_BHCTL_DESCRIPTOR_H_
+#ifndef BH_TOOLS_BHCTL_DESCRIPTOR_H_
+#define BH_TOOLS_BHCTL_DESCRIPTOR_H_
 
 #include <unistd.h>
 
@@ -25,4 +25,4 @@ struct Descriptor {
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_DESCRIPTOR_H_
+#endif  // BH_TOOLS_BHCTL_DESCRIPTOR_H_

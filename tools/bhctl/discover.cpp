@@ -36,8 +36,8 @@ std::string VersionText(unsigned int major, unsigned int minor) {
 
 std::string TimeText(const DiscoverInfo &info, char separator) {
   char text[40];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02u%c%02u:%02u:%02u", info.year, info.month,
-                info.day, separator, info.hour, info.minute, info.second);
+  snprintf(text, sizeof(text), "%04u-%02u-%02u%c%02u:%02u:%02u", info.year, info.month, info.day,
+           separator, info.hour, info.minute, info.second);
   return text;
 }
 
@@ -152,10 +152,10 @@ const Sighting *Find(const ByMac &index, const Mac &mac) {
 }
 
 Change ChangeSince(const Sighting *before, const Sighting &now) {
-  if (before == nullptr) return Change::kNew;
+  if (before == nullptr) return Change::NEW;
   const bool same = before->info.address == now.info.address &&
                     FieldText(before->info.host_name) == FieldText(now.info.host_name);
-  return same ? Change::kNone : Change::kMoved;
+  return same ? Change::NONE : Change::MOVED;
 }
 
 // Signals are let in only where nothing is half written.
@@ -178,7 +178,7 @@ bool ShowRound(const std::vector<Sighting> &sightings, bool json) {
   HoldInterrupt(SIG_BLOCK);
   ShowSightings(sightings, json, true);
   if (!json && !sightings.empty()) PrintLine("");
-  const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  const bool written = fflush(stdout) == 0 && ferror(stdout) == 0;
   HoldInterrupt(SIG_UNBLOCK);
   return written;
 }
@@ -218,7 +218,7 @@ std::vector<Sighting> Compare(const std::vector<Sighting> &before, std::vector<S
   for (Sighting &sighting : now)
     sighting.change = ChangeSince(Find(known, sighting.mac), sighting);
   for (Sighting &sighting : gone) {
-    sighting.change = Change::kGone;
+    sighting.change = Change::GONE;
     now.push_back(sighting);
   }
   std::sort(now.begin(), now.end(), ComesBefore);

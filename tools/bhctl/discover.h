@@ -1,7 +1,7 @@
 // The discover command: which appliances there are, once or again and again.
 
-#ifndef BH_BHCTL_DISCOVER_H_
-#define BH_BHCTL_DISCOVER_H_
+#ifndef BH_TOOLS_BHCTL_DISCOVER_H_
+#define BH_TOOLS_BHCTL_DISCOVER_H_
 
 #include <vector>
 
@@ -10,13 +10,13 @@
 namespace bhctl {
 
 // Since the round before.
-enum class Change { kNone, kNew, kGone, kMoved };  // moved: to another address or host name
+enum class Change { NONE, NEW, GONE, MOVED };  // moved: to another address or host name
 
 struct Sighting {
   Mac mac = {};        // that the appliance answers with
   uint32_t state = 0;  // AcpState
   DiscoverInfo info = {};
-  Change change = Change::kNone;
+  Change change = Change::NONE;
 };
 
 // The answers by address; each counts as unchanged.
@@ -36,4 +36,4 @@ int Discover(const Options &options);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_DISCOVER_H_
+#endif  // BH_TOOLS_BHCTL_DISCOVER_H_

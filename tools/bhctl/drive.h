@@ -1,7 +1,7 @@
 // What a drive says of itself in its ATA identification words.
 
-#ifndef BH_BHCTL_DRIVE_H_
-#define BH_BHCTL_DRIVE_H_
+#ifndef BH_TOOLS_BHCTL_DRIVE_H_
+#define BH_TOOLS_BHCTL_DRIVE_H_
 
 #include <cstdint>
 #include <string>
@@ -29,4 +29,4 @@ uint64_t DriveBytes(const DriveIdentity &drive);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_DRIVE_H_
+#endif  // BH_TOOLS_BHCTL_DRIVE_H_

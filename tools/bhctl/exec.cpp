@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/bhctl/client.h"
-#include "tools/bhctl/permit.h"
+#include "tools/bhctl/credentials.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
 #include "tools/bhctl/session.h"
@@ -20,13 +20,13 @@ namespace bhctl {
 namespace {
 
 // What an appliance has room for.
-constexpr std::ptrdiff_t MOST_WORDS = 31;
-constexpr size_t LONGEST_WORDS = 511;         // bytes
-constexpr size_t LONGEST_TO_FILE = 511 - 23;  // " > " and the result file's name come to it
+constexpr std::ptrdiff_t MAX_WORDS = 31;
+constexpr size_t MAX_WORDS_LENGTH = 511;         // bytes
+constexpr size_t MAX_TO_FILE = 511 - 23;  // " > " and the result file's name come to it
 
 constexpr const char *NO_OPERATION = ":";  // to the shell
 
-constexpr uint32_t HIGHEST_WAIT_STATUS = 0xFFFF;
+constexpr uint32_t MAX_WAIT_STATUS = 0xFFFF;
 constexpr int SIGNALLED = 128;
 constexpr int SIGNAL_BITS = 0x7F;
 constexpr int NO_SHELL = 0xFF;  // the exit status of COMMAND_TO_FILE when system() gave -1
@@ -43,14 +43,14 @@ int ExitStatusOf(int wait_status) {
 }
 
 CommandOutcome WaitedOutcome(uint32_t result) {
-  if (result > HIGHEST_WAIT_STATUS) return {};
+  if (result > MAX_WAIT_STATUS) return {};
   return {true, ExitStatusOf(static_cast<int>(result)), ""};
 }
 
 // The appliance's child ends with the low byte of what system() gave it. That byte holds the signal
 // that has ended the shell; of a command's own exit status nothing is left.
 CommandOutcome ToFileOutcome(uint32_t result) {
-  if (result > HIGHEST_WAIT_STATUS) return {};
+  if (result > MAX_WAIT_STATUS) return {};
   const int status = static_cast<int>(result);
   if ((status & SIGNAL_BITS) != 0) return {true, ExitStatusOf(status), ""};
   if (status >> 8 == NO_SHELL) return {};
@@ -60,7 +60,7 @@ CommandOutcome ToFileOutcome(uint32_t result) {
 // On a terminal nothing of it is a command to that; elsewhere it is left as it is.
 void PrintOutput(const std::string &output) {
   const std::string shown = isatty(STDOUT_FILENO) == 1 ? SafeLines(output) : output;
-  std::fwrite(shown.data(), 1, shown.size(), stdout);
+  fwrite(shown.data(), 1, shown.size(), stdout);
 }
 
 int Senseless(const Answer &answer) {
@@ -79,7 +79,7 @@ int Refused(const Options &options, const Answer &answer, const std::string &adv
 
 // A wait status, or a body without output, is no refusal: the appliance had no process to spare.
 int CommandRefused(const Options &options, Answer answer) {
-  if (answer.state > HIGHEST_WAIT_STATUS && answer.body.empty())
+  if (answer.state > MAX_WAIT_STATUS && answer.body.empty())
     return Refused(options, answer, "no command may be running in the background");
   answer.state = ACP_STATE_FAILURE;
   if (options.json) return Refused(options, answer, "");
@@ -100,21 +100,21 @@ bool ReadArguments(const Options &options, std::string *text, uint32_t *type) {
   }
   if (FitsType(*text, *type)) return true;
   PrintError("COMMAND must have 1 to " + std::to_string(MAX_REQUEST_TEXT) +
-             " bytes; with --type 0 or 1 at most " + std::to_string(LONGEST_WORDS) + " and " +
-             std::to_string(MOST_WORDS) + " words, with --type 2 at most " +
-             std::to_string(LONGEST_TO_FILE));
+             " bytes; with --type 0 or 1 at most " + std::to_string(MAX_WORDS_LENGTH) + " and " +
+             std::to_string(MAX_WORDS) + " words, with --type 2 at most " +
+             std::to_string(MAX_TO_FILE));
   return false;
 }
 
 // For one appliance over the interface that leads to it: two interfaces may well lead to the same
 // one, which would then run a command twice. Enables the command mode if the pass phrase is known.
 int ChooseAppliance(const Options &options, Options *chosen) {
-  const Permit permit = PermitOf(options);
+  const Credentials credentials = CredentialsOf(options);
   Session session;
-  const int status = OpenSession(options, SecretsOf(permit), &session);
+  const int status = OpenSession(options, SecretsOf(credentials), &session);
   if (status != EXIT_DONE) return status;
   *chosen = SessionOptions(options, session);
-  return ObtainOrTell(*chosen, session, permit);
+  return AuthorizeOrTell(*chosen, session, credentials);
 }
 
 // A command that was started in the background is answered like a refused one. What the appliance
@@ -139,7 +139,7 @@ void ShowOutcome(const Options &options, uint32_t type, const Answer &answer,
   } else {
     PrintOutput(outcome.output);
   }
-  if (outcome.output.size() == MOST_OUTPUT)
+  if (outcome.output.size() == MAX_OUTPUT)
     PrintError("the output may have been cut; --type 2 and 'bhctl result' give all of it");
 }
 
@@ -161,10 +161,10 @@ Request ResultRequest() {
 bool FitsType(std::string_view text, uint32_t type) {
   if (text.empty() || text.size() > MAX_REQUEST_TEXT) return false;
   if (type == COMMAND_CAPTURED) return true;
-  if (type == COMMAND_TO_FILE) return text.size() <= LONGEST_TO_FILE;
+  if (type == COMMAND_TO_FILE) return text.size() <= MAX_TO_FILE;
   const std::ptrdiff_t spaces = std::count(text.begin(), text.end(), ' ');
   const std::ptrdiff_t words = text.back() == ' ' ? spaces : spaces + 1;
-  return text.size() <= LONGEST_WORDS && words <= MOST_WORDS;
+  return text.size() <= MAX_WORDS_LENGTH && words <= MAX_WORDS;
 }
 
 std::optional<CommandOutcome> ReadOutcome(uint32_t type, uint32_t result, Bytes body) {

@@ -1,16 +1,16 @@
 // Remote commands: exec runs one on an appliance, result fetches what it left there. Each returns
 // the program's exit status.
 
-#ifndef BH_BHCTL_EXEC_H_
-#define BH_BHCTL_EXEC_H_
+#ifndef BH_TOOLS_BHCTL_EXEC_H_
+#define BH_TOOLS_BHCTL_EXEC_H_
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/options.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
@@ -45,4 +45,4 @@ std::string SafeLines(std::string_view text);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_EXEC_H_
+#endif  // BH_TOOLS_BHCTL_EXEC_H_

@@ -23,17 +23,17 @@ bool Fail(const std::string &what, std::string *why) {
 bool CheckFile(const struct stat &status, std::string *why) {
   if (!S_ISREG(status.st_mode)) return Fail("not a regular file", why);
   if (status.st_size == 0) return Fail("empty", why);
-  if (status.st_size > off_t{LARGEST_IMAGE})
-    return Fail("larger than the " + std::to_string(LARGEST_IMAGE) +
-                    " bytes that the protocol has room for",
-                why);
+  if (status.st_size > off_t{MAX_IMAGE})
+    return Fail(
+        "larger than the " + std::to_string(MAX_IMAGE) + " bytes that the protocol has room for",
+        why);
   return true;
 }
 
 bool ComputeChecksum(Image *image, std::string *why) {
-  std::vector<uint8_t> room(IMAGE_PIECE);
+  std::vector<uint8_t> buffer(IMAGE_PIECE);
   for (uint32_t at = 0; at < image->size;) {
-    const Bytes piece = ReadPiece(*image, at, room, why);
+    const Bytes piece = ReadPiece(*image, at, buffer, why);
     if (piece.empty()) return false;
     image->checksum = AddToChecksum(image->checksum, piece);
     at += static_cast<uint32_t>(piece.size());
@@ -54,27 +54,26 @@ bool OpenImage(const std::string &path, Image *image, std::string *why) {
   image->path = path;
   image->file = Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
-  if (image->file.fd < 0 || fstat(image->file.fd, &status) != 0)
-    return Fail(std::strerror(errno), why);
+  if (image->file.fd < 0 || fstat(image->file.fd, &status) != 0) return Fail(strerror(errno), why);
   if (!CheckFile(status, why)) return false;
   image->size = static_cast<uint32_t>(status.st_size);
   return ComputeChecksum(image, why);
 }
 
-Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> room, std::string *why) {
+Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std::string *why) {
   const size_t wanted = std::min<size_t>(image.size - at, IMAGE_PIECE);
   size_t size = 0;
   while (size < wanted) {
     const ssize_t got =
-        pread(image.file.fd, room.data() + size, wanted - size, static_cast<off_t>(at + size));
+        pread(image.file.fd, buffer.data() + size, wanted - size, static_cast<off_t>(at + size));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
-      *why = got < 0 ? std::strerror(errno) : "the file has become shorter";
+      *why = got < 0 ? strerror(errno) : "the file has become shorter";
       return {};
     }
     size += static_cast<size_t>(got);
   }
-  return room.first(size);
+  return buffer.first(size);
 }
 
 }  // namespace bhctl

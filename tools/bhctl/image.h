@@ -1,20 +1,20 @@
 // A firmware image in a file: read in pieces, since it may be larger than memory.
 
-#ifndef BH_BHCTL_IMAGE_H_
-#define BH_BHCTL_IMAGE_H_
+#ifndef BH_TOOLS_BHCTL_IMAGE_H_
+#define BH_TOOLS_BHCTL_IMAGE_H_
 
 #include <cstdint>
 #include <span>
 #include <string>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/descriptor.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
 constexpr size_t IMAGE_PIECE = 65536;  // bytes; whole words of the checksum
 // The appliance adds 256 bytes to the size, in 32 bits.
-constexpr uint32_t LARGEST_IMAGE = UINT32_MAX - 256;
+constexpr uint32_t MAX_IMAGE = UINT32_MAX - 256;
 
 struct Image {
   std::string path;
@@ -34,8 +34,8 @@ bool OpenImage(const std::string &path, Image *image, std::string *why);
 
 // The piece that begins at byte `at`, up to IMAGE_PIECE bytes, in `room`, which has as many. Empty,
 // with what is wrong, when it cannot be read or the file has become shorter.
-Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> room, std::string *why);
+Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std::string *why);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_IMAGE_H_
+#endif  // BH_TOOLS_BHCTL_IMAGE_H_

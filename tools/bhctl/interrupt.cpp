@@ -38,7 +38,7 @@ bool Interrupted(const Descriptor &held) {
 
 void DropInterrupts(const Descriptor &held) {
   signalfd_siginfo info = {};
-  while (held.fd >= 0 && read(held.fd, &info, sizeof info) > 0)
+  while (held.fd >= 0 && read(held.fd, &info, sizeof(info)) > 0)
     ;
 }
 

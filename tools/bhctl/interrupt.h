@@ -1,8 +1,8 @@
 // Signals that ask the program to end (SIGINT, SIGTERM, SIGHUP), held back while something must be
 // undone first.
 
-#ifndef BH_BHCTL_INTERRUPT_H_
-#define BH_BHCTL_INTERRUPT_H_
+#ifndef BH_TOOLS_BHCTL_INTERRUPT_H_
+#define BH_TOOLS_BHCTL_INTERRUPT_H_
 
 #include "tools/bhctl/descriptor.h"
 
@@ -23,4 +23,4 @@ void ReleaseInterrupts();
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_INTERRUPT_H_
+#endif  // BH_TOOLS_BHCTL_INTERRUPT_H_

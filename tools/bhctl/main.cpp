@@ -33,7 +33,7 @@ constexpr const char *FOOTER =
     "result\n"
     "  exec --type 1: the command's own; the above come with a message then";
 
-constexpr double LONGEST_TIMEOUT = 86400;  // seconds
+constexpr double MAX_TIMEOUT = 86400;  // seconds
 
 // What the parser stores, before it is checked.
 struct CommandLine {
@@ -47,7 +47,7 @@ struct CommandLine {
 
 int UsageError(const std::string &message) {
   PrintError(message);
-  std::fputs("Try 'bhctl --help'.\n", stderr);
+  fputs("Try 'bhctl --help'.\n", stderr);
   return EXIT_USAGE;
 }
 
@@ -66,7 +66,7 @@ void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
       ->type_name("TEXT");
   app.add_flag("--password-stdin", options->password_stdin,
                "read the administrator's password from standard input");
-  app.add_flag("--yes", options->assent, "do without asking what else is asked about first");
+  app.add_flag("--yes", options->assume_yes, "do without asking what else is asked about first");
   app.set_version_flag("--version", "bhctl " BHCTL_VERSION, "print the version");
   app.set_help_flag("-h,--help", "print this help");
 }
@@ -131,7 +131,7 @@ int CheckLeftovers(const CLI::App &app) {
 }
 
 std::optional<std::string> Environment(const char *name) {
-  const char *value = std::getenv(name);
+  const char *value = getenv(name);
   if (value == nullptr) return std::nullopt;
   return value;
 }
@@ -145,9 +145,9 @@ int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *op
     if (!options->mac) return UsageError("--mac: not a MAC address: '" + line.mac + "'");
     if (*options->mac == BROADCAST_MAC) options->mac.reset();
   }
-  if (!(line.timeout > 0 && line.timeout <= LONGEST_TIMEOUT))
+  if (!(line.timeout > 0 && line.timeout <= MAX_TIMEOUT))
     return UsageError("--timeout must be greater than 0 and at most a day");
-  options->timeout = std::chrono::microseconds(static_cast<int64_t>(std::ceil(line.timeout * 1e6)));
+  options->timeout = std::chrono::microseconds(static_cast<int64_t>(ceil(line.timeout * 1e6)));
   options->pass_phrase = app.count("--pass-phrase") != 0
                              ? line.pass_phrase
                              : Environment("BHCTL_PASS_PHRASE").value_or("");
@@ -172,7 +172,7 @@ int RunCommand(const CLI::App &app, const CommandLine &line, Options *options) {
   }
   if (app.count("--timeout") == 0) options->timeout = command->timeout;
   const int status = command->run(*options);
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
   PrintError("cannot write to standard output");
   return EXIT_NO_ANSWER;
 }
@@ -188,7 +188,7 @@ int Run(int argc, char **argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp &) {
-    std::fputs(app.help().c_str(), stdout);
+    fputs(app.help().c_str(), stdout);
     return EXIT_DONE;
   } catch (const CLI::CallForVersion &version) {
     PrintLine(version.what());
@@ -208,7 +208,7 @@ int main(int argc, char **argv) {
   try {
     return bhctl::Run(argc, argv);
   } catch (const std::exception &error) {
-    std::fprintf(stderr, "bhctl: %s\n", error.what());
+    fprintf(stderr, "bhctl: %s\n", error.what());
     return bhctl::EXIT_NO_ANSWER;
   }
 }

@@ -1,14 +1,14 @@
 // What the command line asks for, and what the program's exit status tells.
 
-#ifndef BH_BHCTL_OPTIONS_H_
-#define BH_BHCTL_OPTIONS_H_
+#ifndef BH_TOOLS_BHCTL_OPTIONS_H_
+#define BH_TOOLS_BHCTL_OPTIONS_H_
 
 #include <chrono>
 #include <map>
 #include <optional>
 #include <string>
 
-#include "tools/bhctl/wire.h"
+#include "tools/bhctl/datagram.h"
 
 namespace bhctl {
 
@@ -26,7 +26,7 @@ struct Options {
   std::optional<Mac> src_mac;  // named as the requester; unset: the interface's own address
   std::chrono::microseconds timeout{0};
   bool json = false;
-  bool assent = false;  // to whatever a command would ask about
+  bool assume_yes = false;  // to whatever a command would ask about
   std::string pass_phrase;
   std::optional<std::string> password;  // the administrator's; unset: none is given
   bool password_stdin = false;  // a command that needs the password reads it from standard input
@@ -41,4 +41,4 @@ int UsageFailure(const std::string &message);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_OPTIONS_H_
+#endif  // BH_TOOLS_BHCTL_OPTIONS_H_

@@ -19,7 +19,7 @@ int NoLine() {
 }
 
 bool IsNewPassword(const std::string &password) {
-  return !password.empty() && password.size() <= LONGEST_NEW_PASSWORD &&
+  return !password.empty() && password.size() <= MAX_NEW_PASSWORD &&
          std::all_of(password.begin(), password.end(),
                      [](char byte) { return byte >= ' ' && byte <= '~'; });
 }
@@ -64,7 +64,7 @@ int NeedNewPassword(const std::optional<std::string> &given, std::string *passwo
     if (again != *password) return UsageFailure("they are not the same");
   }
   if (IsNewPassword(*password)) return EXIT_DONE;
-  return UsageFailure("a new password must have 1 to " + std::to_string(LONGEST_NEW_PASSWORD) +
+  return UsageFailure("a new password must have 1 to " + std::to_string(MAX_NEW_PASSWORD) +
                       " characters of plain ASCII: the appliance would not look at more");
 }
 
@@ -79,7 +79,7 @@ std::string HashPassword(const std::string &password, const std::string &salt) {
 std::string InventSalt() {
   constexpr char CHARACTERS[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
   std::random_device random;
-  std::uniform_int_distribution<size_t> pick(0, sizeof CHARACTERS - 2);
+  std::uniform_int_distribution<size_t> pick(0, sizeof(CHARACTERS) - 2);
   std::string salt;
   while (salt.size() < 2)
     salt += CHARACTERS[pick(random)];

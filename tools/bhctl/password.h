@@ -1,7 +1,7 @@
 // Where passwords come from, and how the account database stores them.
 
-#ifndef BH_BHCTL_PASSWORD_H_
-#define BH_BHCTL_PASSWORD_H_
+#ifndef BH_TOOLS_BHCTL_PASSWORD_H_
+#define BH_TOOLS_BHCTL_PASSWORD_H_
 
 #include <optional>
 #include <string>
@@ -25,8 +25,8 @@ int NeedPassPhrase(const Options &options, std::string *pass_phrase);
 // EXIT_USAGE also for one that HashPassword cannot do justice to.
 int NeedNewPassword(const std::optional<std::string> &given, std::string *password);
 
-constexpr size_t LONGEST_NEW_PASSWORD = 8;  // bytes; the rest would not count
-constexpr size_t PASSWORD_HASH = 13;        // bytes, the salt among them
+constexpr size_t MAX_NEW_PASSWORD = 8;  // bytes; the rest would not count
+constexpr size_t PASSWORD_HASH = 13;    // bytes, the salt among them
 
 // crypt(3)'s DES form; the salt is two characters of "./0-9A-Za-z". Empty when the system lacks it.
 std::string HashPassword(const std::string &password, const std::string &salt);
@@ -34,4 +34,4 @@ std::string InventSalt();
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_PASSWORD_H_
+#endif  // BH_TOOLS_BHCTL_PASSWORD_H_

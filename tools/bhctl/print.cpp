@@ -19,11 +19,11 @@ size_t TextWidth(const std::string &text) {
 }  // namespace
 
 void PrintError(const std::string &message) {
-  std::fprintf(stderr, "bhctl: %s\n", message.c_str());
+  fprintf(stderr, "bhctl: %s\n", message.c_str());
 }
 
 void PrintLine(const std::string &line) {
-  std::printf("%s\n", line.c_str());
+  printf("%s\n", line.c_str());
 }
 
 void PrintTable(const std::vector<std::vector<std::string>> &rows) {

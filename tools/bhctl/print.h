@@ -1,7 +1,7 @@
 // Output for people and for programs.
 
-#ifndef BH_BHCTL_PRINT_H_
-#define BH_BHCTL_PRINT_H_
+#ifndef BH_TOOLS_BHCTL_PRINT_H_
+#define BH_TOOLS_BHCTL_PRINT_H_
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -24,4 +24,4 @@ void PrintJson(const Json &object);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_PRINT_H_
+#endif  // BH_TOOLS_BHCTL_PRINT_H_

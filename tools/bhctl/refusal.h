@@ -1,14 +1,14 @@
 // How a refused request is told: the state that the appliance answered, and what may help.
 
-#ifndef BH_BHCTL_REFUSAL_H_
-#define BH_BHCTL_REFUSAL_H_
+#ifndef BH_TOOLS_BHCTL_REFUSAL_H_
+#define BH_TOOLS_BHCTL_REFUSAL_H_
 
 #include <cstdint>
 #include <span>
 #include <string>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/options.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
@@ -33,4 +33,4 @@ int ShowRefusal(const Options &options, const Mac &mac, uint32_t state, const st
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_REFUSAL_H_
+#endif  // BH_TOOLS_BHCTL_REFUSAL_H_

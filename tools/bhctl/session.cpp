@@ -18,12 +18,12 @@ namespace {
 constexpr std::chrono::seconds DISCOVERY{2};  // at most; the request may take much longer
 // About 1 key in 9 does not suit a password of four blocks, and only 1 in 8 suits one of 64; each
 // password of a session counts.
-constexpr int MOST_KEYS = 24;
+constexpr int MAX_KEYS = 24;
 // Keys that are issued in the same second are equal; a little more than one, for the other's clock.
 constexpr std::chrono::milliseconds NEXT_SECOND{1100};
 
 bool IsPassword(const Secret &password) {
-  return password.text.size() <= password.room && password.text.find('\0') == std::string::npos;
+  return password.text.size() <= password.capacity && password.text.find('\0') == std::string::npos;
 }
 
 bool CanSend(const std::vector<Secret> &passwords, uint32_t key) {
@@ -73,20 +73,20 @@ std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint3
   std::vector<uint8_t> encoded(clear.size());
   for (size_t at = 0; at < clear.size(); at += CIPHER_BLOCK)
     EncryptBlock(encoded.data() + at, clear.data() + at, key);
-  if (DecodePassword(encoded, key, password.room + 1) != password.text) return std::nullopt;
+  if (DecodePassword(encoded, key, password.capacity + 1) != password.text) return std::nullopt;
   return encoded;
 }
 
 int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session *session) {
   for (const Secret &password : passwords) {
     if (IsPassword(password)) continue;
-    PrintError(std::string(password.name) + " can have at most " + std::to_string(password.room) +
-               " bytes and no NUL");
+    PrintError(std::string(password.name) + " can have at most " +
+               std::to_string(password.capacity) + " bytes and no NUL");
     return EXIT_USAGE;
   }
   int status = DiscoverOne(options, session);
   for (int keys = 1; status == EXIT_DONE && !CanSend(passwords, session->key); ++keys) {
-    if (keys == MOST_KEYS) {
+    if (keys == MAX_KEYS) {
       PrintError(MacText(session->mac) + " issues no key that the password can be sent under");
       return EXIT_REFUSED;
     }

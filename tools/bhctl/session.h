@@ -1,20 +1,20 @@
 // A session with one appliance, for requests that carry passwords: who is asked, by whom, and under
 // which key passwords travel. The key lives half an hour on the appliance and is kept nowhere here.
 
-#ifndef BH_BHCTL_SESSION_H_
-#define BH_BHCTL_SESSION_H_
+#ifndef BH_TOOLS_BHCTL_SESSION_H_
+#define BH_TOOLS_BHCTL_SESSION_H_
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/options.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
-constexpr size_t LONGEST_PASSWORD = 32;  // bytes
+constexpr size_t MAX_PASSWORD = 32;  // bytes
 
 struct Session {
   Mac mac = {};           // of the appliance
@@ -28,13 +28,13 @@ struct Session {
 // A password, and the bytes that the request has for it.
 struct Secret {
   std::string text;
-  size_t room = LONGEST_PASSWORD;
+  size_t capacity = MAX_PASSWORD;
   const char *name = "this password";  // in messages
 };
 
 // The password as a request carries it, in whole blocks of 8 bytes, at least one; a zero byte must
-// follow it in the request unless it fills its room. Nothing when the appliance would not decode
-// all of it under this key, or for one that is too long or holds a NUL.
+// follow it in the request unless it fills its capacity. Nothing when the appliance would not
+// decode all of it under this key, or for one that is too long or holds a NUL.
 std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint32_t key);
 
 // Discovers options.mac, or the only appliance that answers, in at most 2 seconds, and gets a key
@@ -48,4 +48,4 @@ Options SessionOptions(const Options &options, const Session &session);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_SESSION_H_
+#endif  // BH_TOOLS_BHCTL_SESSION_H_

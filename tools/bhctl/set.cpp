@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/bhctl/client.h"
-#include "tools/bhctl/permit.h"
+#include "tools/bhctl/credentials.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
 #include "tools/bhctl/session.h"
@@ -18,11 +18,11 @@
 namespace bhctl {
 namespace {
 
-constexpr size_t LONGEST_NAME = 16;      // bytes, of a host or a workgroup
-constexpr size_t HOST_NAME_FIELD = 17;   // bytes of body
-constexpr size_t WORKGROUP_FIELD = 35;   // bytes
-constexpr int32_t LONGEST_OFFSET = 840;  // minutes; nowhere is farther from UTC
-constexpr int FIRST_YEAR = 2001;         // that the appliance takes
+constexpr size_t MAX_NAME = 16;         // bytes, of a host or a workgroup
+constexpr size_t HOST_NAME_FIELD = 17;  // bytes of body
+constexpr size_t WORKGROUP_FIELD = 35;  // bytes
+constexpr int32_t MAX_OFFSET = 840;     // minutes; nowhere is farther from UTC
+constexpr int FIRST_YEAR = 2001;        // that the appliance takes
 
 constexpr const char *NOT_TAKEN =
     "a disk is being prepared, another program changes its settings, or it cannot take the "
@@ -60,10 +60,10 @@ int ReadName(const Options &options, const char *option, std::string *name) {
   const std::string *text = Given(options, option);
   if (text == nullptr) return EXIT_DONE;
   *name = *text;
-  if (!name->empty() && name->size() <= LONGEST_NAME && name->front() != '-' &&
+  if (!name->empty() && name->size() <= MAX_NAME && name->front() != '-' &&
       std::none_of(name->begin(), name->end(), IsControl))
     return EXIT_DONE;
-  return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(LONGEST_NAME) +
+  return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(MAX_NAME) +
                       " bytes, none of them a control character, and not begin with '-'");
 }
 
@@ -85,12 +85,10 @@ int ReadTimezone(const Options &options, Settings *settings) {
   const char *end = text->data() + text->size();
   const auto [after, error] = std::from_chars(text->data(), end, minutes);
   settings->timezone = minutes;
-  if (error == std::errc() && after == end && minutes >= -LONGEST_OFFSET &&
-      minutes <= LONGEST_OFFSET)
+  if (error == std::errc() && after == end && minutes >= -MAX_OFFSET && minutes <= MAX_OFFSET)
     return EXIT_DONE;
-  return UsageFailure("--timezone must be a number of minutes from -" +
-                      std::to_string(LONGEST_OFFSET) + " to " + std::to_string(LONGEST_OFFSET) +
-                      ", not '" + SafeText(*text) + "'");
+  return UsageFailure("--timezone must be a number of minutes from -" + std::to_string(MAX_OFFSET) +
+                      " to " + std::to_string(MAX_OFFSET) + ", not '" + SafeText(*text) + "'");
 }
 
 int ReadSettings(const Options &options, Settings *settings) {
@@ -138,8 +136,8 @@ int CheckSystem(const Session &session, const Settings &settings) {
 }
 
 DateTime LocalTime() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local = {};
+  const time_t now = time(nullptr);
+  tm local = {};
   localtime_r(&now, &local);
   const auto number = [](int value) { return static_cast<uint16_t>(value); };
   return {number(local.tm_year + 1900), number(local.tm_mon + 1),
@@ -213,20 +211,20 @@ Request ChangeRequest(const Settings &settings) {
 
 int Set(const Options &options) {
   Settings settings;
-  Permit permit;
+  Credentials credentials;
   int status = ReadSettings(options, &settings);
   if (status == EXIT_DONE && ChangesAddress(settings))
-    status = CheckAssent(options, QuestionText(settings));
-  if (status == EXIT_DONE) status = ReadPermit(options, &permit);
+    status = CheckConfirmable(options, QuestionText(settings));
+  if (status == EXIT_DONE) status = ReadCredentials(options, &credentials);
   if (status != EXIT_DONE) return status;
   Session session;
-  status = OpenSession(options, SecretsOf(permit), &session);
+  status = OpenSession(options, SecretsOf(credentials), &session);
   if (status != EXIT_DONE) return status;
   const Options chosen = SessionOptions(options, session);
   status = CheckSystem(session, settings);
   if (status == EXIT_DONE && ChangesAddress(settings))
-    status = Assent(chosen, session, QuestionText(settings), EXPLANATION);
-  if (status == EXIT_DONE) status = ObtainOrTell(chosen, session, permit);
+    status = Confirm(chosen, session, QuestionText(settings), EXPLANATION);
+  if (status == EXIT_DONE) status = AuthorizeOrTell(chosen, session, credentials);
   return status == EXIT_DONE ? AskChange(chosen, session, &settings) : status;
 }
 

@@ -1,15 +1,15 @@
 // The set command: changes an appliance's network settings, names and clock in one request.
 
-#ifndef BH_BHCTL_SET_H_
-#define BH_BHCTL_SET_H_
+#ifndef BH_TOOLS_BHCTL_SET_H_
+#define BH_TOOLS_BHCTL_SET_H_
 
 #include <cstdint>
 #include <optional>
 #include <string>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/options.h"
 #include "tools/bhctl/text.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
@@ -35,4 +35,4 @@ Request ChangeRequest(const Settings &settings);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_SET_H_
+#endif  // BH_TOOLS_BHCTL_SET_H_

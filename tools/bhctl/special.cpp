@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "tools/bhctl/client.h"
+#include "tools/bhctl/credentials.h"
 #include "tools/bhctl/password.h"
-#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
 #include "tools/bhctl/session.h"
@@ -37,49 +37,49 @@ constexpr SpecialGroup GROUPS[] = {
 };
 
 constexpr Special SPECIALS[] = {
-    {"enable", "", kPassPhrase, SPECIAL_COMMAND_MODE, 0, 0,
+    {"enable", "", PASS_PHRASE, SPECIAL_COMMAND_MODE, 0, 0,
      "Enable the command mode for this machine, and for no other"},
-    {"disable", "", kNone, SPECIAL_COMMAND_MODE, 1, 0, "Disable the command mode"},
-    {"login", "", kPassword, SPECIAL_LOGIN, 0, ENABLED,
+    {"disable", "", NONE, SPECIAL_COMMAND_MODE, 1, 0, "Disable the command mode"},
+    {"login", "", PASSWORD, SPECIAL_LOGIN, 0, ENABLED,
      "Have the administrator's password verified"},
-    {"reboot", "", kNone, 0x01, 0, ENABLED | ASKS, "Restart the appliance"},
-    {"shutdown", "", kNone, 0x02, 0, ENABLED | ASKS, "Switch the appliance off"},
-    {"boot", "emergency", kNone, 0x03, 0, ENABLED | ASKS, "Start the emergency system next"},
-    {"boot", "disk", kNone, 0x04, 0, ENABLED | ASKS, "Start the disk's system next",
+    {"reboot", "", NONE, 0x01, 0, ENABLED | ASKS, "Restart the appliance"},
+    {"shutdown", "", NONE, 0x02, 0, ENABLED | ASKS, "Switch the appliance off"},
+    {"boot", "emergency", NONE, 0x03, 0, ENABLED | ASKS, "Start the emergency system next"},
+    {"boot", "disk", NONE, 0x04, 0, ENABLED | ASKS, "Start the disk's system next",
      "the mark for the disk's system could not be made"},
-    {"blink", "", kNone, 0x05, 0, 0, "Let the appliance blink for 3 seconds"},
-    {"config", "save", kNone, 0x06, 0, 0, "Save the configuration"},
-    {"config", "load", kNone, 0x07, 0, ASKS, "Replace the configuration by the saved one"},
-    {"web-reset", "", kNone, 0x08, 0, ASKS, "Set the web settings back to what they were new"},
-    {"lock", "status", kNone, 0x09, 0, 0, "See the lock", "", kLockStatus},
-    {"lock", "take", kNone, 0x0A, 0, 0, "Take the lock for the daemon", "", kLock},
-    {"lock", "release", kNone, 0x0B, 0, 0, "Release the daemon's lock",
+    {"blink", "", NONE, 0x05, 0, 0, "Let the appliance blink for 3 seconds"},
+    {"config", "save", NONE, 0x06, 0, 0, "Save the configuration"},
+    {"config", "load", NONE, 0x07, 0, ASKS, "Replace the configuration by the saved one"},
+    {"web-reset", "", NONE, 0x08, 0, ASKS, "Set the web settings back to what they were new"},
+    {"lock", "status", NONE, 0x09, 0, 0, "See the lock", "", LOCK_STATUS},
+    {"lock", "take", NONE, 0x0A, 0, 0, "Take the lock for the daemon", "", LOCK},
+    {"lock", "release", NONE, 0x0B, 0, 0, "Release the daemon's lock",
      "there is no lock: none was ever taken since the appliance started"},
-    {"trace", "on", kNone, 0x0E, 0, 0, "Switch the trace on"},
-    {"trace", "off", kNone, 0x0E, 1, 0, "Switch the trace off"},
-    {"set-mac", "", kMac, 0x0F, 0, ENABLED | ASKS,
+    {"trace", "on", NONE, 0x0E, 0, 0, "Switch the trace on"},
+    {"trace", "off", NONE, 0x0E, 1, 0, "Switch the trace off"},
+    {"set-mac", "", MAC, 0x0F, 0, ENABLED | ASKS,
      "Give the network hardware another MAC address, for good",
      "the network hardware cannot be written"},
-    {"raid create", "normal", kNone, 0x11, 3, ENABLED | ASKS,
+    {"raid create", "normal", NONE, 0x11, 3, ENABLED | ASKS,
      "Make single disks, which loses all on them"},
-    {"raid create", "jbod", kNone, 0x11, 4, ENABLED | ASKS,
+    {"raid create", "jbod", NONE, 0x11, 4, ENABLED | ASKS,
      "Join the disks, which loses all on them"},
-    {"raid create", "raid1", kNone, 0x11, 5, ENABLED | ASKS,
+    {"raid create", "raid1", NONE, 0x11, 5, ENABLED | ASKS,
      "Mirror the disks, which loses all on them"},
-    {"raid create", "raid5", kNone, 0x11, 6, ENABLED | ASKS,
+    {"raid create", "raid5", NONE, 0x11, 6, ENABLED | ASKS,
      "Make a RAID 5, which loses all on the disks"},
-    {"language", "japanese", kNone, 0x12, 0, ENABLED, "Japanese", "it cannot be written"},
-    {"language", "english", kNone, 0x12, 1, ENABLED, "English", "it cannot be written"},
-    {"test", "disk", kDevice, 0x40, 1, ENABLED | ASKS,
-     "Write and read parts of a disk, which loses what is on it", "", kState, seconds(600)},
-    {"test", "usb", kDevice, 0x40, 0, ENABLED | ASKS,
-     "Write and read a part of a USB disk, which loses what is on it", "", kState, seconds(600)},
-    {"test", "ups", kNone, 0x50, 0, ENABLED, "Test the UPS port", "the port's signals are wrong",
-     kState, seconds(60)},
-    {"remove", "", kPath, 0x41, 0, ENABLED | ASKS, "Remove a file or an empty directory",
+    {"language", "japanese", NONE, 0x12, 0, ENABLED, "Japanese", "it cannot be written"},
+    {"language", "english", NONE, 0x12, 1, ENABLED, "English", "it cannot be written"},
+    {"test", "disk", DEVICE, 0x40, 1, ENABLED | ASKS,
+     "Write and read parts of a disk, which loses what is on it", "", STATE, seconds(600)},
+    {"test", "usb", DEVICE, 0x40, 0, ENABLED | ASKS,
+     "Write and read a part of a USB disk, which loses what is on it", "", STATE, seconds(600)},
+    {"test", "ups", NONE, 0x50, 0, ENABLED, "Test the UPS port", "the port's signals are wrong",
+     STATE, seconds(60)},
+    {"remove", "", PATH, 0x41, 0, ENABLED | ASKS, "Remove a file or an empty directory",
      "there is no such file, or it is a directory that is not empty"},
-    {"checksum", "", kPath, 0x42, 0, 0, "Show the 16-bit checksum of a file", "", kChecksum},
-    {"clear-usb", "", kNone, 0x45, 0, ENABLED, "Forget the USB disks in the disk information"},
+    {"checksum", "", PATH, 0x42, 0, 0, "Show the 16-bit checksum of a file", "", CHECKSUM},
+    {"clear-usb", "", NONE, 0x45, 0, ENABLED, "Forget the USB disks in the disk information"},
 };
 
 constexpr Hint HINTS[] = {
@@ -108,7 +108,7 @@ struct Call {
   std::string operand;           // as it was given
   std::vector<uint8_t> text;     // of the request, unless it is a secret
   std::optional<Secret> secret;  // goes as the text, under the session's key
-  Permit permit;
+  Credentials credentials;
   Session session;
 };
 
@@ -156,7 +156,7 @@ int ReadMac(Call *call) {
 
 int ReadSecret(Call *call) {
   std::string text;
-  const bool phrase = call->row->operand == kPassPhrase;
+  const bool phrase = call->row->operand == PASS_PHRASE;
   const int status =
       phrase ? NeedPassPhrase(call->options, &text) : NeedPassword(call->options, &text);
   call->secret = phrase ? PassPhrase(text) : AdminPassword(text);
@@ -170,12 +170,12 @@ int ReadOperand(Call *call) {
     if (given != nullptr && (name == nullptr || std::string_view(name) != other))
       return UsageFailure("unexpected argument '" + SafeText(*given) + "'");
   }
-  if (call->row->operand == kPassPhrase || call->row->operand == kPassword) return ReadSecret(call);
+  if (call->row->operand == PASS_PHRASE || call->row->operand == PASSWORD) return ReadSecret(call);
   if (name == nullptr) return EXIT_DONE;
   const std::string *given = Given(call->options, name);
   if (given == nullptr) return UsageFailure(std::string(name) + " is required");
   call->operand = *given;
-  return call->row->operand == kMac ? ReadMac(call) : ReadPath(name, call);
+  return call->row->operand == MAC ? ReadMac(call) : ReadPath(name, call);
 }
 
 int ReadCall(const Options &options, Call *call) {
@@ -183,49 +183,49 @@ int ReadCall(const Options &options, Call *call) {
   if (call->row == nullptr) return EXIT_USAGE;
   call->options = options;
   if (options.timeout.count() == 0) call->options.timeout = call->row->timeout;
-  if ((call->row->properties & ENABLED) != 0) call->permit = PermitOf(options);
+  if ((call->row->properties & ENABLED) != 0) call->credentials = CredentialsOf(options);
   const int status = ReadOperand(call);
   if (status != EXIT_DONE || (call->row->properties & ASKS) == 0) return status;
-  return CheckAssent(options, CommandText(*call));
+  return CheckConfirmable(options, CommandText(*call));
 }
 
 int OpenCallSession(Call *call) {
-  std::vector<Secret> secrets = SecretsOf(call->permit);
+  std::vector<Secret> secrets = SecretsOf(call->credentials);
   if (call->secret) secrets.push_back(*call->secret);
   const int status = OpenSession(call->options, secrets, &call->session);
   if (status != EXIT_DONE) return status;
   call->options = SessionOptions(call->options, call->session);
   if (call->secret) call->text = EncodePassword(*call->secret, call->session.key).value();
   if ((call->row->properties & ASKS) == 0) return EXIT_DONE;
-  return Assent(call->options, call->session, CommandText(*call), call->row->description);
+  return Confirm(call->options, call->session, CommandText(*call), call->row->description);
 }
 
 std::string RefusalHint(const Call &call, uint32_t state) {
   if (state == ACP_STATE_NOT_PERMIT) return NotEnabledHint(call.session);
   if (state == ACP_STATE_PASSWORD_ERROR && call.secret)
     return std::string(call.secret->name) + " is wrong";
-  if (call.row->result == kLock) return HintFor(LOCK_HINTS, state);
-  if (call.row->result == kChecksum && state == NO_CHECKSUM)
+  if (call.row->result == LOCK) return HintFor(LOCK_HINTS, state);
+  if (call.row->result == CHECKSUM && state == NO_CHECKSUM)
     return "the file is missing, empty, unreadable or nothing but zero bytes";
   return state == ACP_STATE_FAILURE ? call.row->failure : HintFor(HINTS, state);
 }
 
 bool IsRefused(const Call &call, uint32_t result) {
-  if (call.row->result == kChecksum) return result >= NO_CHECKSUM;
-  if (call.row->result == kLockStatus) return result > LOCK_NOT_HELD;
+  if (call.row->result == CHECKSUM) return result >= NO_CHECKSUM;
+  if (call.row->result == LOCK_STATUS) return result > LOCK_NOT_HELD;
   return result != ACP_STATE_OK;
 }
 
 int ShowDone(const Call &call, uint32_t result) {
   Json object = {{"mac", MacText(call.session.mac)}, {"state", StateName(ACP_STATE_OK)}};
   std::string line = "done";
-  if (call.row->result == kChecksum) {
+  if (call.row->result == CHECKSUM) {
     char text[7];
-    std::snprintf(text, sizeof text, "0x%04x", result & 0xFFFFU);
+    snprintf(text, sizeof(text), "0x%04x", result & 0xFFFFU);
     object["checksum"] = line = text;
   }
-  if (call.row->result == kLock) line = "taken";
-  if (call.row->result == kLockStatus) {
+  if (call.row->result == LOCK) line = "taken";
+  if (call.row->result == LOCK_STATUS) {
     object["held"] = result == LOCK_HELD;
     line = result == LOCK_HELD
                ? "held by the appliance's daemon, or never taken since the appliance started"
@@ -255,16 +255,16 @@ const SpecialGroup *FindGroup(const char *name) {
 }
 
 const char *OperandName(Operand operand) {
-  if (operand == kPath) return "PATH";
-  if (operand == kDevice) return "DEVICE";
-  return operand == kMac ? "MAC" : nullptr;
+  if (operand == PATH) return "PATH";
+  if (operand == DEVICE) return "DEVICE";
+  return operand == MAC ? "MAC" : nullptr;
 }
 
 int RunSpecial(const Options &options) {
   Call call;
   int status = ReadCall(options, &call);
   if (status == EXIT_DONE) status = OpenCallSession(&call);
-  if (status == EXIT_DONE) status = ObtainOrTell(call.options, call.session, call.permit);
+  if (status == EXIT_DONE) status = AuthorizeOrTell(call.options, call.session, call.credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
   const Request request = SpecialRequest(call.row->code, call.row->extra, call.text);

@@ -1,8 +1,8 @@
 // The management commands that are one ACP_SPECIAL request each. The table has a row for each of
 // them; the command line and the help are made from it.
 
-#ifndef BH_BHCTL_SPECIAL_H_
-#define BH_BHCTL_SPECIAL_H_
+#ifndef BH_TOOLS_BHCTL_SPECIAL_H_
+#define BH_TOOLS_BHCTL_SPECIAL_H_
 
 #include <chrono>
 #include <cstdint>
@@ -13,10 +13,10 @@
 namespace bhctl {
 
 // What the request carries as its text.
-enum class Operand { kNone, kPath, kDevice, kMac, kPassPhrase, kPassword };
+enum class Operand { NONE, PATH, DEVICE, MAC, PASS_PHRASE, PASSWORD };
 
 // What the reply's result is: a state, or what the configuration lock or a file's checksum is like.
-enum class ResultKind { kState, kLock, kLockStatus, kChecksum };
+enum class ResultKind { STATE, LOCK, LOCK_STATUS, CHECKSUM };
 
 // Properties of a row, added up.
 constexpr unsigned int ENABLED = 1;  // the command mode must be enabled for this machine
@@ -31,7 +31,7 @@ struct Special {
   unsigned int properties;
   const char *description;
   const char *failure = "";  // what ACP_STATE_FAILURE means
-  ResultKind result = ResultKind::kState;
+  ResultKind result = ResultKind::STATE;
   std::chrono::seconds timeout{30};
 };
 
@@ -59,4 +59,4 @@ int RaidOrCreate(const Options &options);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_SPECIAL_H_
+#endif  // BH_TOOLS_BHCTL_SPECIAL_H_

@@ -1,8 +1,8 @@
 // Commands that look at appliances and change nothing: ping, disk, raid, partition. Each returns
 // the program's exit status.
 
-#ifndef BH_BHCTL_STATUS_H_
-#define BH_BHCTL_STATUS_H_
+#ifndef BH_TOOLS_BHCTL_STATUS_H_
+#define BH_TOOLS_BHCTL_STATUS_H_
 
 #include "tools/bhctl/options.h"
 
@@ -15,4 +15,4 @@ int Partition(const Options &options);  // argument PATH
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_STATUS_H_
+#endif  // BH_TOOLS_BHCTL_STATUS_H_

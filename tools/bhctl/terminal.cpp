@@ -16,7 +16,7 @@
 namespace bhctl {
 namespace {
 
-constexpr size_t LONGEST_LINE = 4096;  // bytes; no password is that long
+constexpr size_t MAX_LINE = 4096;  // bytes; no password is that long
 
 std::string ApplianceText(const Session &session) {
   return SafeText(FieldText(session.info.host_name)) + " (" + MacText(session.mac) + ")";
@@ -31,7 +31,7 @@ bool IsTerminal() {
 bool ReadLine(std::string *line) {
   char byte = 0;
   bool any = false;
-  while (line->size() <= LONGEST_LINE) {
+  while (line->size() <= MAX_LINE) {
     const ssize_t got = read(STDIN_FILENO, &byte, 1);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
@@ -50,7 +50,7 @@ bool ReadHidden(const char *prompt, std::string *line) {
   termios silent = before;
   silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
-  std::fputs(prompt, stderr);
+  fputs(prompt, stderr);
   pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {interrupt.fd, POLLIN, 0}};
   while (poll(watched, 2, -1) < 0 && errno == EINTR)
     ;
@@ -61,17 +61,17 @@ bool ReadHidden(const char *prompt, std::string *line) {
   return read;
 }
 
-int CheckAssent(const Options &options, const std::string &what) {
-  if (options.assent || IsTerminal()) return EXIT_DONE;
+int CheckConfirmable(const Options &options, const std::string &what) {
+  if (options.assume_yes || IsTerminal()) return EXIT_DONE;
   PrintError(SafeText(what) + " asks before it is done: give --yes where there is no terminal");
   return EXIT_USAGE;
 }
 
-int Assent(const Options &options, const Session &session, const std::string &what,
-           const std::string &explanation) {
-  if (options.assent) return EXIT_DONE;
-  std::fprintf(stderr, "%s.\n%s on %s: sure? [y/N] ", explanation.c_str(), SafeText(what).c_str(),
-               ApplianceText(session).c_str());
+int Confirm(const Options &options, const Session &session, const std::string &what,
+            const std::string &explanation) {
+  if (options.assume_yes) return EXIT_DONE;
+  fprintf(stderr, "%s.\n%s on %s: sure? [y/N] ", explanation.c_str(), SafeText(what).c_str(),
+          ApplianceText(session).c_str());
   std::string answer;
   if (!ReadLine(&answer)) std::fputc('\n', stderr);
   if (answer == "y" || answer == "Y" || answer == "yes") return EXIT_DONE;

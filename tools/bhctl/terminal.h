@@ -1,7 +1,7 @@
 // What is asked of whoever sits at the terminal.
 
-#ifndef BH_BHCTL_TERMINAL_H_
-#define BH_BHCTL_TERMINAL_H_
+#ifndef BH_TOOLS_BHCTL_TERMINAL_H_
+#define BH_TOOLS_BHCTL_TERMINAL_H_
 
 #include <string>
 
@@ -19,16 +19,16 @@ bool ReadLine(std::string *line);
 // The same from the terminal, after the prompt; what is typed does not show.
 bool ReadHidden(const char *prompt, std::string *line);
 
-// Whether Assent can be asked for: on a terminal, or not at all with options.assent. Returns
+// Whether Confirm can be asked for: on a terminal, or not at all with options.assume_yes. Returns
 // EXIT_DONE, or says so and returns EXIT_USAGE; `what` names the command.
-int CheckAssent(const Options &options, const std::string &what);
+int CheckConfirmable(const Options &options, const std::string &what);
 
 // Tells what the command does and asks whether to do it on this appliance. Returns EXIT_DONE for
-// yes, or without asking with options.assent; else says that nothing was done and returns
+// yes, or without asking with options.assume_yes; else says that nothing was done and returns
 // EXIT_USAGE.
-int Assent(const Options &options, const Session &session, const std::string &what,
-           const std::string &explanation);
+int Confirm(const Options &options, const Session &session, const std::string &what,
+            const std::string &explanation);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_TERMINAL_H_
+#endif  // BH_TOOLS_BHCTL_TERMINAL_H_

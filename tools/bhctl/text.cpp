@@ -116,8 +116,8 @@ std::optional<Mac> ParseMac(std::string_view text) {
 
 std::string MacText(const Mac &mac) {
   char text[18];
-  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
-                mac[4], mac[5]);
+  snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
+           mac[4], mac[5]);
   return text;
 }
 
@@ -155,7 +155,7 @@ std::string StateName(uint32_t state) {
                                    [=](const NamedState &named) { return named.state == state; });
   if (found != std::end(STATES)) return found->name;
   char text[11];
-  std::snprintf(text, sizeof text, "0x%08" PRIX32, state);
+  snprintf(text, sizeof(text), "0x%08" PRIX32, state);
   return text;
 }
 
@@ -199,21 +199,21 @@ std::optional<uint32_t> ParseU32(std::string_view text) {
 
 std::string HexText(uint32_t number) {
   char text[11];
-  std::snprintf(text, sizeof text, "0x%" PRIx32, number);
+  snprintf(text, sizeof(text), "0x%" PRIx32, number);
   return text;
 }
 
 std::string WordText(uint32_t word) {
   char text[11];
-  std::snprintf(text, sizeof text, "0x%08" PRIx32, word);
+  snprintf(text, sizeof(text), "0x%08" PRIx32, word);
   return text;
 }
 
 std::string MillisecondsText(std::chrono::microseconds time) {
   const auto microseconds = static_cast<int64_t>(time.count());
   char text[32];
-  std::snprintf(text, sizeof text, "%" PRId64 ".%03" PRId64 " ms", microseconds / 1000,
-                microseconds % 1000);
+  snprintf(text, sizeof(text), "%" PRId64 ".%03" PRId64 " ms", microseconds / 1000,
+           microseconds % 1000);
   return text;
 }
 

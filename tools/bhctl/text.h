@@ -1,7 +1,7 @@
 // Values as texts and back. The results do not depend on the locale.
 
-#ifndef BH_BHCTL_TEXT_H_
-#define BH_BHCTL_TEXT_H_
+#ifndef BH_TOOLS_BHCTL_TEXT_H_
+#define BH_TOOLS_BHCTL_TEXT_H_
 
 #include <chrono>
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "tools/bhctl/wire.h"
+#include "tools/bhctl/datagram.h"
 
 namespace bhctl {
 
@@ -66,4 +66,4 @@ std::string MillisecondsText(std::chrono::microseconds time);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_TEXT_H_
+#endif  // BH_TOOLS_BHCTL_TEXT_H_

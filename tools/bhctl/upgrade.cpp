@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "tools/bhctl/client.h"
+#include "tools/bhctl/credentials.h"
 #include "tools/bhctl/image.h"
 #include "tools/bhctl/interrupt.h"
-#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
 #include "tools/bhctl/text.h"
@@ -21,11 +21,11 @@
 namespace bhctl {
 namespace {
 
-constexpr std::chrono::seconds STANDSTILL{30};  // of an upload, at most
-constexpr std::chrono::seconds GIVING_UP{15};   // a stopped receiver's end takes 11 s at most
+constexpr std::chrono::seconds STANDSTILL_TIMEOUT{30};  // of an upload, at most
+constexpr std::chrono::seconds GIVING_UP{15};  // a stopped receiver's end takes 11 s at most
 
-constexpr size_t UNUSED_BYTES = 8;       // before the password
-constexpr size_t SHORTEST_REQUEST = 36;  // bytes of body
+constexpr size_t UNUSED_BYTES = 8;  // before the password
+constexpr size_t MIN_REQUEST = 36;  // bytes of body
 // These products take no password with the request: it must be confirmed before.
 constexpr uint32_t CONFIRMING_PRODUCTS[] = {0x2001, 0x2002};
 
@@ -51,7 +51,7 @@ struct Job {
   Session session;
   Image image;
   Update update;
-  Permit permit;  // for products that take no password with the request
+  Credentials credentials;  // for products that take no password with the request
   Descriptor interrupt;
 };
 
@@ -99,7 +99,7 @@ bool ReadNumber(const Options &options, const char *name, uint32_t lowest, uint3
 bool ReadZipPassword(const Options &options, Update *update) {
   const std::string *text = Given(options, "--zip-password");
   if (text == nullptr) return true;
-  update->zip_password = {*text, LONGEST_ZIP_PASSWORD, "--zip-password"};
+  update->zip_password = {*text, MAX_ZIP_PASSWORD, "--zip-password"};
   update->password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password the administrator's password"};
   if (!text->empty()) return true;
   PrintError("--zip-password must not be empty");
@@ -120,13 +120,13 @@ int ReadArguments(const Options &options, Job *job) {
   }
   job->update.size = job->image.size;
   job->update.checksum = job->image.checksum;
-  const int status = ReadPermit(options, &job->permit);
-  if (job->permit.password) job->update.password.text = job->permit.password->text;
+  const int status = ReadCredentials(options, &job->credentials);
+  if (job->credentials.password) job->update.password.text = job->credentials.password->text;
   return status;
 }
 
 int OpenJobSession(const Options &options, Job *job) {
-  std::vector<Secret> secrets = SecretsOf(job->permit);
+  std::vector<Secret> secrets = SecretsOf(job->credentials);
   secrets.push_back(job->update.password);
   if (job->update.zip_password) secrets.push_back(*job->update.zip_password);
   const int status = OpenSession(options, secrets, &job->session);
@@ -182,10 +182,10 @@ int GiveUp(const Job &job, const char *step, const std::string &why) {
   return EXIT_NO_ANSWER;
 }
 
-int GetPermit(const Job &job) {
+int GetCredentials(const Job &job) {
   if (!MustConfirm(job)) return EXIT_DONE;
   Refusal refusal;
-  const int status = Obtain(job.options, job.session, job.permit, &refusal);
+  const int status = Authorize(job.options, job.session, job.credentials, &refusal);
   if (status == EXIT_REFUSED) return Refused(job, "request", refusal.state, refusal.hint);
   return status == EXIT_DONE ? status : Fail("request", "nothing was changed", status);
 }
@@ -208,7 +208,7 @@ int SendImage(const Job &job) {
   Receiver receiver;
   receiver.address = job.session.info.address;
   receiver.interface = job.session.interface;
-  receiver.patience = std::min<std::chrono::microseconds>(job.options.timeout, STANDSTILL);
+  receiver.patience = std::min<std::chrono::microseconds>(job.options.timeout, STANDSTILL_TIMEOUT);
   std::string why;
   if (!Upload(job.image, receiver, job.options.json, job.interrupt, &why))
     return GiveUp(job, "upload", why);
@@ -236,7 +236,7 @@ int Install(const Job &job) {
   if (answer->command == ACP_FIRMUP_END_REPLY) {
     if (answer->state != ACP_STATE_OK)
       return Refused(job, "end", answer->state, HintFor(END_HINTS, answer->state));
-    if (!job.options.json) std::fputs("installing, which may take minutes\n", stderr);
+    if (!job.options.json) fputs("installing, which may take minutes\n", stderr);
     answer = Await(exchange, job.options.timeout, Descriptor());
   }
   if (!answer)
@@ -264,7 +264,7 @@ Request UpdateRequest(const Update &update, uint32_t key) {
     add_password(*update.zip_password);
   }
   body.push_back(0);
-  body.resize(std::max(body.size(), SHORTEST_REQUEST));
+  body.resize(std::max(body.size(), MIN_REQUEST));
   return request;
 }
 
@@ -282,7 +282,7 @@ int Upgrade(const Options &options) {
   if (status == EXIT_DONE) status = CheckAppliance(&job);
   if (status != EXIT_DONE) return status;
   if (options.arguments.contains("--dry-run")) return ShowPlan(job);
-  status = GetPermit(job);
+  status = GetCredentials(job);
   if (status != EXIT_DONE) return status;
   job.interrupt = HoldInterrupts();
   status = AskForUpdate(job);

@@ -1,14 +1,14 @@
 // The upgrade command: installs a firmware image on one appliance.
 
-#ifndef BH_BHCTL_UPGRADE_H_
-#define BH_BHCTL_UPGRADE_H_
+#ifndef BH_TOOLS_BHCTL_UPGRADE_H_
+#define BH_TOOLS_BHCTL_UPGRADE_H_
 
 #include <cstdint>
 #include <optional>
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/options.h"
 #include "tools/bhctl/session.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
@@ -28,7 +28,7 @@ struct Update {
 
 // Bytes for the administrator's password before that of an archive, and for that one.
 constexpr size_t PASSWORD_BEFORE_ZIP = 8;
-constexpr size_t LONGEST_ZIP_PASSWORD = 511;
+constexpr size_t MAX_ZIP_PASSWORD = 511;
 
 // Requires a session's key: one under which EncodePassword takes both passwords.
 Request UpdateRequest(const Update &update, uint32_t key);
@@ -38,4 +38,4 @@ Request UpdateEndRequest(bool uploaded);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_UPGRADE_H_
+#endif  // BH_TOOLS_BHCTL_UPGRADE_H_

@@ -49,8 +49,8 @@ std::string PercentText(uint64_t sent, uint64_t total) {
 
 std::string LeftText(uint64_t seconds) {
   char text[32];
-  std::snprintf(text, sizeof text, "%u:%02u left", static_cast<unsigned int>(seconds / 60),
-                static_cast<unsigned int>(seconds % 60));
+  snprintf(text, sizeof(text), "%u:%02u left", static_cast<unsigned int>(seconds / 60),
+           static_cast<unsigned int>(seconds % 60));
   return text;
 }
 
@@ -58,12 +58,12 @@ void ShowLine(const Progress &progress, uint64_t sent) {
   const auto elapsed = std::chrono::duration_cast<Milliseconds>(progress.shown - progress.begun);
   std::string line = ProgressText(sent, progress.total, elapsed);
   line.resize(std::max(line.size(), LINE_WIDTH), ' ');
-  std::fprintf(stderr, "\r%s", line.c_str());
+  fprintf(stderr, "\r%s", line.c_str());
 }
 
 void ShowQuarter(const Progress &progress) {
-  std::fprintf(stderr, "uploaded %s of %s\n", PercentText(progress.quarters, QUARTERS).c_str(),
-               SizeText(progress.total).c_str());
+  fprintf(stderr, "uploaded %s of %s\n", PercentText(progress.quarters, QUARTERS).c_str(),
+          SizeText(progress.total).c_str());
 }
 
 void Show(Progress *progress, uint64_t sent) {
@@ -100,7 +100,7 @@ bool Wait(const Link &link, short events, std::string *why) {
 
 int SocketError(const Descriptor &socket) {
   int error = 0;
-  socklen_t size = sizeof error;
+  socklen_t size = sizeof(error);
   return getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
@@ -108,7 +108,7 @@ int SocketError(const Descriptor &socket) {
 bool OpenSocket(const std::string &interface, Descriptor *socket) {
   *socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (socket->fd < 0) return false;
-  setsockopt(socket->fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
+  setsockopt(socket->fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof(SEND_BUFFER));
   return setsockopt(socket->fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
                     static_cast<socklen_t>(interface.size())) == 0;
 }
@@ -120,7 +120,7 @@ int TryConnect(const Receiver &receiver, Link *link) {
   address.sin_family = AF_INET;
   address.sin_port = htons(ACP_PORT);  // the number of the datagrams' port
   address.sin_addr.s_addr = htonl(receiver.address);
-  if (connect(link->socket.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+  if (connect(link->socket.fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
     return 0;
   if (errno != EINPROGRESS) return errno;
   std::string why;
@@ -135,7 +135,7 @@ bool Connect(const Receiver &receiver, Link *link, std::string *why) {
     if (Interrupted(*link->interrupt)) return Fail("interrupted", why);
     if (error != ECONNREFUSED || Clock::now() >= last)
       return Fail("cannot connect to " + AddressText(receiver.address) + " port " +
-                      std::to_string(ACP_PORT) + ": " + std::strerror(error),
+                      std::to_string(ACP_PORT) + ": " + strerror(error),
                   why);
     pollfd interrupt = {link->interrupt->fd, POLLIN, 0};
     poll(&interrupt, 1, static_cast<int>(NEXT_TRY.count()));
@@ -149,16 +149,16 @@ bool SendPiece(const Link &link, Bytes piece, std::string *why) {
     if (sent >= 0)
       piece = piece.subspan(static_cast<size_t>(sent));
     else if (errno != EAGAIN && errno != EINTR)
-      return Fail(std::strerror(errno), why);
+      return Fail(strerror(errno), why);
   }
   return true;
 }
 
 bool SendImage(const Link &link, const Image &image, Progress *progress, std::string *why) {
-  std::vector<uint8_t> room(IMAGE_PIECE);
+  std::vector<uint8_t> buffer(IMAGE_PIECE);
   uint32_t checksum = 0;
   for (uint32_t at = 0; at < image.size;) {
-    const Bytes piece = ReadPiece(image, at, room, why);
+    const Bytes piece = ReadPiece(image, at, buffer, why);
     if (piece.empty() || !SendPiece(link, piece, why)) return false;
     checksum = AddToChecksum(checksum, piece);
     at += static_cast<uint32_t>(piece.size());
@@ -173,10 +173,10 @@ bool AwaitEnd(const Link &link, std::string *why) {
   do {
     if (!Wait(link, POLLIN, why)) return false;
     char byte = 0;
-    got = recv(link.socket.fd, &byte, sizeof byte, 0);
+    got = recv(link.socket.fd, &byte, sizeof(byte), 0);
   } while (got < 0 && (errno == EAGAIN || errno == EINTR));
   if (got == 0) return true;
-  return Fail(got < 0 ? std::strerror(errno) : "no receiver of images is at the other end", why);
+  return Fail(got < 0 ? strerror(errno) : "no receiver of images is at the other end", why);
 }
 
 }  // namespace

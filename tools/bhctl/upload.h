@@ -1,7 +1,7 @@
 // Brings an image to the appliance's receiver over TCP, and shows how far it is.
 
-#ifndef BH_BHCTL_UPLOAD_H_
-#define BH_BHCTL_UPLOAD_H_
+#ifndef BH_TOOLS_BHCTL_UPLOAD_H_
+#define BH_TOOLS_BHCTL_UPLOAD_H_
 
 #include <chrono>
 #include <cstdint>
@@ -29,4 +29,4 @@ std::string ProgressText(uint64_t sent, uint64_t total, std::chrono::millisecond
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_UPLOAD_H_
+#endif  // BH_TOOLS_BHCTL_UPLOAD_H_

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
@@ -63,7 +63,7 @@ std::string RunTool(const std::vector<std::string> &argv, std::string_view input
 
 // The ends get numbers that differ from each other: the kernel reports the carrier of a link at
 // once only when its own number is not its peer's, and otherwise up to a second later.
-constexpr int kFirstWireIndex = 1001;
+constexpr int FIRST_WIRE_INDEX = 1001;
 
 static std::string AddressLine(const std::string &address, const std::string &device) {
   if (address.empty()) return "";
@@ -102,7 +102,7 @@ std::string MakeWires(std::vector<Board> *boards) {
   for (Board &board : *boards) {
     for (const Interface &interface : board.config.interfaces) {
       board.wires.push_back("wire" + std::to_string(next));
-      batch += WireLines(interface, board.wires.back(), kFirstWireIndex + next++, board.init);
+      batch += WireLines(interface, board.wires.back(), FIRST_WIRE_INDEX + next++, board.init);
     }
   }
   return RunTool({"ip", "-batch", "-"}, batch);
@@ -143,7 +143,7 @@ bool WaitForCarrier(const std::string &name) {
   const Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   return WaitFor([&] {
     struct ifreq request {};
-    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    name.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
     return ioctl(socket_fd.fd, SIOCGIFFLAGS, &request) == 0 &&
            (request.ifr_flags & IFF_RUNNING) != 0;
   });

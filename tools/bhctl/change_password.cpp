@@ -1,14 +1,14 @@
 // The request brings the new password as the account database stores it. Beside the old password,
 // which proves who asks, it has room for 16 bytes of that: the shortest form of crypt(3) fits.
 
-#include "tools/bhctl/passwd.h"
+#include "tools/bhctl/change_password.h"
 
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "tools/bhctl/client.h"
+#include "tools/bhctl/credentials.h"
 #include "tools/bhctl/password.h"
-#include "tools/bhctl/permit.h"
 #include "tools/bhctl/print.h"
 #include "tools/bhctl/refusal.h"
 #include "tools/bhctl/session.h"
@@ -19,7 +19,7 @@ namespace {
 
 constexpr uint8_t CHANGE_PASSWORD = 0x10;
 constexpr uint32_t WITH_OLD_PASSWORD = 0;
-constexpr size_t HASH_ROOM = 16;  // bytes before the old password
+constexpr size_t HASH_CAPACITY = 16;  // bytes before the old password
 
 constexpr Hint HINTS[] = {
     {ACP_STATE_PASSWORD_ERROR, "the old password is wrong"},
@@ -32,12 +32,12 @@ int ReadPasswords(const Options &options, Secret *old_password, Secret *hash) {
   int status = NeedPassword(options, &text);
   *old_password = AdminPassword(text);
   std::optional<std::string> new_password;
-  if (const char *value = std::getenv("BHCTL_NEW_PASSWORD"); value != nullptr) new_password = value;
+  if (const char *value = getenv("BHCTL_NEW_PASSWORD"); value != nullptr) new_password = value;
   if (const std::string *given = Given(options, "--new-password"); given != nullptr)
     new_password = *given;
   if (status == EXIT_DONE) status = NeedNewPassword(new_password, &text);
   if (status != EXIT_DONE) return status;
-  *hash = {HashPassword(text, InventSalt()), HASH_ROOM, "the hash"};
+  *hash = {HashPassword(text, InventSalt()), HASH_CAPACITY, "the hash"};
   if (!hash->text.empty()) return EXIT_DONE;
   PrintError("this machine cannot hash the new password");
   return EXIT_NO_ANSWER;
@@ -58,7 +58,7 @@ int ShowChange(const Options &options, const Session &session, uint32_t state) {
 
 Request PasswordChangeRequest(Bytes hash, Bytes old_password) {
   std::vector<uint8_t> text(hash.begin(), hash.end());
-  text.resize(HASH_ROOM);
+  text.resize(HASH_CAPACITY);
   text.insert(text.end(), old_password.begin(), old_password.end());
   return SpecialRequest(CHANGE_PASSWORD, WITH_OLD_PASSWORD, text);
 }
@@ -68,14 +68,14 @@ int Passwd(const Options &options) {
   Secret hash;
   int status = ReadPasswords(options, &old_password, &hash);
   if (status != EXIT_DONE) return status;
-  const Permit permit = PermitOf(options);
-  std::vector<Secret> secrets = SecretsOf(permit);
+  const Credentials credentials = CredentialsOf(options);
+  std::vector<Secret> secrets = SecretsOf(credentials);
   secrets.insert(secrets.end(), {old_password, hash});
   Session session;
   status = OpenSession(options, secrets, &session);
   if (status != EXIT_DONE) return status;
   const Options chosen = SessionOptions(options, session);
-  status = ObtainOrTell(chosen, session, permit);
+  status = AuthorizeOrTell(chosen, session, credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
   const Request request = PasswordChangeRequest(EncodePassword(hash, session.key).value(),

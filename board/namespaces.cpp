@@ -1,4 +1,4 @@
-// The lab: the namespaces of the process that boots boards. They are always of a user namespace of
+// The namespaces of the process that boots boards. They are always of a user namespace of
 // their own, for root too, so that no clock, mount or network of the machine is within reach.
 
 #include <fcntl.h>
@@ -17,13 +17,13 @@
 #include <sstream>
 #include <string>
 
-#include "board/pieces.h"
+#include "board/internal.h"
 
 namespace board {
 
 std::string Failure(std::string_view what) {
   const int error = errno;
-  return std::string(what) + ": " + std::strerror(error);
+  return std::string(what) + ": " + strerror(error);
 }
 
 bool WriteText(const std::string &path, std::string_view text) {
@@ -34,7 +34,7 @@ bool WriteText(const std::string &path, std::string_view text) {
 
 std::string ProgramDirectory() {
   char path[PATH_MAX];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof(path));
   if (length <= 0) return ".";
   const std::string program(path, static_cast<size_t>(length));
   return program.substr(0, program.rfind('/'));
@@ -43,7 +43,7 @@ std::string ProgramDirectory() {
 bool Raise(const std::string &interface) {
   const Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   struct ifreq request {};
-  interface.copy(request.ifr_name, sizeof request.ifr_name - 1);
+  interface.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
   if (ioctl(socket_fd.fd, SIOCGIFFLAGS, &request) != 0) return false;
   request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
   return ioctl(socket_fd.fd, SIOCSIFFLAGS, &request) == 0;
@@ -135,7 +135,7 @@ static bool EnterAsUser(std::string *why) {
   return entered;
 }
 
-bool EnterLab(std::string *why) {
+bool EnterNamespaces(std::string *why) {
   if (!(geteuid() == 0 ? EnterAsRoot(why) : EnterAsUser(why))) return false;
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return *why = WhyNoNamespace(), false;

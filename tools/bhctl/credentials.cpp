@@ -1,7 +1,7 @@
 // The command mode admits one requester, by its MAC address: whoever enables it must be who asks
 // next, hence both in one session.
 
-#include "tools/bhctl/permit.h"
+#include "tools/bhctl/credentials.h"
 
 #include "tools/bhctl/client.h"
 #include "tools/bhctl/password.h"
@@ -41,52 +41,53 @@ Request SpecialRequest(uint8_t code, uint32_t extra, Bytes text) {
 }
 
 Secret PassPhrase(const std::string &text) {
-  return {text, LONGEST_PASSWORD, "the pass phrase"};
+  return {text, MAX_PASSWORD, "the pass phrase"};
 }
 
 Secret AdminPassword(const std::string &text) {
-  return {text, LONGEST_PASSWORD, "the administrator's password"};
+  return {text, MAX_PASSWORD, "the administrator's password"};
 }
 
-Permit PermitOf(const Options &options) {
-  Permit permit;
-  if (!options.pass_phrase.empty()) permit.pass_phrase = PassPhrase(options.pass_phrase);
-  return permit;
+Credentials CredentialsOf(const Options &options) {
+  Credentials credentials;
+  if (!options.pass_phrase.empty()) credentials.pass_phrase = PassPhrase(options.pass_phrase);
+  return credentials;
 }
 
-int ReadPermit(const Options &options, Permit *permit) {
+int ReadCredentials(const Options &options, Credentials *credentials) {
   std::optional<std::string> password;
   const int status = ReadPassword(options, &password);
-  *permit = PermitOf(options);
+  *credentials = CredentialsOf(options);
   if (password && (options.password || options.password_stdin || !password->empty()))
-    permit->password = AdminPassword(*password);
+    credentials->password = AdminPassword(*password);
   return status;
 }
 
-std::vector<Secret> SecretsOf(const Permit &permit) {
+std::vector<Secret> SecretsOf(const Credentials &credentials) {
   std::vector<Secret> secrets;
-  if (permit.pass_phrase) secrets.push_back(*permit.pass_phrase);
-  if (permit.password) secrets.push_back(*permit.password);
+  if (credentials.pass_phrase) secrets.push_back(*credentials.pass_phrase);
+  if (credentials.password) secrets.push_back(*credentials.password);
   return secrets;
 }
 
-int Obtain(const Options &chosen, const Session &session, const Permit &permit, Refusal *refusal) {
-  if (permit.pass_phrase) {
+int Authorize(const Options &chosen, const Session &session, const Credentials &credentials,
+              Refusal *refusal) {
+  if (credentials.pass_phrase) {
     const int status =
-        Send(chosen, session, SPECIAL_COMMAND_MODE, *permit.pass_phrase, &refusal->state);
+        Send(chosen, session, SPECIAL_COMMAND_MODE, *credentials.pass_phrase, &refusal->state);
     refusal->hint = HintFor(PASS_PHRASE_HINTS, refusal->state);
     if (status != EXIT_DONE) return status;
   }
-  if (!permit.password) return EXIT_DONE;
-  const int status = Send(chosen, session, SPECIAL_LOGIN, *permit.password, &refusal->state);
+  if (!credentials.password) return EXIT_DONE;
+  const int status = Send(chosen, session, SPECIAL_LOGIN, *credentials.password, &refusal->state);
   refusal->hint = refusal->state == ACP_STATE_NOT_PERMIT ? NotEnabledHint(session)
                                                          : HintFor(PASSWORD_HINTS, refusal->state);
   return status;
 }
 
-int ObtainOrTell(const Options &chosen, const Session &session, const Permit &permit) {
+int AuthorizeOrTell(const Options &chosen, const Session &session, const Credentials &credentials) {
   Refusal refusal;
-  const int status = Obtain(chosen, session, permit, &refusal);
+  const int status = Authorize(chosen, session, credentials, &refusal);
   if (status != EXIT_REFUSED) return status;
   return ShowRefusal(chosen, session.mac, refusal.state, refusal.hint);
 }

@@ -3,7 +3,7 @@
 // The C library's checked calls are inline functions of the same names.
 #undef _FORTIFY_SOURCE
 
-#include "board/contained.h"
+#include "board/fuzz_stubs.h"
 
 #include <linux/if_packet.h>
 #include <spawn.h>
@@ -26,21 +26,21 @@
 #include "acp/packet.h"
 #include "daemon/state.h"
 
-board::Contained board::contained;
+board::FuzzStubs board::fuzz_stubs;
 
 namespace {
 
-using board::contained;
+using board::fuzz_stubs;
 
-constexpr pid_t CHILD = 0x3FFFFFFF;          // higher than any real one's number
-constexpr size_t LARGEST_SEGMENT = 1 << 20;  // bytes
+constexpr pid_t CHILD = 0x3FFFFFFF;      // higher than any real one's number
+constexpr size_t MAX_SEGMENT = 1 << 20;  // bytes
 constexpr size_t FRAME_HEADERS = 14 + 20 + 8;
 
 int child_pipe[2] = {-1, -1};  // made for the child that is forked next
 
 uint32_t Choose() {
-  const uint32_t bit = contained.choices & 1;
-  contained.choices >>= 1;
+  const uint32_t bit = fuzz_stubs.choices & 1;
+  fuzz_stubs.choices >>= 1;
   return bit;
 }
 
@@ -64,10 +64,10 @@ extern "C" {
 
 // What the program would print is there at once. The pipe of a child is closed with it.
 int pipe2(int ends[2], int flags) {
-  const size_t size = std::min<size_t>(contained.output.size(), PIPE_BUF);
+  const size_t size = std::min<size_t>(fuzz_stubs.output.size(), PIPE_BUF);
   if (syscall(SYS_pipe2, ends, flags) != 0) return -1;
-  if (write(ends[1], contained.output.data(), size) < 0) abort();
-  memcpy(child_pipe, ends, sizeof child_pipe);
+  if (write(ends[1], fuzz_stubs.output.data(), size) < 0) abort();
+  memcpy(child_pipe, ends, sizeof(child_pipe));
   return 0;
 }
 
@@ -89,7 +89,7 @@ void _exit(int status) {
     if (end != -1) close(end);
     end = -1;
   }
-  if (contained.running) siglongjmp(contained.end, 1);
+  if (fuzz_stubs.running) siglongjmp(fuzz_stubs.end, 1);
   for (;;)
     syscall(SYS_exit_group, status);
 }
@@ -163,7 +163,7 @@ int fsync(int) {
 
 int shmget(key_t key, size_t size, int flags) {
   errno = ENOMEM;
-  return size > LARGEST_SEGMENT ? -1 : static_cast<int>(syscall(SYS_shmget, key, size, flags));
+  return size > MAX_SEGMENT ? -1 : static_cast<int>(syscall(SYS_shmget, key, size, flags));
 }
 
 // The kernel takes its time to close a packet socket.
@@ -189,7 +189,7 @@ void syslog(int, const char *format, ...) {
   char line[8192];
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(line, sizeof line, format, arguments);
+  vsnprintf(line, sizeof(line), format, arguments);
   va_end(arguments);
 }
 

@@ -1,6 +1,6 @@
 // Encodes and decodes byte by byte, least significant byte first, whatever the host's order is.
 
-#include "tools/bhctl/wire.h"
+#include "tools/bhctl/datagram.h"
 
 #include <algorithm>
 

@@ -1,6 +1,7 @@
 // What the files of the board library know of each other.
 
-#pragma once
+#ifndef BH_BOARD_INTERNAL_H_
+#define BH_BOARD_INTERNAL_H_
 
 #include <unistd.h>
 
@@ -26,7 +27,7 @@ struct Descriptor {
 // "what: error text of errno"
 std::string Failure(std::string_view what);
 
-// --- lab.cpp
+// --- namespaces.cpp
 
 // Writes a text into an existing file with one write, as the files of /proc want it.
 bool WriteText(const std::string &path, std::string_view text);
@@ -70,7 +71,7 @@ std::string InstallPowerpc(const Config &config, const std::string &root);
 // Makes `place` a program that runs the PowerPC program.
 std::string InstallPowerpcProgram(const std::string &program, const std::string &place);
 
-// --- wire.cpp
+// --- veth.cpp
 
 // At the caller: one veth pair an interface, its far end on the board, and the bridges that the
 // near ends belong to. Fills in the boards' `wires`.
@@ -102,3 +103,5 @@ bool WaitForCarrier(const std::string &name);
 void CollectChildren(pid_t init);
 
 }  // namespace board
+
+#endif  // BH_BOARD_INTERNAL_H_

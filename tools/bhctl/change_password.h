@@ -1,10 +1,10 @@
 // The passwd command: changes the administrator's password.
 
-#ifndef BH_BHCTL_PASSWD_H_
-#define BH_BHCTL_PASSWD_H_
+#ifndef BH_TOOLS_BHCTL_CHANGE_PASSWORD_H_
+#define BH_TOOLS_BHCTL_CHANGE_PASSWORD_H_
 
+#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/options.h"
-#include "tools/bhctl/wire.h"
 
 namespace bhctl {
 
@@ -16,4 +16,4 @@ Request PasswordChangeRequest(Bytes hash, Bytes old_password);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_PASSWD_H_
+#endif  // BH_TOOLS_BHCTL_CHANGE_PASSWORD_H_

@@ -1,8 +1,8 @@
 // The bytes of ACP datagrams: builds requests, takes replies apart and says which reply belongs to
 // which request. Replies may hold anything: nothing is read past what was received.
 
-#ifndef BH_BHCTL_WIRE_H_
-#define BH_BHCTL_WIRE_H_
+#ifndef BH_TOOLS_BHCTL_DATAGRAM_H_
+#define BH_TOOLS_BHCTL_DATAGRAM_H_
 
 #include <array>
 #include <cstdint>
@@ -73,4 +73,4 @@ PartitionInfo DecodePartitionInfo(Bytes body);
 
 }  // namespace bhctl
 
-#endif  // BH_BHCTL_WIRE_H_
+#endif  // BH_TOOLS_BHCTL_DATAGRAM_H_

@@ -7,8 +7,8 @@
 // whose output is read have printed `output`. No wait takes time. Frames are looked at and go
 // nowhere.
 
-#ifndef BH_BOARD_CONTAINED_H_
-#define BH_BOARD_CONTAINED_H_
+#ifndef BH_BOARD_FUZZ_STUBS_H_
+#define BH_BOARD_FUZZ_STUBS_H_
 
 #include <setjmp.h>
 
@@ -17,14 +17,14 @@
 
 namespace board {
 
-struct Contained {
+struct FuzzStubs {
   uint32_t choices;         // bits, the least significant first, then zeros
   std::string_view output;  // not empty
   bool running;             // `end` has been set
   sigjmp_buf end;
 };
-extern Contained contained;
+extern FuzzStubs fuzz_stubs;
 
 }  // namespace board
 
-#endif  // BH_BOARD_CONTAINED_H_
+#endif  // BH_BOARD_FUZZ_STUBS_H_
