@@ -2,6 +2,7 @@
 
 #include "acp/body.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -31,9 +32,11 @@ uint32_t BodyU32(std::span<const uint8_t> body, size_t offset) {
   return BodyNumber<uint32_t>(body, offset);
 }
 
+std::span<const uint8_t> BodyFrom(std::span<const uint8_t> body, size_t offset) {
+  return body.subspan(std::min(offset, body.size()));
+}
+
 std::string BodyText(std::span<const uint8_t> body, size_t offset) {
-  if (offset >= body.size()) return {};
-  const std::span<const uint8_t> rest = body.subspan(offset);
-  const char *text = reinterpret_cast<const char *>(rest.data());
-  return {text, strnlen(text, rest.size())};
+  const std::span<const uint8_t> rest = BodyFrom(body, offset);
+  return {rest.begin(), std::find(rest.begin(), rest.end(), uint8_t{0})};
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <string>
 
@@ -18,6 +19,17 @@ std::span<const uint8_t> RequestBody(const AcpRequest &request);
 // that does not lie within the body whole reads as 0.
 uint16_t BodyU16(std::span<const uint8_t> body, size_t offset);
 uint32_t BodyU32(std::span<const uint8_t> body, size_t offset);
+
+// The record that the body begins with; all zero when the body does not hold it whole.
+template <typename Record>
+Record BodyRecord(std::span<const uint8_t> body) {
+  Record record = {};
+  if (body.size() >= sizeof(record)) memcpy(&record, body.data(), sizeof(record));
+  return record;
+}
+
+// What the body has from byte `offset` on; empty past its end.
+std::span<const uint8_t> BodyFrom(std::span<const uint8_t> body, size_t offset);
 
 // Text from byte `offset` up to the first NUL or the end of the body.
 std::string BodyText(std::span<const uint8_t> body, size_t offset);

@@ -7,44 +7,58 @@
 
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include "acp/packet.h"
-#include "daemon/trace.h"
 
 namespace {
 
-// `count` numbers of `width` bytes one after another from `offset` of the body, and so in each of
-// `records` records of `record_size` bytes.
-struct NumberRun {
-  uint16_t command;
-  uint8_t width;
-  uint16_t offset;
-  uint16_t count;
-  uint16_t records = 1;
-  uint16_t record_size = 0;
+// Numbers of one width that follow each other in a record.
+struct Numbers {
+  size_t offset;
+  size_t width;
+  size_t count;
 };
 
-constexpr NumberRun BODY_NUMBERS[] = {
-    {ACP_DISCOVER, 2, 0, 1},
-    {ACP_DISCOVER_REPLY, 2, 112, 2},
-    {ACP_DISCOVER_REPLY, 2, 124, 6},
-    {ACP_DISCOVER_REPLY, 4, 0, 3},
-    {ACP_DISCOVER_REPLY, 4, 136, 5},
-    {ACP_DISCOVER_REPLY, 4, 160, 1},
-    {ACP_CHANGE_IP, 2, 0, 1},
-    {ACP_CHANGE_IP, 2, 76, 6},
-    {ACP_CHANGE_IP, 4, 12, 3},
-    {ACP_CHANGE_IP, 4, 88, 6},
-    {ACP_FIRMUP2, 4, 0, 4},
-    {ACP_FIRMUP2, 4, 32, 1},
-    {ACP_FIRMUP3, 4, 0, 4},
-    {ACP_FIRMUP3, 4, 32, 1},
-    {ACP_INFO_HDD_REPLY, 2, 0, 256},
-    {ACP_INFO_RAID_REPLY, 4, 0, 7, RAID_ENTRIES, sizeof(RaidInfoEntry)},
-    {ACP_PART_REPLY, 4, 0, 7},
-    {ACP_SPECIAL, 4, 4, 1},
-    {ACP_CMD, 4, 0, 2},
-    {ACP_RESULT_REPLY, 4, 0, 2},
+// From the field `first` to the field `last`; of arrays, their elements.
+#define NUMBERS(record, first, last)                                                  \
+  MakeNumbers(offsetof(record, first), offsetof(record, last) + sizeof(record::last), \
+              sizeof(std::remove_all_extents_t<decltype(record::first)>))
+
+constexpr Numbers MakeNumbers(size_t begin, size_t end, size_t width) {
+  return {begin, width, (end - begin) / width};
+}
+
+// The numbers of a command's body, and so in each of `records` records of `record_size` bytes.
+struct BodyNumbers {
+  uint16_t command;
+  Numbers numbers;
+  size_t records = 1;
+  size_t record_size = 0;
+};
+
+constexpr BodyNumbers BODY_NUMBERS[] = {
+    {ACP_DISCOVER, NUMBERS(DiscoverRequest, reserved, reserved)},
+    {ACP_DISCOVER_REPLY, NUMBERS(DiscoverInfo, address, status)},
+    {ACP_DISCOVER_REPLY, NUMBERS(DiscoverInfo, reserved1, daemon_version)},
+    {ACP_DISCOVER_REPLY, NUMBERS(DiscoverInfo, year, second)},
+    {ACP_DISCOVER_REPLY, NUMBERS(DiscoverInfo, gateway, reserved3)},
+    {ACP_DISCOVER_REPLY, NUMBERS(DiscoverInfo, product_id, product_id)},
+    {ACP_CHANGE_IP, NUMBERS(ChangeIpRequest, flag, flag)},
+    {ACP_CHANGE_IP, NUMBERS(ChangeIpRequest, change_mask, netmask)},
+    {ACP_CHANGE_IP, NUMBERS(ChangeIpRequest, year, second)},
+    {ACP_CHANGE_IP, NUMBERS(ChangeIpRequest, gateway, time_zone)},
+    {ACP_FIRMUP2, NUMBERS(UpdateRequest, firm_type, true_chksum)},
+    {ACP_FIRMUP2, NUMBERS(UpdateRequest, zip_pass_len, zip_pass_len)},
+    {ACP_FIRMUP3, NUMBERS(UpdateRequest, firm_type, true_chksum)},
+    {ACP_FIRMUP3, NUMBERS(UpdateRequest, zip_pass_len, zip_pass_len)},
+    {ACP_INFO_HDD_REPLY, NUMBERS(DiskInfo, words, words)},
+    {ACP_INFO_RAID_REPLY, NUMBERS(RaidInfoEntry, type, blocks_avail), RAID_ENTRIES,
+     sizeof(RaidInfoEntry)},
+    {ACP_PART_REPLY, NUMBERS(PartitionInfo, fs_type, inodes_free)},
+    {ACP_SPECIAL, NUMBERS(SpecialRequest, extra, extra)},
+    {ACP_CMD, NUMBERS(CommandRequest, length, type)},
+    {ACP_RESULT_REPLY, NUMBERS(OutputReply, length, type)},
 };
 
 template <typename Number>
@@ -62,29 +76,30 @@ void SwapIfInside(std::span<uint8_t> packet, size_t offset, size_t width) {
   if (width == sizeof(uint32_t)) SwapNumber<uint32_t>(field);
 }
 
-void SwapHeaderNumbers(std::span<uint8_t> packet) {
-  SwapIfInside(packet, offsetof(ACPHeader, header_size), sizeof(uint16_t));
-  SwapIfInside(packet, offsetof(ACPHeader, packet_version), sizeof(uint32_t));
-  SwapIfInside(packet, offsetof(ACPHeader, command), sizeof(uint16_t));
-  SwapIfInside(packet, offsetof(ACPHeader, option_size), sizeof(uint16_t));
-  SwapIfInside(packet, offsetof(ACPHeader, result), sizeof(uint32_t));
+// From `start` of the packet, where the record stands that they are part of.
+void SwapNumbers(std::span<uint8_t> packet, size_t start, const Numbers &numbers) {
+  for (size_t i = 0; i < numbers.count; ++i)
+    SwapIfInside(packet, start + numbers.offset + i * numbers.width, numbers.width);
 }
 
-void SwapRun(std::span<uint8_t> packet, const NumberRun &run) {
-  for (size_t record = 0; record < run.records; ++record) {
-    const size_t start = ACP_HEADER_SIZE + record * run.record_size + run.offset;
-    for (size_t i = 0; i < run.count; ++i)
-      SwapIfInside(packet, start + i * run.width, run.width);
-  }
+void SwapHeaderNumbers(std::span<uint8_t> packet) {
+  constexpr Numbers HEADER_NUMBERS[] = {
+      NUMBERS(ACPHeader, header_size, header_size),
+      NUMBERS(ACPHeader, packet_version, packet_version),
+      NUMBERS(ACPHeader, command, option_size),
+      NUMBERS(ACPHeader, result, result),
+  };
+  for (const Numbers &numbers : HEADER_NUMBERS)
+    SwapNumbers(packet, 0, numbers);
 }
 
 // `header` in host order, whichever the direction.
 void SwapBodyNumbers(std::span<uint8_t> packet, const ACPHeader &header) {
-  if (header.option_size == 0) return;
-  if (header.command == ACP_CHANGE_IP_REPLY) DebugPrint("ACP_CHANGE_IP_REPLY option swap\n");
-  if (header.header_size != ACP_HEADER_SIZE) return;
-  for (const NumberRun &run : BODY_NUMBERS) {
-    if (run.command == header.command) SwapRun(packet, run);
+  if (header.option_size == 0 || header.header_size != ACP_HEADER_SIZE) return;
+  for (const BodyNumbers &body : BODY_NUMBERS) {
+    if (body.command != header.command) continue;
+    for (size_t record = 0; record < body.records; ++record)
+      SwapNumbers(packet, ACP_HEADER_SIZE + record * body.record_size, body.numbers);
   }
 }
 

@@ -30,7 +30,7 @@ namespace {
 // The reply is made in a child, so that nothing it does can harm the server. The child itself is
 // waited for: any other child may live long, and its status is somebody else's.
 int32_t AnswerPing(const AcpRequest &request) {
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) {
     ACP_Ping_Reply(request);
@@ -38,7 +38,6 @@ int32_t AnswerPing(const AcpRequest &request) {
     _exit(0);
   }
   if (child > 0) WaitForChild(child, nullptr);
-  ReleaseChildren(hold);
   return 0;
 }
 
@@ -102,6 +101,9 @@ void ConvertToHost(AcpRequest &request) {
   const size_t received = static_cast<size_t>(request.recvlen);
   const size_t length = std::max(received, ACP_HEADER_SIZE);
   SwapAcpHeader(std::span(request.packet).first(length), Conversion::TO_HOST);
+  const ACPHeader header = RequestHeader(request);
+  if (header.command == ACP_CHANGE_IP_REPLY && header.option_size != 0)
+    DebugPrint("ACP_CHANGE_IP_REPLY option swap\n");
 }
 
 // Every check is made, so that the trace tells all that is wrong.

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "acp/packet.h"
-#include "daemon/state.h"
 #include "lib/checksum.h"
 
 namespace {
@@ -34,11 +33,12 @@ void PutPseudoHeader(uint8_t *header, in_addr_t src_ip, in_addr_t dst_ip, uint16
   PutNetwork(header + 16, dst_ip);
 }
 
-void PutIpHeader(uint8_t *header, in_addr_t src_ip, in_addr_t dst_ip, uint16_t total_length) {
+void PutIpHeader(uint8_t *header, in_addr_t src_ip, in_addr_t dst_ip, uint16_t total_length,
+                 uint16_t ip_id) {
   memset(header, 0, IP_HEADER_SIZE);
   header[0] = 0x45;  // version 4, five 32-bit words
   PutU16(header + 2, total_length);
-  PutU16(header + 4, daemon_state.ip_id++);
+  PutU16(header + 4, ip_id);
   header[8] = TIME_TO_LIVE;
   header[9] = PROTOCOL_UDP;
   PutNetwork(header + 12, src_ip);
@@ -49,7 +49,7 @@ void PutIpHeader(uint8_t *header, in_addr_t src_ip, in_addr_t dst_ip, uint16_t t
 }  // namespace
 
 uint16_t MakeIpUdpHeader(uint8_t *ip_header, in_addr_t src_ip, in_addr_t dst_ip, in_port_t src_port,
-                         in_port_t dst_port, uint16_t payload_length) {
+                         in_port_t dst_port, uint16_t payload_length, uint16_t ip_id) {
   const uint16_t udp_length = static_cast<uint16_t>(payload_length + UDP_HEADER_SIZE);
   const uint16_t total_length = static_cast<uint16_t>(udp_length + IP_HEADER_SIZE);
   uint8_t *udp = ip_header + IP_HEADER_SIZE;
@@ -62,7 +62,7 @@ uint16_t MakeIpUdpHeader(uint8_t *ip_header, in_addr_t src_ip, in_addr_t dst_ip,
   const uint16_t checksum = IpChecksum(ip_header, total_length);
   PutU16(udp + 6, checksum != 0 ? checksum : 0xFFFF);  // 0 would mean "no checksum"
 
-  PutIpHeader(ip_header, src_ip, dst_ip, total_length);
+  PutIpHeader(ip_header, src_ip, dst_ip, total_length, ip_id);
   return total_length;
 }
 

@@ -1,9 +1,10 @@
-// The ACP packet as it travels: header, command codes, state codes and the body records.
+// The ACP packet as it travels: header, command codes, state codes and the records of all bodies,
+// those of requests first.
 //
 // The records mirror the wire byte for byte, so their offsets are pinned below. They hold the
-// numbers in host order while a handler works; on the wire every number of the header, and every
-// body number named in the conversion table (acp/convert.cpp), has its least significant byte
-// first.
+// numbers in host order while a handler or a client works; on the wire every number of the header,
+// and every body number named in the conversion table (acp/convert.cpp), has its least significant
+// byte first. What a body has behind its record has no fixed length: see its comment.
 
 #ifndef BH_ACP_PACKET_H_
 #define BH_ACP_PACKET_H_
@@ -84,6 +85,156 @@ enum AcpState : uint32_t {
   ACP_STATE_BAD_FIRM_TYPE = 0x80000011,
 };
 
+// Body of ACP_DISCOVER, where a client sends one. Nothing in it is read.
+struct DiscoverRequest {
+  uint16_t reserved;
+};
+static_assert(sizeof(DiscoverRequest) == 2);
+
+// Body of ACP_INFO_HDD that names a drive's directory, as a text that may be longer than its field.
+// A shorter body asks for the first drive.
+struct DiskRequest {
+  char directory[64];
+};
+static_assert(sizeof(DiskRequest) == 64);
+
+// The body of ACP_PART is a text alone, the path of a file system.
+
+// What an ACP_CHANGE_IP request is to change, in its `change_mask`.
+enum AcpChange : uint32_t {
+  CHANGE_MASK_IP = 0x01,
+  CHANGE_MASK_HOSTNAME = 0x02,
+  CHANGE_MASK_WORKGROUP = 0x04,
+  CHANGE_MASK_DATETIME = 0x10,
+  FLAG_CHANGE_INIT = 0x20,  // marks the appliance as initialised
+  CHANGE_MASK_GATEWAY = 0x40,
+  CHANGE_MASK_TIMEZONE = 0x80,
+};
+constexpr uint16_t FLAG_DHCP = 0x0001;  // in `flag`: the address comes by DHCP
+
+// Body of ACP_CHANGE_IP. Addresses are numbers whose most significant byte is the first octet of
+// the dotted form; texts end with a NUL.
+struct ChangeIpRequest {
+  uint16_t flag;
+  uint8_t reserved1[10];
+  uint32_t change_mask;  // AcpChange
+  uint32_t address;
+  uint32_t netmask;
+  char host_name[17];
+  char workgroup[35];
+  uint16_t year;  // this and the next five: date and time, local
+  uint16_t month;
+  uint16_t day;
+  uint16_t hour;
+  uint16_t minute;
+  uint16_t second;
+  uint32_t gateway;
+  uint32_t reserved2[4];
+  uint32_t time_zone;  // signed: minutes, as libbh_SetTimeZone takes them
+};
+static_assert(sizeof(ChangeIpRequest) == 112);
+static_assert(offsetof(ChangeIpRequest, change_mask) == 12);
+static_assert(offsetof(ChangeIpRequest, host_name) == 24);
+static_assert(offsetof(ChangeIpRequest, workgroup) == 41);
+static_assert(offsetof(ChangeIpRequest, year) == 76);
+static_assert(offsetof(ChangeIpRequest, gateway) == 88);
+static_assert(offsetof(ChangeIpRequest, time_zone) == 108);
+
+// Body of ACP_FIRMUP2 and ACP_FIRMUP3. Encoded passwords end with their first zero byte. That of an
+// ACP_FIRMUP2 may run on behind its field, to the end of the body; in an ACP_FIRMUP3 it ends with
+// its field, and the archive's password follows the record.
+struct UpdateRequest {
+  uint32_t firm_type;    // what is installed, and so where
+  uint32_t firm_pid;     // product that the image is for
+  uint32_t firm_size;    // bytes of the image
+  uint32_t true_chksum;  // of the image
+  uint8_t reserved[8];
+  uint8_t password[8];    // administrator's, encoded
+  uint32_t zip_pass_len;  // ACP_FIRMUP3: not 0 when an archive password follows
+};
+static_assert(sizeof(UpdateRequest) == 36);
+static_assert(offsetof(UpdateRequest, true_chksum) == 12);
+static_assert(offsetof(UpdateRequest, password) == 24);
+static_assert(offsetof(UpdateRequest, zip_pass_len) == 32);
+
+// Special commands.
+enum AcpSpecial : uint8_t {
+  SPECIAL_REBOOT = 0x01,
+  SPECIAL_SHUTDOWN = 0x02,
+  SPECIAL_BOOT_EMERGENCY = 0x03,  // next time
+  SPECIAL_BOOT_DISK = 0x04,
+  SPECIAL_BLINK = 0x05,
+  SPECIAL_SAVE_CONFIG = 0x06,
+  SPECIAL_LOAD_CONFIG = 0x07,
+  SPECIAL_INIT_WEB = 0x08,
+  SPECIAL_CHECK_LOCK = 0x09,
+  SPECIAL_LOCK = 0x0A,
+  SPECIAL_UNLOCK = 0x0B,
+  SPECIAL_VERIFY_PASSWORD = 0x0C,
+  SPECIAL_COMMAND_MODE = 0x0D,  // `extra` is SWITCH_ON, or anything else for off
+  SPECIAL_TRACE = 0x0E,         // the same
+  SPECIAL_SET_MAC = 0x0F,
+  SPECIAL_CHANGE_PASSWORD = 0x10,  // PasswordProof
+  SPECIAL_CREATE_RAID = 0x11,      // RaidKind
+  SPECIAL_SET_LANGUAGE = 0x12,     // LANGUAGE_JAPANESE, or anything else for English
+  SPECIAL_TEST_DRIVE = 0x40,       // TestedDrive
+  SPECIAL_REMOVE_FILE = 0x41,
+  SPECIAL_FILE_CHECKSUM = 0x42,
+  SPECIAL_CLEAR_USB = 0x45,
+  SPECIAL_TEST_UPS = 0x50,
+};
+
+// Body of ACP_SPECIAL. A text follows the record to the end of the body: a path, a MAC address or
+// an encoded password, as the command wants it.
+struct SpecialRequest {
+  uint8_t code;  // AcpSpecial
+  uint8_t reserved[3];
+  uint32_t extra;  // an argument of the command
+};
+static_assert(sizeof(SpecialRequest) == 8);
+static_assert(offsetof(SpecialRequest, extra) == 4);
+
+// The text of a SPECIAL_CHANGE_PASSWORD with PROOF_OLD_PASSWORD; the old password follows it. Both
+// are encoded.
+struct PasswordChange {
+  uint8_t new_password[16];  // as the account database stores it
+};
+static_assert(sizeof(PasswordChange) == 16);
+
+// `extra` of the commands that have one.
+constexpr uint32_t SWITCH_ON = 0;
+constexpr uint32_t LANGUAGE_JAPANESE = 0;
+enum PasswordProof : uint32_t {  // any other: a password verified before
+  PROOF_OLD_PASSWORD = 0,
+  PROOF_NONE = 0x5B,
+};
+enum RaidKind : uint32_t {
+  RAID_KIND_NORMAL = 3,
+  RAID_KIND_JBOD = 4,
+  RAID_KIND_RAID1 = 5,
+  RAID_KIND_RAID5 = 6,
+};
+enum TestedDrive : uint32_t {
+  TESTED_REMOVABLE = 0,
+  TESTED_DISK = 1,
+};
+
+// How an ACP_CMD request wants its command run.
+enum AcpCommandType : uint32_t {
+  COMMAND_BACKGROUND = 0,  // its words, and nobody waits
+  COMMAND_WAITED = 1,      // its words; the reply's result is the wait status
+  COMMAND_TO_FILE = 2,     // by a shell, its output for ACP_RESULT
+  COMMAND_CAPTURED = 3,    // by a shell, its output in the reply
+};
+
+// Body of ACP_CMD. The command's text follows, and COMMAND_TAIL bytes, its NUL first.
+struct CommandRequest {
+  uint32_t length;  // of the text without its NUL
+  uint32_t type;    // AcpCommandType
+};
+static_assert(sizeof(CommandRequest) == 8);
+constexpr size_t COMMAND_TAIL = 3;
+
 // Bits of DiscoverInfo's status.
 enum DiscoverStatus : uint32_t {
   DISCOVER_DHCP_LEASE = 0x02,   // the served interface has its address by DHCP
@@ -161,9 +312,6 @@ struct DiskInfo {
 };
 static_assert(sizeof(DiskInfo) == 512);
 
-// A disk request that names a drive's directory has a body of at least this many bytes.
-constexpr size_t DIRECTORY_IN_REQUEST = 64;
-
 enum RaidType : uint32_t {
   RAID_TYPE_SINGLE = 1,
   RAID_TYPE_USB = 2,
@@ -210,35 +358,13 @@ struct PartitionInfo {
 static_assert(sizeof(PartitionInfo) == 92);
 static_assert(offsetof(PartitionInfo, path) == 28);
 
-// What an ACP_CHANGE_IP request is to change, in its body's `change_mask`; and a bit of its `flag`.
-enum AcpChange : uint32_t {
-  CHANGE_MASK_IP = 0x01,
-  CHANGE_MASK_HOSTNAME = 0x02,
-  CHANGE_MASK_WORKGROUP = 0x04,
-  CHANGE_MASK_DATETIME = 0x10,
-  FLAG_CHANGE_INIT = 0x20,  // marks the appliance as initialised
-  CHANGE_MASK_GATEWAY = 0x40,
-  CHANGE_MASK_TIMEZONE = 0x80,
-};
-constexpr uint16_t FLAG_DHCP = 0x0001;  // the address comes by DHCP
-constexpr size_t CHANGE_IP_BODY = 112;  // bytes
-
-// How an ACP_CMD request wants its command run.
-enum AcpCommandType : uint32_t {
-  COMMAND_BACKGROUND = 0,  // its words, and nobody waits
-  COMMAND_WAITED = 1,      // its words; the reply's result is the wait status
-  COMMAND_TO_FILE = 2,     // by a shell, its output for ACP_RESULT
-  COMMAND_CAPTURED = 3,    // by a shell, its output in the reply
-};
-
-// What the bodies of ACP_CMD, of its reply to COMMAND_CAPTURED and of ACP_RESULT_REPLY begin with.
-// A text follows, and as many bytes, its NUL first, as stand below.
-struct CommandHeader {
+// What the bodies of the reply to COMMAND_CAPTURED and of ACP_RESULT_REPLY begin with. A text
+// follows, and OUTPUT_TAIL or RESULT_TAIL bytes, its NUL first.
+struct OutputReply {
   uint32_t length;  // of the text without its NUL; 0 in the reply to ACP_CMD
-  uint32_t type;    // AcpCommandType; 0 in replies
+  uint32_t type;    // 0
 };
-static_assert(sizeof(CommandHeader) == 8);
-constexpr size_t COMMAND_TAIL = 3;   // of the request
+static_assert(sizeof(OutputReply) == 8);
 constexpr size_t OUTPUT_TAIL = 3;    // of a captured reply
 constexpr size_t RESULT_TAIL = 4;    // of a line's reply
 constexpr size_t MAX_OUTPUT = 1427;  // bytes that a captured reply holds

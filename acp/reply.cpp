@@ -11,16 +11,17 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <span>
-#include <utility>
 
 #include "acp/convert.h"
 #include "acp/frame.h"
+#include "daemon/interface.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/address.h"
+#include "lib/descriptor.h"
 #include "lib/libbh.h"
 
 namespace {
@@ -38,81 +39,67 @@ struct sockaddr_ll LinkAddress() {
   return address;
 }
 
-int BindToInterface(int fd) {
+bool BindToInterface(const Descriptor &socket) {
   struct sockaddr_ll address = LinkAddress();
-  return bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
+  if (bind(socket.Get(), reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0)
+    return true;
+  syslog(LOG_NOTICE, "standalone_server > could not bind sock to device %s \n", strerror(errno));
+  return false;
 }
 
-// Opens the packet socket and lets it broadcast. Returns its descriptor, or -1 with the failure
-// logged.
-int OpenPacketSocket() {
-  const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP));
-  if (fd < 0) {
+// A packet socket that may broadcast. None, with the failure logged, when it cannot be had.
+Descriptor OpenPacketSocket() {
+  Descriptor packets(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP)));
+  if (!packets.IsOpen()) {
     syslog(LOG_NOTICE, "start_server could not open socket: %s \n", strerror(errno));
-    return -1;
+    return packets;
   }
   const int enable = 1;
-  if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &enable, sizeof(enable)) == 0) return fd;
+  if (setsockopt(packets.Get(), SOL_SOCKET, SO_BROADCAST, &enable, sizeof(enable)) == 0)
+    return packets;
   syslog(LOG_NOTICE, "start_server could not set broadcast option to socket: %s \n",
          strerror(errno));
-  close(fd);
-  return -1;
-}
-
-void CopyInterfaceName(char *field, size_t size) {
-  daemon_state.ifname.copy(field, size - 1);
+  return {};
 }
 
 // The packet socket takes the IP stack's requests too.
-void LookUpMac(int fd, in_addr_t address, uint8_t *mac) {
+void LookUpMac(const Descriptor &socket, in_addr_t address, uint8_t *mac) {
   memcpy(mac, BROADCAST_MAC, MAC_SIZE);
   if (address == BROADCAST_ADDRESS) return;
 
   struct arpreq request = {};
-  struct sockaddr_in target = {};
-  target.sin_family = AF_INET;
-  target.sin_addr.s_addr = address;
+  const struct sockaddr_in target = SocketAddress({address});
   memcpy(&request.arp_pa, &target, sizeof(target));
   CopyInterfaceName(request.arp_dev, sizeof(request.arp_dev));
-  if (ioctl(fd, SIOCGARP, &request) != 0) return;
+  if (ioctl(socket.Get(), SIOCGARP, &request) != 0) return;
   if ((request.arp_flags & ATF_COM) == 0) return;  // asked for, not answered yet
   memcpy(mac, request.arp_ha.sa_data, MAC_SIZE);
 }
 
-void SendFrame(int fd, std::span<const uint8_t> frame) {
+// Fills `frame` around the payload that lies in it behind its headers.
+void MakeHeaders(const Descriptor &socket, std::span<uint8_t> frame, in_port_t dst_port,
+                 in_addr_t dst_ip, const uint8_t *src_mac) {
+  uint8_t dst_mac[MAC_SIZE];
+  LookUpMac(socket, dst_ip, dst_mac);
+  MakeIpUdpHeader(frame.data() + ETHERNET_HEADER_SIZE, InterfaceAddress(socket.Get(), NO_ADDRESS),
+                  dst_ip, htons(ACP_PORT), dst_port,
+                  static_cast<uint16_t>(frame.size() - FRAME_HEADERS), daemon_state.ip_id++);
+  MakeEthernetHeader(frame.data(), dst_mac, src_mac);
+}
+
+void SendFrame(const Descriptor &socket, std::span<const uint8_t> frame) {
   struct sockaddr_ll address = LinkAddress();
   address.sll_halen = MAC_SIZE;
   memcpy(address.sll_addr, BROADCAST_MAC, MAC_SIZE);
   ssize_t sent = -1;
   do {
-    sent = sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<struct sockaddr *>(&address),
-                  sizeof(address));
+    sent = sendto(socket.Get(), frame.data(), frame.size(), 0,
+                  reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
   } while (sent < 0 && errno == EINTR);
   if (sent >= 0) return;
   const char *reason = strerror(errno);
   syslog(LOG_NOTICE, "cloud not send packet: %s\n", reason);
   DebugPrint("SendPacket error. %s\n", reason);
-}
-
-// Builds the frame around `payload` and sends it through the bound socket `fd`.
-void SendDatagram(int fd, in_port_t dst_port, std::span<const uint8_t> payload, in_addr_t dst_ip,
-                  const uint8_t *src_mac) {
-  uint8_t frame[FRAME_HEADERS + MAX_REPLY];
-  uint8_t dst_mac[MAC_SIZE];
-  LookUpMac(fd, dst_ip, dst_mac);
-  const in_addr_t src_ip = InterfaceAddress(fd, NO_ADDRESS);
-  memcpy(frame + FRAME_HEADERS, payload.data(), payload.size());
-  MakeIpUdpHeader(frame + ETHERNET_HEADER_SIZE, src_ip, dst_ip, htons(ACP_PORT), dst_port,
-                  static_cast<uint16_t>(payload.size()));
-  MakeEthernetHeader(frame, dst_mac, src_mac);
-  SendFrame(fd, {frame, FRAME_HEADERS + payload.size()});
-}
-
-// A whole reply, in host order.
-int32_t SendBytes(const AcpRequest &request, std::span<uint8_t> reply) {
-  SwapAcpHeader(reply, Conversion::TO_WIRE);
-  return SendPacket(request.sock, request.peer_port, reply.data(), reply.size(), BROADCAST_ADDRESS,
-                    request.if_mac);
 }
 
 }  // namespace
@@ -139,39 +126,31 @@ int32_t MakeReplyHeader(uint8_t *reply, uint16_t command, uint16_t option_size,
 int32_t SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result) {
   const uint16_t option_size = static_cast<uint16_t>(reply.length - ACP_HEADER_SIZE);
   MakeReplyHeader(reply.bytes.get(), command, option_size, RequesterMac(request), result);
-  return SendPreparedReply(request, std::move(reply));
-}
-
-int32_t SendPreparedReply(const AcpRequest &request, Reply reply) {
-  return SendBytes(request, {reply.bytes.get(), reply.length});
+  return SendPreparedReply(request, reply.Bytes());
 }
 
 int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state) {
   uint8_t reply[ACP_HEADER_SIZE] = {};
   MakeReplyHeader(reply, command, 0, RequesterMac(request), state);
-  return SendBytes(request, reply);
+  return SendPreparedReply(request, reply);
 }
 
-int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,
+int32_t SendPreparedReply(const AcpRequest &request, std::span<uint8_t> reply) {
+  SwapAcpHeader(reply, Conversion::TO_WIRE);
+  return SendPacket(request.sock, request.peer_port, reply.data(), reply.size(), BROADCAST_ADDRESS,
+                    request.if_mac);
+}
+
+int32_t SendPacket(int32_t, in_port_t dst_port, const uint8_t *payload, size_t length,
                    in_addr_t dst_ip, const uint8_t *src_mac) {
-  (void)sock;
   if (length == 0 || length > MAX_REPLY) return -1;
-  const int fd = OpenPacketSocket();
-  if (fd < 0) return -1;
-  if (BindToInterface(fd) == 0) {
-    SendDatagram(fd, dst_port, {payload, length}, dst_ip, src_mac);
-  } else {
-    syslog(LOG_NOTICE, "standalone_server > could not bind sock to device %s \n", strerror(errno));
-  }
-  close(fd);
+  const Descriptor packets = OpenPacketSocket();
+  if (!packets.IsOpen()) return -1;
+  if (!BindToInterface(packets)) return 0;
+  uint8_t buffer[FRAME_HEADERS + MAX_REPLY];
+  const std::span<uint8_t> frame = std::span(buffer).first(FRAME_HEADERS + length);
+  memcpy(buffer + FRAME_HEADERS, payload, length);
+  MakeHeaders(packets, frame, dst_port, dst_ip, src_mac);
+  SendFrame(packets, frame);
   return 0;
-}
-
-in_addr_t InterfaceAddress(int fd, in_addr_t otherwise) {
-  struct ifreq request = {};
-  CopyInterfaceName(request.ifr_name, sizeof(request.ifr_name));
-  if (ioctl(fd, SIOCGIFADDR, &request) != 0) return otherwise;
-  struct sockaddr_in address = {};
-  memcpy(&address, &request.ifr_addr, sizeof(address));
-  return address.sin_addr.s_addr;
 }

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <span>
 
 #include "acp/packet.h"
 #include "acp/request.h"
@@ -22,6 +23,9 @@
 struct Reply {
   std::unique_ptr<uint8_t[], HeapRelease> bytes;  // null when there was no memory
   size_t length = 0;                              // header and body, bytes
+  std::span<uint8_t> Bytes() const {
+    return {bytes.get(), length};
+  }
 };
 
 // A zeroed reply with room for the header and `body_size` bytes.
@@ -42,8 +46,8 @@ int32_t MakeReplyHeader(uint8_t *reply, uint16_t command, uint16_t option_size,
 // header. Returns what SendPacket does.
 int32_t SendReply(const AcpRequest &request, Reply reply, uint16_t command, uint32_t result);
 
-// The same for a reply that has its header already, in host order.
-int32_t SendPreparedReply(const AcpRequest &request, Reply reply);
+// The same for a reply that has its header already; all of it in host order.
+int32_t SendPreparedReply(const AcpRequest &request, std::span<uint8_t> reply);
 
 // The same for a reply that is its header alone, which takes no memory.
 int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state);
@@ -54,8 +58,5 @@ int32_t SendState(const AcpRequest &request, uint16_t command, uint32_t state);
 // packet socket cannot be had, else 0, even when the frame could not be sent (which is logged).
 int32_t SendPacket(int32_t sock, in_port_t dst_port, const uint8_t *payload, size_t length,
                    in_addr_t dst_ip, const uint8_t *src_mac);
-
-// The served interface's address as the socket `fd` is told it; `otherwise` when it has none.
-in_addr_t InterfaceAddress(int fd, in_addr_t otherwise);
 
 #endif  // BH_ACP_REPLY_H_

@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include "daemon/state.h"
-
 ACPHeader RequestHeader(const AcpRequest &request) {
   ACPHeader header = {};
   memcpy(&header, request.packet, sizeof(header));
@@ -14,9 +12,4 @@ ACPHeader RequestHeader(const AcpRequest &request) {
 
 const uint8_t *RequesterMac(const AcpRequest &request) {
   return request.packet + offsetof(ACPHeader, src_mac);
-}
-
-int32_t CheckEnabledClient(const AcpRequest &request) {
-  if (daemon_state.enable_state != 0) return -1;
-  return memcmp(RequesterMac(request), daemon_state.enable_mac, MAC_SIZE) == 0 ? 0 : -1;
 }

@@ -1,4 +1,4 @@
-// One received datagram, and the test that it comes from the client that enabled command mode.
+// One received datagram.
 
 #ifndef BH_ACP_REQUEST_H_
 #define BH_ACP_REQUEST_H_
@@ -30,9 +30,4 @@ ACPHeader RequestHeader(const AcpRequest &request);
 
 // The requester's MAC, 6 bytes within the packet: a reply is addressed to it.
 const uint8_t *RequesterMac(const AcpRequest &request);
-
-// Returns 0 when command mode is enabled and the request comes from the client that enabled it,
-// else -1.
-int32_t CheckEnabledClient(const AcpRequest &request);
-
 #endif  // BH_ACP_REQUEST_H_

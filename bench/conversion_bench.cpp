@@ -19,7 +19,7 @@ constexpr struct {
   size_t body;
 } PACKETS[] = {
     {"20 00 00 00 07 00 01 00 40 80 00 00 00 00 00 00", 0},
-    {"20 00 00 00 07 00 01 00 30 80 70 00 00 00 00 00", CHANGE_IP_BODY},
+    {"20 00 00 00 07 00 01 00 30 80 70 00 00 00 00 00", sizeof(ChangeIpRequest)},
     {"20 00 00 00 07 00 01 00 20 C0 20 01 00 00 00 00", sizeof(DiscoverInfo)},
     {"20 00 00 00 07 00 01 00 90 C0 00 02 00 00 00 00", sizeof(DiskInfo)},
     {"20 00 00 00 07 00 01 00 E0 C0 E0 02 00 00 00 00", sizeof(RaidInfo)},

@@ -68,7 +68,7 @@ void PutText(Bytes &bytes, size_t at, std::string_view text) {
 }
 
 Bytes PathRequest(uint16_t command, std::string_view path) {
-  Bytes body(DIRECTORY_IN_REQUEST);
+  Bytes body(sizeof(DiskRequest));
   PutText(body, 0, path);
   return Request(command, body);
 }
@@ -137,7 +137,7 @@ void Poll(Appliance &appliance) {
 void SendUnanswered(const Appliance &appliance) {
   Bytes other = Request(ACP_PING);
   Put(other, 22, 0x000B4A02);
-  Bytes cut = Request(ACP_CHANGE_IP, Bytes(CHANGE_IP_BODY));
+  Bytes cut = Request(ACP_CHANGE_IP, Bytes(sizeof(ChangeIpRequest)));
   cut.resize(100);
   for (const Bytes &datagram : {other, cut, Request(0x1234), Request(ACP_INFO), Bytes(8)})
     wire::Send(appliance.client, datagram);
@@ -191,7 +191,7 @@ void RunSpecials(Appliance &appliance, int minute) {
 // All that a request can change, the clock to the time that it shows.
 void ChangeIdentity(Appliance &appliance, std::string_view host, uint32_t address) {
   const Bytes discovered = Ask(appliance, Request(ACP_DISCOVER));
-  Bytes body(CHANGE_IP_BODY);
+  Bytes body(sizeof(ChangeIpRequest));
   Put(body, 12,
       CHANGE_MASK_IP | CHANGE_MASK_HOSTNAME | CHANGE_MASK_WORKGROUP | CHANGE_MASK_DATETIME |
           FLAG_CHANGE_INIT | CHANGE_MASK_GATEWAY);

@@ -14,6 +14,7 @@
 #include "daemon/server.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
+#include "lib/descriptor.h"
 #include "lib/libbh.h"
 
 namespace {
@@ -28,7 +29,7 @@ void EnsureStandardDescriptors() {
   int fd = open("/dev/null", O_RDWR);
   while (fd >= 0 && fd <= STDERR_FILENO)
     fd = dup(fd);
-  if (fd > STDERR_FILENO) close(fd);
+  const Descriptor spare(fd);
 }
 
 bool IsSupportedProduct(uint32_t id) {

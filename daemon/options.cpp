@@ -9,6 +9,7 @@
 
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "daemon/version.h"
 
 namespace {
 

@@ -3,12 +3,6 @@
 #ifndef BH_DAEMON_OPTIONS_H_
 #define BH_DAEMON_OPTIONS_H_
 
-#include <cstdint>
-
-constexpr unsigned VERSION_MAJOR = 2;
-constexpr unsigned VERSION_MINOR = 37;
-constexpr uint16_t DAEMON_VERSION = VERSION_MAJOR << 8 | VERSION_MINOR;  // as clients are told
-
 enum class OptionAction { SERVE, USAGE, VERSION, TERMINATE };
 
 struct Options {

@@ -16,6 +16,7 @@
 
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/descriptor.h"
 
 std::string PidFilePath(const std::string &ifname) {
   return "/var/run/bh_servd-" + ifname + ".pid";
@@ -29,21 +30,20 @@ bool PidFileExists(const std::string &ifname) {
 int32_t WritePidFile(const std::string &ifname, pid_t pid) {
   const std::string path = PidFilePath(ifname);
   const std::string fresh = path + "." + std::to_string(pid);
-  const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return -1;
-  const bool written = dprintf(fd, "%d", pid) > 0;
+  Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!file.IsOpen()) return -1;
+  const bool written = dprintf(file.Get(), "%d", pid) > 0;
   // A server that is just ending removes a file in which it finds no process.
-  if (close(fd) == 0 && written && rename(fresh.c_str(), path.c_str()) == 0) return 0;
+  if (file.Close() == 0 && written && rename(fresh.c_str(), path.c_str()) == 0) return 0;
   unlink(fresh.c_str());
   return -1;
 }
 
 pid_t ReadPid(const char *path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.IsOpen()) return 0;
   char text[32] = "";
-  const ssize_t length = read(fd, text, sizeof(text) - 1);
-  close(fd);
+  const ssize_t length = read(file.Get(), text, sizeof(text) - 1);
   const long long number = length > 0 ? strtoll(text, nullptr, 10) : 0;
   return number > 1 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
 }

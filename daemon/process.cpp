@@ -15,6 +15,7 @@
 
 #include "daemon/signals.h"
 #include "daemon/state.h"
+#include "lib/descriptor.h"
 
 namespace {
 
@@ -26,10 +27,8 @@ constexpr int EXEC_FAILED = 255;
 // terminal.
 void ReadNothing() {
   setsid();
-  const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (null < 0) return;
-  dup2(null, STDIN_FILENO);
-  close(null);
+  const Descriptor null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (null.IsOpen()) dup2(null.Get(), STDIN_FILENO);
 }
 
 [[noreturn]] void ExecShell(const char *command) {
@@ -112,18 +111,17 @@ void ReadPipe(int pipe, char *buffer, size_t size) {
 
 }  // namespace
 
-ChildHold HoldChildren() {
-  ChildHold hold = {};
+ChildSignalBlock::ChildSignalBlock() {
   sigset_t children = {};
   sigemptyset(&children);
   sigaddset(&children, SIGCHLD);
   sigaddset(&children, SIGUSR1);
-  sigprocmask(SIG_BLOCK, &children, &hold.previous);
-  return hold;
+  sigprocmask(SIG_BLOCK, &children, &previous_);
 }
 
-void ReleaseChildren(const ChildHold &hold) {
-  sigprocmask(SIG_SETMASK, &hold.previous, nullptr);
+void ChildSignalBlock::Release() {
+  if (active_) sigprocmask(SIG_SETMASK, &previous_, nullptr);
+  active_ = false;
 }
 
 pid_t ForkChild() {
@@ -153,12 +151,11 @@ pid_t WaitForChild(pid_t pid, int *status) {
 }
 
 int RunCommandLine(const std::string &command) {
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) ExecShell(command.c_str());
   int status = -1;
   if (child > 0) WaitForChild(child, &status);
-  ReleaseChildren(hold);
   return status;
 }
 
@@ -200,12 +197,10 @@ int32_t exec1(const char *command, int32_t wait, int32_t *status) {
     *status = -1;
     return -1;
   }
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const pid_t child = ForkWorker();
   if (child == 0) ExecWords(line, words);
-  const int32_t result = FinishExec(child, wait, status);
-  ReleaseChildren(hold);
-  return result;
+  return FinishExec(child, wait, status);
 }
 
 int32_t exec2(const char *command, int32_t wait, const char *outfile, int32_t *status) {
@@ -214,28 +209,26 @@ int32_t exec2(const char *command, int32_t wait, const char *outfile, int32_t *s
     *status = -1;
     return -1;
   }
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const pid_t child = ForkWorker();
   if (child == 0) RunToFile(FileCommand(command, outfile));
   const int32_t result = FinishExec(child, wait, status);
-  ReleaseChildren(hold);
   return child > 0 && wait != 0 ? 0 : result;
 }
 
 int32_t exec_capture(const char *command, char *buffer, size_t size) {
   memset(buffer, 0, size);
-  int ends[2] = {-1, -1};
-  if (size == 0 || pipe2(ends, O_CLOEXEC) != 0) return -1;
-  const ChildHold hold = HoldChildren();
+  Pipe output;
+  if (size == 0 || !OpenPipe(output)) return -1;
+  const ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) {
-    dup2(ends[1], STDOUT_FILENO);
+    dup2(output.writer.Get(), STDOUT_FILENO);
     ExecShell(command);
   }
-  close(ends[1]);
-  if (child > 0) ReadPipe(ends[0], buffer, size - 1);
-  close(ends[0]);  // a command that prints more than fits ends by it
+  output.writer.Close();
+  if (child > 0) ReadPipe(output.reader.Get(), buffer, size - 1);
+  output.reader.Close();  // a command that prints more than fits ends by it
   if (child > 0) WaitForChild(child, nullptr);
-  ReleaseChildren(hold);
   return child < 0 ? -1 : 0;
 }

@@ -1,11 +1,10 @@
-// Children of the server: whoever forks one under a hold gets its status. And the ways to run a
-// command.
+// Children of the server: whoever forks one under a ChildSignalBlock gets its status. And the ways
+// to run a command.
 //
-//   const ChildHold hold = HoldChildren();
+//   const ChildSignalBlock block;
 //   const pid_t pid = ForkChild();
 //   if (pid == 0) { ...; _exit(0); }
 //   ... store the pid, or WaitForChild(pid, &status) ...
-//   ReleaseChildren(hold);
 
 #ifndef BH_DAEMON_PROCESS_H_
 #define BH_DAEMON_PROCESS_H_
@@ -17,17 +16,32 @@
 #include <cstdint>
 #include <string>
 
-struct ChildHold {
-  sigset_t previous;
+// Blocks SIGCHLD and SIGUSR1 to the end of its scope, so that their handlers cannot reap a child
+// before its pid is stored or its status collected. Blocks nest.
+class ChildSignalBlock {
+ public:
+  ChildSignalBlock();
+  ~ChildSignalBlock() {
+    Release();
+  }
+  ChildSignalBlock(const ChildSignalBlock &) = delete;
+  ChildSignalBlock &operator=(const ChildSignalBlock &) = delete;
+
+  // Ends it before its scope does.
+  void Release();
+
+  // The signal mask from before it.
+  const sigset_t &Previous() const {
+    return previous_;
+  }
+
+ private:
+  sigset_t previous_ = {};
+  bool active_ = true;
 };
 
-// Holds back SIGCHLD and SIGUSR1, so that their handlers cannot reap a child before its pid is
-// stored or its status collected. Holds nest.
-ChildHold HoldChildren();
-void ReleaseChildren(const ChildHold &hold);
-
-// Forks under a hold. The child starts with no signal held back; a handler's child must leave with
-// _exit. An exit that the server has been asked for is not the child's.
+// Forks under a ChildSignalBlock. The child starts with no signal blocked; a handler's child must
+// leave with _exit. An exit that the server has been asked for is not the child's.
 // Returns its pid, 0 in the child, -1 with errno set.
 pid_t ForkChild();
 

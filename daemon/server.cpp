@@ -3,7 +3,6 @@
 #include "daemon/server.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -15,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "acp/dispatch.h"
 #include "acp/packet.h"
@@ -24,6 +24,7 @@
 #include "daemon/signals.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/descriptor.h"
 
 namespace {
 
@@ -78,11 +79,10 @@ void RecordLaunch(const char *ifname, pid_t server) {
 
 // Returns when the launcher has closed its end, which it does once the pid file is written: a
 // server that ends at once must find the file that it has to remove.
-void AwaitLauncher(int32_t launched) {
+void AwaitLauncher(const Descriptor &launched) {
   char nothing = 0;
-  while (read(launched, &nothing, 1) < 0 && errno == EINTR) {
+  while (read(launched.Get(), &nothing, 1) < 0 && errno == EINTR) {
   }
-  close(launched);
 }
 
 void ServeHere(const char *ifname, int32_t sock, const uint8_t *if_mac) {
@@ -90,29 +90,24 @@ void ServeHere(const char *ifname, int32_t sock, const uint8_t *if_mac) {
   standalone_server(ifname, sock, if_mac);
 }
 
-void RunServerChild(const char *ifname, int32_t sock, const uint8_t *if_mac, const int *launched) {
-  if (launched[1] != -1) close(launched[1]);
-  if (launched[0] != -1) AwaitLauncher(launched[0]);
+void RunServerChild(const char *ifname, int32_t sock, const uint8_t *if_mac, Pipe launched) {
+  launched.writer.Close();
+  if (launched.reader.IsOpen()) AwaitLauncher(launched.reader);
+  launched.reader.Close();
   ServeHere(ifname, sock, if_mac);
   DeletePidfile();
 }
 
 int32_t ServeInBackground(const char *ifname, int32_t sock, const uint8_t *if_mac) {
-  int launched[2] = {-1, -1};
-  if (pipe2(launched, O_CLOEXEC) != 0) launched[0] = launched[1] = -1;
-
-  const ChildHold hold = HoldChildren();
+  Pipe launched;  // without one the server does not wait
+  OpenPipe(launched);
+  ChildSignalBlock block;
   const pid_t server = ForkChild();
-  if (server == 0) {
-    RunServerChild(ifname, sock, if_mac, launched);
-    return 0;
-  }
   if (server > 0) RecordLaunch(ifname, server);
   if (server < 0) syslog(LOG_EMERG, "could not create child process\n");
-  ReleaseChildren(hold);
-  for (const int end : launched) {
-    if (end != -1) close(end);
-  }
+  block.Release();
+  if (server == 0) RunServerChild(ifname, sock, if_mac, std::move(launched));
+  launched = {};
   if (server < 0) ServeHere(ifname, sock, if_mac);
   return 0;
 }

@@ -14,17 +14,18 @@
 #include "daemon/trace.h"
 #include "firmware/image.h"
 #include "firmware/install.h"
+#include "lib/descriptor.h"
 #include "lib/libbh.h"
 #include "lib/shell.h"
 
 namespace {
 
 constexpr int ATTEMPTS = 5;
-constexpr size_t PIECE = 1024;  // bytes, of a write and of a read
+constexpr size_t CHUNK = 1024;  // bytes, of a write and of a read
 
 // In a process of its own, so that the server's connection to syslog stays as it is.
 void LogWriting() {
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) {
     closelog();
@@ -34,24 +35,23 @@ void LogWriting() {
     _exit(0);
   }
   if (child > 0) WaitForChild(child, nullptr);
-  ReleaseChildren(hold);
 }
 
 std::span<const uint8_t> NextChunkOf(std::span<const uint8_t> rest) {
-  return rest.first(std::min(rest.size(), PIECE));
+  return rest.first(std::min(rest.size(), CHUNK));
 }
 
 // Takes what the device takes at once. False when it takes nothing or refuses.
-bool WriteSome(int device, std::span<const uint8_t> &rest) {
+bool WriteSome(const Descriptor &device, std::span<const uint8_t> &rest) {
   const std::span<const uint8_t> piece = NextChunkOf(rest);
-  const ssize_t written = write(device, piece.data(), piece.size());
+  const ssize_t written = write(device.Get(), piece.data(), piece.size());
   if (written < 0 && errno == EINTR) return true;
   if (written <= 0) return false;
   rest = rest.subspan(static_cast<size_t>(written));
   return true;
 }
 
-bool WriteAll(int device, std::span<const uint8_t> rest) {
+bool WriteAll(const Descriptor &device, std::span<const uint8_t> rest) {
   while (!rest.empty()) {
     if (!WriteSome(device, rest)) return false;
   }
@@ -59,21 +59,21 @@ bool WriteAll(int device, std::span<const uint8_t> rest) {
 }
 
 // False when the device gives less.
-bool ReadFull(int device, std::span<uint8_t> piece) {
+bool ReadFull(const Descriptor &device, std::span<uint8_t> piece) {
   ssize_t got = -1;
   do {
-    got = read(device, piece.data(), piece.size());
+    got = read(device.Get(), piece.data(), piece.size());
   } while (got < 0 && errno == EINTR);
   return got == std::ssize(piece);
 }
 
 // Else what is read back may never have been on the device. Character devices keep nothing back.
-bool Flush(int device) {
-  return fsync(device) == 0 || errno == EINVAL;
+bool Flush(const Descriptor &device) {
+  return fsync(device.Get()) == 0 || errno == EINVAL;
 }
 
-bool ReadsBack(int device, std::span<const uint8_t> rest) {
-  uint8_t buffer[PIECE];
+bool ReadsBack(const Descriptor &device, std::span<const uint8_t> rest) {
+  uint8_t buffer[CHUNK];
   while (!rest.empty()) {
     const std::span<const uint8_t> piece = NextChunkOf(rest);
     const std::span<uint8_t> back(buffer, piece.size());
@@ -106,18 +106,15 @@ int32_t write_data_in_dev(const char *device, const uint8_t *data, size_t length
   if (device[0] == '\0') return -1;
   LogWriting();
   const std::span<const uint8_t> bytes(data, length);
-  const int writer = open(device, O_WRONLY | O_CLOEXEC);
-  if (writer < 0) {
+  Descriptor writer(open(device, O_WRONLY | O_CLOEXEC));
+  if (!writer.IsOpen()) {
     fprintf(stderr, "could not open \"%s\": %s\n", device, strerror(errno));
     return -1;
   }
   const bool written = WriteAll(writer, bytes) && Flush(writer);
-  if (close(writer) != 0 || !written) return -1;
-  const int reader = open(device, O_RDONLY | O_CLOEXEC);
-  if (reader < 0) return 0;
-  const bool same = ReadsBack(reader, bytes);
-  close(reader);
-  return same ? 0 : -1;
+  if (writer.Close() != 0 || !written) return -1;
+  const Descriptor reader(open(device, O_RDONLY | O_CLOEXEC));
+  return !reader.IsOpen() || ReadsBack(reader, bytes) ? 0 : -1;
 }
 
 int32_t write_firmInflash(const char *device) {

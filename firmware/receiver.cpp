@@ -3,7 +3,6 @@
 
 #include "firmware/receiver.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -23,12 +22,13 @@
 #include <utility>
 
 #include "acp/packet.h"
-#include "acp/reply.h"
+#include "daemon/interface.h"
 #include "daemon/process.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "firmware/image.h"
+#include "lib/descriptor.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ void ShareProgress() {
 
 // The segment that this receiver fills. A later request has put its own in that one's place, and
 // then knows nothing of what is received here.
-int image = -1;
+int segment_id = -1;
 
 // The end of a pipe that is closed once the receiver listens, or cannot: the client connects as
 // soon as it has its answer.
@@ -92,31 +92,26 @@ struct sockaddr_in ServiceAddress(int socket) {
   return address;
 }
 
-// Closes the socket and gives -1.
-int Unusable(int socket) {
-  close(socket);
-  return -1;
-}
-
 // It does not block: a connection that is gone before it is accepted must not keep the others
-// waiting. The descriptor, or -1 with a line in the trace.
-int OpenServer() {
-  const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (server < 0) {
+// waiting. None, with a line in the trace, when it cannot be had.
+Descriptor OpenServer() {
+  Descriptor server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!server.IsOpen()) {
     DebugPrint("could not open socket %s\n", strerror(errno));
-    return -1;
+    return server;
   }
-  const struct sockaddr_in address = ServiceAddress(server);
+  const struct sockaddr_in address = ServiceAddress(server.Get());
   const int on = 1;
-  setsockopt(server, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  if (bind(server, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) != 0) {
+  setsockopt(server.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  if (bind(server.Get(), reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) !=
+      0) {
     const int error = errno;
     DebugPrint("could not bind address to socket: %s(%d)\n", strerror(error), error);
-    return Unusable(server);
+    return {};
   }
-  if (listen(server, BACKLOG) != 0) {
+  if (listen(server.Get(), BACKLOG) != 0) {
     DebugPrint("could not turn listen state: %s\n", strerror(errno));
-    return Unusable(server);
+    return {};
   }
   return server;
 }
@@ -213,7 +208,7 @@ uint32_t TakeUpload(uint8_t *buffer, uint32_t size) {
 
 void GiveUp(Segment segment, pid_t daemon) {
   segment.reset();
-  RemoveSegment(image);
+  RemoveSegment(segment_id);
   kill(daemon, SIGUSR1);
   DebugPrint("firm_recive() error.\n");
   syslog(LOG_NOTICE, "firm_recive() failed. exit(0)\n");
@@ -228,7 +223,7 @@ void GiveUp(Segment segment, pid_t daemon) {
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != daemon) _exit(0);
 
-  Segment segment = AttachSegment(image);
+  Segment segment = AttachSegment(segment_id);
   if (!segment || tcp_recive_serv(segment.get(), size) != 0) {
     GiveUp(std::move(segment), daemon);
     _exit(0);
@@ -249,15 +244,15 @@ int64_t Now() {
 // its handler, which collects the child, cannot run between the caller's look and the sleep. ppoll
 // would not sleep at all on the appliance: with checks of buffers, glibc 2.36 reads its 64-bit
 // times as 32-bit ones.
-void AwaitAnyChild(const ChildHold &hold) {
+void AwaitAnyChild(const ChildSignalBlock &block) {
   const struct timespec moment = {.tv_sec = 0, .tv_nsec = PROGRESS_INTERVAL * 1'000'000};
   BeginWait();
-  pselect(0, nullptr, nullptr, nullptr, &moment, &hold.previous);
+  pselect(0, nullptr, nullptr, nullptr, &moment, &block.Previous());
   EndWait();
 }
 
-void AwaitReady(int pipe) {
-  struct pollfd closed = {.fd = pipe, .events = POLLIN, .revents = 0};
+void AwaitReady(const Descriptor &pipe) {
+  struct pollfd closed = {.fd = pipe.Get(), .events = POLLIN, .revents = 0};
   BeginWait();
   poll(&closed, 1, START_TIMEOUT);
   EndWait();
@@ -271,25 +266,22 @@ bool IsLive(pid_t child) {
 // Waits until `standstill` after the last byte received, or for `longest`. Returns whether the
 // child has been collected.
 bool AwaitCollected(pid_t child, int64_t standstill, int64_t longest) {
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const int64_t end = Now() + longest;
   uint32_t received = Progress();
   int64_t deadline = Now() + standstill;
   while (IsLive(child) && Now() < std::min(deadline, end)) {
-    AwaitAnyChild(hold);
+    AwaitAnyChild(block);
     if (Progress() != received) deadline = Now() + standstill;
     received = Progress();
   }
-  const bool collected = !IsLive(child);
-  ReleaseChildren(hold);
-  return collected;
+  return !IsLive(child);
 }
 
 // With SIGCHLD held back a live receiver's number is nobody else's.
 void Signal(pid_t child, int number) {
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   if (IsLive(child)) kill(child, number);
-  ReleaseChildren(hold);
 }
 
 // To its end: the way that closes its sockets first, then the one that nothing can hold up.
@@ -320,14 +312,14 @@ void AddLive(pid_t child) {
 int32_t tcp_recive_serv(uint8_t *buffer, uint32_t size) {
   DebugPrint("tcp_recive_serv() 1.\n");
   if (!RecordImageSize(0, true)) return -1;
-  daemon_state.listen_fd = OpenServer();
+  daemon_state.listen_fd = OpenServer().Release();
   if (daemon_state.listen_fd < 0) return -1;
   close(ready_pipe);
   const uint32_t received = TakeUpload(buffer, size);
   DebugPrint("tcp_recive_serv() 3.\n");
   close(daemon_state.listen_fd);
   daemon_state.listen_fd = -1;
-  if (image == -1 || FindImage() == image) RecordImageSize(received, true);
+  if (segment_id == -1 || FindImage() == segment_id) RecordImageSize(received, true);
   DebugPrint("tcp_recive_serv() total_size=%ld\n", static_cast<long>(received));
   return 0;
 }
@@ -335,25 +327,24 @@ int32_t tcp_recive_serv(uint8_t *buffer, uint32_t size) {
 pid_t firm_recive(uint32_t size) {
   DebugPrint("firm_recive() \n");
   ShareProgress();
-  image = FindImage();
-  int pipe[2] = {-1, -1};
-  if (pipe2(pipe, O_CLOEXEC) != 0) return -1;
-  ready_pipe = pipe[1];
+  segment_id = FindImage();
+  Pipe ready;
+  if (!OpenPipe(ready)) return -1;
+  ready_pipe = ready.writer.Get();
   const pid_t daemon = getpid();
   MakePlace();
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t child = ForkWorker();
   if (child == 0) {
-    close(pipe[0]);
+    ready.reader.Close();
     Receive(size, daemon);
   }
-  close(pipe[1]);
+  ready.writer.Close();
   if (child > 0) {
     AddLive(child);
-    AwaitReady(pipe[0]);
+    AwaitReady(ready.reader);
   }
-  close(pipe[0]);
-  ReleaseChildren(hold);
+  block.Release();
   DebugPrint("firm_recive() 3.\n");
   return child;
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "access/cipher.h"
+#include "access/command_mode.h"
 #include "access/keys.h"
 #include "access/password.h"
 #include "acp/body.h"
@@ -107,52 +108,44 @@ constexpr Family FIRST = {"ACP_FIRMUP2_REPLY", FLASH_AND_DISK, ACP_STATE_FAILURE
 constexpr Family ZEPH = {"ACP_FIRMUP_ZEPH_REPLY", ZEPH_FLASH_AND_ARRAY, ACP_STATE_BAD_FIRM_TYPE,
                          ACP_STATE_BAD_PRODUCT, true};
 
-// The body's fields. The texts are still encoded.
-struct UpdateRequest {
+// The request, taken apart once. The passwords are still encoded.
+struct Update {
   uint32_t firm_type;
   uint32_t firm_pid;
   uint32_t firm_size;
   uint32_t true_chksum;
   uint32_t zip_pass_len;
   std::vector<uint8_t> password;  // with what follows it
-  size_t password_room;           // bytes of it that count
+  size_t password_capacity;       // bytes of it that count
   std::span<const uint8_t> zip_pass_enc;
 };
-
-constexpr size_t PASSWORD_AT = 24;
-constexpr size_t ZIP_PASS_LEN_AT = 32;
-constexpr size_t ZIP_PASS_ENC_AT = 36;
-constexpr size_t PASSWORD_FIELD = ZIP_PASS_LEN_AT - PASSWORD_AT;
-
-std::span<const uint8_t> From(std::span<const uint8_t> body, size_t offset) {
-  return body.subspan(std::min(offset, body.size()));
-}
 
 // The bytes from the password on as they came over the wire: those of the archive password's length
 // have been converted as a number.
 std::vector<uint8_t> PasswordBytes(std::span<const uint8_t> body) {
-  const std::span<const uint8_t> field = From(body, PASSWORD_AT);
+  constexpr size_t NUMBER = offsetof(UpdateRequest, zip_pass_len);
+  const std::span<const uint8_t> field = BodyFrom(body, offsetof(UpdateRequest, password));
   std::vector<uint8_t> bytes(field.begin(), field.end());
-  if (body.size() < ZIP_PASS_ENC_AT) return bytes;
-  const uint32_t number = BodyU32(body, ZIP_PASS_LEN_AT);
+  if (body.size() < sizeof(UpdateRequest)) return bytes;
+  const uint32_t number = BodyU32(body, NUMBER);
   for (size_t i = 0; i < sizeof(number); ++i)
-    bytes[PASSWORD_FIELD + i] = static_cast<uint8_t>(number >> (8 * i));
+    bytes[NUMBER - offsetof(UpdateRequest, password) + i] = static_cast<uint8_t>(number >> (8 * i));
   return bytes;
 }
 
-UpdateRequest ReadRequest(const AcpRequest &request, int32_t variant) {
+Update ReadUpdate(const AcpRequest &request, int32_t variant) {
   const std::span<const uint8_t> body = RequestBody(request);
-  UpdateRequest update = {};
-  update.firm_type = BodyU32(body, 0);
-  update.firm_pid = BodyU32(body, 4);
-  update.firm_size = BodyU32(body, 8);
-  update.true_chksum = BodyU32(body, 12);
+  Update update = {};
+  update.firm_type = BodyU32(body, offsetof(UpdateRequest, firm_type));
+  update.firm_pid = BodyU32(body, offsetof(UpdateRequest, firm_pid));
+  update.firm_size = BodyU32(body, offsetof(UpdateRequest, firm_size));
+  update.true_chksum = BodyU32(body, offsetof(UpdateRequest, true_chksum));
   update.password = PasswordBytes(body);
-  update.password_room = update.password.size();
+  update.password_capacity = update.password.size();
   if (variant == WITH_ZIP_PASSWORD) {
-    update.password_room = std::min(update.password_room, PASSWORD_FIELD);
-    update.zip_pass_len = BodyU32(body, ZIP_PASS_LEN_AT);
-    update.zip_pass_enc = From(body, ZIP_PASS_ENC_AT);
+    update.password_capacity = std::min(update.password_capacity, sizeof(UpdateRequest::password));
+    update.zip_pass_len = BodyU32(body, offsetof(UpdateRequest, zip_pass_len));
+    update.zip_pass_enc = BodyFrom(body, sizeof(UpdateRequest));
   }
   return update;
 }
@@ -175,13 +168,13 @@ bool TakeLock(const AcpRequest &request, const Family &family) {
 
 // In front of an archive password the text ends with its field, and may run on over what follows
 // otherwise. In neither case may it be longer than a password's buffer.
-std::optional<std::string> AdministratorPassword(const UpdateRequest &update, uint32_t key) {
+std::optional<std::string> AdministratorPassword(const Update &update, uint32_t key) {
   std::optional<std::string> whole = DecodePassword(update.password, key);
-  if (!whole || update.password_room == update.password.size()) return whole;
-  return DecodePassword(std::span(update.password).first(update.password_room), key);
+  if (!whole || update.password_capacity == update.password.size()) return whole;
+  return DecodePassword(std::span(update.password).first(update.password_capacity), key);
 }
 
-uint32_t CheckAdministrator(const UpdateRequest &update, uint32_t key) {
+uint32_t CheckAdministrator(const Update &update, uint32_t key) {
   if (key == 0) return ACP_STATE_NO_KEY;
   const std::optional<std::string> password = AdministratorPassword(update, key);
   return password && CheckPassword(password->c_str()) >= 0 ? ACP_STATE_OK
@@ -189,7 +182,7 @@ uint32_t CheckAdministrator(const UpdateRequest &update, uint32_t key) {
 }
 
 // False when the password does not fit its field, which then stays empty.
-bool TakeZipPassword(const UpdateRequest &update, uint32_t key) {
+bool TakeZipPassword(const Update &update, uint32_t key) {
   if (key == 0 || update.zip_pass_len == 0) return true;
   const std::optional<std::string> password =
       DecodePassword(update.zip_pass_enc, key, sizeof(daemon_state.zip_pass));
@@ -197,7 +190,7 @@ bool TakeZipPassword(const UpdateRequest &update, uint32_t key) {
          CopyToField(daemon_state.zip_pass, sizeof(daemon_state.zip_pass), password->c_str());
 }
 
-uint32_t ChooseTarget(const UpdateRequest &update, const Family &family) {
+uint32_t ChooseTarget(const Update &update, const Family &family) {
   const auto target = std::find_if(
       family.targets.begin(), family.targets.end(),
       [&](const Target &candidate) { return candidate.firm_type == update.firm_type; });
@@ -210,7 +203,7 @@ uint32_t ChooseTarget(const UpdateRequest &update, const Family &family) {
 }
 
 // The product is looked at whatever came of the type before, and wins.
-uint32_t CheckImage(const UpdateRequest &update, const Family &family) {
+uint32_t CheckImage(const Update &update, const Family &family) {
   const uint32_t state = ChooseTarget(update, family);
   if (update.firm_pid == daemon_state.product_id) return state;
   DebugPrint("%s not equal FIRM PID=0x%x ProductID=0x%x\n", family.name, update.firm_pid,
@@ -234,8 +227,7 @@ int32_t Refuse(const AcpRequest &request, uint32_t state) {
   return 0;
 }
 
-int32_t StartReceiver(const AcpRequest &request, const UpdateRequest &update,
-                      const Family &family) {
+int32_t StartReceiver(const AcpRequest &request, const Update &update, const Family &family) {
   ChooseKeyFile(update.firm_size);
   if (family.traces_key_file) DebugPrint("SHM_MEM_FOR_FIRM=%s\n", daemon_state.firm_mem_path);
   if (!CreateImage(update.firm_size)) {
@@ -256,8 +248,7 @@ int32_t StartReceiver(const AcpRequest &request, const UpdateRequest &update,
 }
 
 // What both families do with an admitted request.
-int32_t PrepareUpdate(const AcpRequest &request, const UpdateRequest &update,
-                      const Family &family) {
+int32_t PrepareUpdate(const AcpRequest &request, const Update &update, const Family &family) {
   const uint32_t state = CheckImage(update, family);
   if (state == ACP_STATE_OK) return StartReceiver(request, update, family);
   Refuse(request, state);
@@ -268,7 +259,7 @@ int32_t PrepareUpdate(const AcpRequest &request, const UpdateRequest &update,
 }  // namespace
 
 int32_t ACP_Firmup_Reply(const AcpRequest &request, int32_t variant) {
-  const UpdateRequest update = ReadRequest(request, variant);
+  const Update update = ReadUpdate(request, variant);
   ForgetLastUpdate(update.true_chksum);
   if (!TakeLock(request, FIRST)) return 0;
   const uint32_t key = GetKey(RequesterMac(request));
@@ -281,7 +272,7 @@ int32_t ACP_Firmup_Reply(const AcpRequest &request, int32_t variant) {
 }
 
 int32_t ACP_Firmup_Zeph_Reply(const AcpRequest &request, int32_t variant) {
-  const UpdateRequest update = ReadRequest(request, variant);
+  const Update update = ReadUpdate(request, variant);
   ForgetLastUpdate(update.true_chksum);
   if (!TakeLock(request, ZEPH)) return 0;
   const bool admitted = CheckEnabledClient(request) >= 0 && daemon_state.password_verified >= 0;

@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ShowBody(datagram);
   const std::optional<Reply> reply = DecodeReply(datagram);
   if (!reply) return 0;
-  AnswersRequest(*reply, DiscoverRequest(), {&BROADCAST_MAC, 1}, BROADCAST_MAC);
+  AnswersRequest(*reply, MakeDiscoverRequest(), {&BROADCAST_MAC, 1}, BROADCAST_MAC);
   StateName(reply->header.result);
   ShowBody(reply->body);
   return 0;

@@ -3,42 +3,39 @@
 
 #include "handlers/change_ip.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <ctime>
 #include <span>
 #include <string>
 
+#include "access/command_mode.h"
 #include "acp/body.h"
 #include "acp/reply.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/address.h"
 #include "lib/codes.h"
 #include "lib/libbh.h"
 #include "lib/text.h"
 
 namespace {
 
-constexpr size_t HOST_NAME_AT = 24;  // in bytes from the body's start
-constexpr size_t WORKGROUP_AT = 41;
-constexpr size_t DATE_AT = 76;
-
 constexpr int32_t DHCPS_OFF = 0;
 constexpr int32_t DHCPS_ON = 1;
 
-// Addresses are numbers whose most significant byte is the first octet of the dotted form.
 struct IdentityChange {
   uint16_t flag;
-  uint32_t change_mask;
-  uint32_t address;
-  uint32_t netmask;
+  uint32_t change_mask;  // AcpChange
+  in_addr address;
+  in_addr netmask;
   std::string host_name;
   std::string workgroup;
   DateTime date_time;
-  uint32_t gateway;
+  in_addr gateway;
   int32_t time_zone;  // minutes
 };
 
@@ -49,41 +46,30 @@ struct Aftermath {
   bool restart_network, restart_samba, restart_atalk;
 };
 
+std::string FieldText(std::span<const char> field) {
+  return {field.begin(), std::find(field.begin(), field.end(), '\0')};
+}
+
+// Flag and mask go into the trace also of a request that is too short for the rest.
 IdentityChange ReadChange(std::span<const uint8_t> body) {
-  const auto date_field = [body](size_t i) {
-    return static_cast<int16_t>(BodyU16(body, DATE_AT + 2 * i));
-  };
+  const auto record = BodyRecord<ChangeIpRequest>(body);
+  const auto number = [](uint16_t field) { return static_cast<int16_t>(field); };
   IdentityChange change = {};
-  change.flag = BodyU16(body, 0);
-  change.change_mask = BodyU32(body, 12);
-  if (body.size() < CHANGE_IP_BODY) return change;
-  change.address = BodyU32(body, 16);
-  change.netmask = BodyU32(body, 20);
-  change.host_name = BodyText(body.first(WORKGROUP_AT), HOST_NAME_AT);
-  change.workgroup = BodyText(body.first(DATE_AT), WORKGROUP_AT);
-  change.date_time = {date_field(0), date_field(1), date_field(2),
-                      date_field(3), date_field(4), date_field(5)};
-  change.gateway = BodyU32(body, 88);
-  change.time_zone = static_cast<int32_t>(BodyU32(body, 108));
+  change.flag = BodyU16(body, offsetof(ChangeIpRequest, flag));
+  change.change_mask = BodyU32(body, offsetof(ChangeIpRequest, change_mask));
+  change.address = AddressOf(record.address);
+  change.netmask = AddressOf(record.netmask);
+  change.host_name = FieldText(record.host_name);
+  change.workgroup = FieldText(record.workgroup);
+  change.date_time = {number(record.year), number(record.month),  number(record.day),
+                      number(record.hour), number(record.minute), number(record.second)};
+  change.gateway = AddressOf(record.gateway);
+  change.time_zone = static_cast<int32_t>(record.time_zone);
   return change;
 }
 
 bool Asks(const IdentityChange &change, uint32_t bit) {
   return (change.change_mask & bit) != 0;
-}
-
-std::string Dotted(uint32_t address) {
-  const in_addr_t network = htonl(address);
-  char text[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &network, text, sizeof(text));
-  return text;
-}
-
-sockaddr_in SocketAddress(uint32_t address) {
-  sockaddr_in inet = {};
-  inet.sin_family = AF_INET;
-  inet.sin_addr.s_addr = htonl(address);
-  return inet;
 }
 
 int32_t SendTracedResult(const AcpRequest &request, uint32_t result) {
@@ -135,7 +121,7 @@ void SwitchToDhcp(const IdentityChange &change, IfInfo &record) {
   record.mode = MODE_DHCP;
   libbh_StopDhcpClient(daemon_state.ifname.c_str());
   // The present addresses would be the ones to fall back to, but for the zeros that came.
-  if (change.address == 0 && change.netmask == 0) DebugPrint("libbh_GetIfInfo().E\n");
+  if (change.address.s_addr == 0 && change.netmask.s_addr == 0) DebugPrint("libbh_GetIfInfo().E\n");
 }
 
 // Fills the interface's record and checks it.
@@ -181,8 +167,7 @@ void ChangeAddressAndGateway(const IdentityChange &change, const Aftermath &afte
   if (Asks(change, CHANGE_MASK_IP) && after.checked != NOT_LOCKED)
     libbh_SetIfInfo(0, &after.record);
   if (Asks(change, CHANGE_MASK_GATEWAY)) {
-    const in_addr_t gateway = htonl(change.gateway);
-    libbh_SetDefaultGateway(daemon_state.ifname.c_str(), 0, &gateway);
+    libbh_SetDefaultGateway(daemon_state.ifname.c_str(), 0, &change.gateway.s_addr);
   }
   if (has_dhcp_server && libbh_SetDHCPServerMode(DHCPS_ON, 1, &after.record) == 0)
     libbh_SetDHCPServerMode(DHCPS_OFF, 1, &after.record);
@@ -243,7 +228,7 @@ int32_t ACP_Change_IP_Reply(const AcpRequest &request) {
     syslog(LOG_NOTICE, "IP change is blocked.");
     return Refuse(request, ACP_STATE_FAILURE);
   }
-  if (body.size() < CHANGE_IP_BODY) {
+  if (body.size() < sizeof(ChangeIpRequest)) {
     DebugPrint("acpip is too short. len=%d\n", static_cast<int32_t>(body.size()));
     return Refuse(request, ACP_STATE_FAILURE);
   }

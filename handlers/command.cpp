@@ -13,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "access/command_mode.h"
 #include "acp/body.h"
 #include "acp/reply.h"
 #include "daemon/process.h"
@@ -29,25 +30,26 @@ constexpr size_t REPLY_BUFFER = 7500;    // bytes, header included
 constexpr int32_t COMMAND_RECORD = 12;
 constexpr int32_t HEADER = ACP_HEADER_SIZE;
 
-struct CommandRequest {
+// The request, taken apart once.
+struct Command {
   int32_t length;    // of the text as the client says
   uint32_t type;     // AcpCommandType
   std::string text;  // what came of it
 };
 
-CommandRequest ReadCommand(const AcpRequest &request) {
+Command ReadCommand(const AcpRequest &request) {
   const std::span<const uint8_t> body = RequestBody(request);
-  CommandRequest command = {};
+  Command command = {};
   // Without a body there is no command, not an empty one: no text is -1 bytes long.
   command.length =
-      body.empty() ? -1 : static_cast<int32_t>(BodyU32(body, offsetof(CommandHeader, length)));
-  command.type = BodyU32(body, offsetof(CommandHeader, type));
-  command.text = BodyText(body, sizeof(CommandHeader));
+      body.empty() ? -1 : static_cast<int32_t>(BodyU32(body, offsetof(CommandRequest, length)));
+  command.type = BodyU32(body, offsetof(CommandRequest, type));
+  command.text = BodyText(body, sizeof(CommandRequest));
   return command;
 }
 
 // Counted in 64 bits: a length near the largest number does not wrap, a negative one fits nothing.
-bool IsComplete(const AcpRequest &request, const CommandRequest &command) {
+bool IsComplete(const AcpRequest &request, const Command &command) {
   const int64_t wanted = int64_t{HEADER} + COMMAND_RECORD + command.length - 1;
   if (request.recvlen >= wanted) return true;
   DebugPrint("recvlen(%d)!=ACPHeader(%d)+ACPCOMMAND(%d)+cmdlen(%ld)-1\n", request.recvlen, HEADER,
@@ -56,13 +58,13 @@ bool IsComplete(const AcpRequest &request, const CommandRequest &command) {
 }
 
 // The routines' own limits; exec_capture has none.
-bool CanRun(const CommandRequest &command) {
+bool CanRun(const Command &command) {
   if (command.type == COMMAND_TO_FILE) return FitsExec2(command.text, daemon_state.result_file);
   return command.type == COMMAND_CAPTURED || FitsExec1(command.text);
 }
 
 // Whether the command may run; says why not, and what came, in the trace.
-bool Admit(const AcpRequest &request, const CommandRequest &command) {
+bool Admit(const AcpRequest &request, const Command &command) {
   const int64_t most = int64_t{command.length} + 1;
   const int64_t checked =
       std::clamp<int64_t>(std::ssize(command.text), 0, std::max<int64_t>(most, 0));
@@ -78,18 +80,18 @@ bool Admit(const AcpRequest &request, const CommandRequest &command) {
 }
 
 // A fork that fails leaves the status word at the 0 of the admission.
-int32_t RunWords(const CommandRequest &command) {
+int32_t RunWords(const Command &command) {
   int32_t status = 0;
   const int32_t type = static_cast<int32_t>(command.type);
-  const ChildHold hold = HoldChildren();  // until the child's pid is stored
+  ChildSignalBlock block;  // until the child's pid is stored
   daemon_state.cmd_chpid = exec1(command.text.c_str(), type, &status);
-  ReleaseChildren(hold);
+  block.Release();
   DebugPrint("exec1>%s (type=%d) ret=0x%x\n", command.text.c_str(), type,
              static_cast<unsigned>(status));
   return status;
 }
 
-int32_t RunToFile(const CommandRequest &command) {
+int32_t RunToFile(const Command &command) {
   int32_t status = 0;
   const int32_t type = static_cast<int32_t>(command.type);
   daemon_state.cmd_chpid = exec2(command.text.c_str(), type, daemon_state.result_file, &status);
@@ -106,14 +108,14 @@ Reply AllocateBuffer() {
 }
 
 // The output goes into the reply, up to its first NUL byte. False when there is no memory.
-bool AnswerWithOutput(const AcpRequest &request, const CommandRequest &command) {
+bool AnswerWithOutput(const AcpRequest &request, const Command &command) {
   char output[MAX_OUTPUT + 1] = "";
   Reply reply = AllocateBuffer();
   if (!reply.bytes) return false;
   const int32_t result = exec_capture(command.text.c_str(), output, sizeof(output));
   const size_t length = strlen(output);
-  memcpy(reply.bytes.get() + ACP_HEADER_SIZE + sizeof(CommandHeader), output, length);
-  reply.length = ACP_HEADER_SIZE + sizeof(CommandHeader) + length + OUTPUT_TAIL;
+  memcpy(reply.bytes.get() + ACP_HEADER_SIZE + sizeof(OutputReply), output, length);
+  reply.length = ACP_HEADER_SIZE + sizeof(OutputReply) + length + OUTPUT_TAIL;
   SendReply(request, std::move(reply), ACP_CMD_REPLY, static_cast<uint32_t>(result));
   DebugPrint("result=0x%x\n", static_cast<unsigned>(result));
   return true;
@@ -152,7 +154,7 @@ void DropResultLine() {
 
 int32_t ACP_command_reply(const AcpRequest &request) {
   DebugPrint("-> ACP_command_reply\r\n");
-  const CommandRequest command = ReadCommand(request);
+  const Command command = ReadCommand(request);
   int32_t result = -1;
   if (IsComplete(request, command) && Admit(request, command)) {
     DebugPrint("cmd=[%s]\n", command.text.c_str());
@@ -170,7 +172,7 @@ int32_t ACP_result_reply(const AcpRequest &request) {
   if (!reply.bytes) return -1;
   std::string line;
   const bool taken = MayFetchResult(request) && TakeResultLine(line);
-  CommandHeader header = {};
+  OutputReply header = {};
   if (taken) {
     header.length = static_cast<uint32_t>(line.size());
     line.copy(reinterpret_cast<char *>(reply.bytes.get()) + ACP_HEADER_SIZE + sizeof(header),

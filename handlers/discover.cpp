@@ -12,9 +12,9 @@
 
 #include "access/keys.h"
 #include "acp/reply.h"
-#include "daemon/options.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "daemon/version.h"
 #include "lib/codes.h"
 #include "lib/libbh.h"
 #include "lib/text.h"

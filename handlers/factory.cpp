@@ -19,6 +19,7 @@
 #include "daemon/process.h"
 #include "daemon/signals.h"
 #include "daemon/trace.h"
+#include "lib/descriptor.h"
 #include "lib/libbh.h"
 #include "lib/shell.h"
 
@@ -70,11 +71,10 @@ bool TestBlocks(const char *test, const char *device, int64_t last, int64_t firs
 
 // A child that ends must not cut the time short; an exit that the server is asked for does.
 void Pause(int32_t seconds) {
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   BeginWait();
   libbh_sleep(seconds);
   EndWait();
-  ReleaseChildren(hold);
 }
 
 void DriveUpsPort(const char *output, int32_t seconds) {
@@ -92,21 +92,21 @@ bool ReadUpsPort(const char *title, UpsReport &report) {
   return true;
 }
 
-int OpenFlash(const char *path, int flags) {
-  const int fd = open(path, flags | O_CLOEXEC);
-  if (fd < 0) fprintf(stderr, "could not open \"%s\": %s\n", path, strerror(errno));
-  return fd;
+Descriptor OpenFlash(const char *path, int flags) {
+  Descriptor flash(open(path, flags | O_CLOEXEC));
+  if (!flash.IsOpen()) fprintf(stderr, "could not open \"%s\": %s\n", path, strerror(errno));
+  return flash;
 }
 
 // A write that fails has no place in the result: the line reads the flash back by other means.
-void WriteBlock(int fd, const FlashBlock &block) {
-  const ssize_t written = write(fd, block.data(), block.size());
+void WriteBlock(const Descriptor &flash, const FlashBlock &block) {
+  const ssize_t written = write(flash.Get(), block.data(), block.size());
   (void)written;
 }
 
-bool Holds(int fd, const FlashBlock &block) {
+bool Holds(const Descriptor &flash, const FlashBlock &block) {
   FlashBlock present = {};
-  const ssize_t length = read(fd, present.data(), present.size());
+  const ssize_t length = read(flash.Get(), present.data(), present.size());
   return length == static_cast<ssize_t>(present.size()) && present == block;
 }
 
@@ -147,17 +147,16 @@ int32_t read_write_testUsb(const char *device) {
 int64_t kensa_GetDrivePartitionSize(const char *device) {
   if (device[0] == '\0') return -1;
   // Not to be kept waiting by what is no drive; a drive without a medium has no size.
-  const int fd = open(device, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return -1;
+  const Descriptor drive(open(device, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!drive.IsOpen()) return -1;
   int64_t size = -1;
   int sector = 0;
   unsigned long count = 0;
-  if (ioctl(fd, BLKSSZGET, &sector) != 0) {
+  if (ioctl(drive.Get(), BLKSSZGET, &sector) != 0) {
     printf(">%s:fail.\n", "kensa_GetDrivePartitionSize");
-  } else if (ioctl(fd, BLKGETSIZE, &count) == 0) {
+  } else if (ioctl(drive.Get(), BLKGETSIZE, &count) == 0) {
     size = static_cast<int64_t>(uint64_t{count} * static_cast<uint64_t>(sector));
   }
-  close(fd);
   const double bytes = static_cast<double>(sector) * static_cast<double>(count);
   printf("%s %f [GB]\n", device, bytes / 1024 / 1024 / 1024);
   return size;
@@ -197,11 +196,8 @@ int32_t GetUpsPortState(const char *name, const char *report) {
 }
 
 int64_t GetFileSize(const char *path) {
-  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return 0;
-  const off_t size = lseek(fd, 0, SEEK_END);
-  close(fd);
-  return size;
+  const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return file.IsOpen() ? lseek(file.Get(), 0, SEEK_END) : 0;
 }
 
 int32_t kensa_WriteFlashMark(int32_t ng) {
@@ -210,18 +206,14 @@ int32_t kensa_WriteFlashMark(int32_t ng) {
   for (size_t i = 0; i < block.size(); ++i)
     block[i] = mark[i % 2];
 
-  int fd = OpenFlash(FLASH, O_RDONLY);
-  if (fd < 0) return 0;
-  const bool is_marked = Holds(fd, block);
-  close(fd);
-  if (is_marked) return 0;
-
-  fd = OpenFlash(FLASH, O_WRONLY);
-  if (fd < 0) return -1;
-  ioctl(fd, FLASH_BEGIN, nullptr);
-  WriteBlock(fd, block);
-  ioctl(fd, FLASH_END, nullptr);
-  close(fd);
+  Descriptor flash = OpenFlash(FLASH, O_RDONLY);
+  if (!flash.IsOpen() || Holds(flash, block)) return 0;
+  flash.Close();
+  flash = OpenFlash(FLASH, O_WRONLY);
+  if (!flash.IsOpen()) return -1;
+  ioctl(flash.Get(), FLASH_BEGIN, nullptr);
+  WriteBlock(flash, block);
+  ioctl(flash.Get(), FLASH_END, nullptr);
   return 0;
 }
 
@@ -233,9 +225,8 @@ int32_t kensa_SetBootParam(int32_t ramdisk) {
   const std::string_view text = ramdisk != 0 ? "bootparm=root=/dev/ram0" : "bootparm=root=/dev/md0";
   text.copy(block.data() + 16, text.size());
 
-  const int fd = OpenFlash(BOOT_FLASH, O_WRONLY);
-  if (fd < 0) return -1;
-  WriteBlock(fd, block);
-  close(fd);
+  const Descriptor flash = OpenFlash(BOOT_FLASH, O_WRONLY);
+  if (!flash.IsOpen()) return -1;
+  WriteBlock(flash, block);
   return 0;
 }

@@ -21,6 +21,7 @@
 #include "acp/packet.h"
 #include "daemon/state.h"
 #include "daemon/trace.h"
+#include "lib/descriptor.h"
 #include "lib/shell.h"
 
 namespace {
@@ -110,21 +111,20 @@ int32_t WriteEepromMac(int32_t socket, const char *ifname, const uint8_t *mac) {
 }
 
 int32_t init_mac_address(const char *ifname, const char *text) {
-  const int32_t socket = OpenIoctlSocket();
-  if (socket == -1) {
-    DebugPrint("tulip eeprom_write : socket open err(%08X)\n", static_cast<uint32_t>(socket));
+  const Descriptor socket(OpenIoctlSocket());
+  if (!socket.IsOpen()) {
+    DebugPrint("tulip eeprom_write : socket open err(%08X)\n", static_cast<uint32_t>(socket.Get()));
     return -1;
   }
   const MacAddress mac = ParseMac(text);
   DebugPrint("init_mac_address() ifname=%s mac=%s\n", ifname, MacText(mac.data()).c_str());
-  WriteEepromMac(socket, ifname, mac.data());
-  close(socket);
+  WriteEepromMac(socket.Get(), ifname, mac.data());
   return 0;
 }
 
 int32_t write_mac_address_mipsel(const char *text) {
-  const int fd = open(ID_DEVICE, O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
+  const Descriptor device(open(ID_DEVICE, O_RDWR | O_CLOEXEC));
+  if (!device.IsOpen()) {
     DebugPrint("could not open \"%s\": %s\n", ID_DEVICE, strerror(errno));
     return -1;
   }
@@ -135,12 +135,11 @@ int32_t write_mac_address_mipsel(const char *text) {
   int results[std::size(ID_REQUESTS)] = {};
   for (size_t i = 0; i < std::size(ID_REQUESTS); ++i) {
     uint8_t *const argument = ID_REQUESTS[i].has_address ? daemon_state.mac_buffer : nullptr;
-    results[i] = ioctl(fd, ID_REQUESTS[i].number, argument);
+    results[i] = ioctl(device.Get(), ID_REQUESTS[i].number, argument);
   }
   DebugPrint("VERIFY MAC = %s\n", MacText(daemon_state.mac_buffer).c_str());
   DebugPrint("write_mac_address_mipsel() return ret1=%d ret2=%d ret3=%d ret4=%d ret5=%d\n",
              results[0], results[1], results[2], results[3], results[4]);
-  close(fd);
   const bool done =
       std::all_of(std::begin(results), std::end(results), [](int r) { return r == 0; });
   return done ? 0 : -1;

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <optional>
@@ -15,7 +14,9 @@
 #include <string>
 
 #include "access/cipher.h"
+#include "access/command_mode.h"
 #include "access/keys.h"
+#include "access/pass_phrase.h"
 #include "access/password.h"
 #include "acp/body.h"
 #include "acp/reply.h"
@@ -26,44 +27,31 @@
 #include "handlers/factory.h"
 #include "handlers/mac_address.h"
 #include "handlers/maintenance.h"
-#include "handlers/pass_phrase.h"
 #include "lib/libbh.h"
 #include "lib/shell.h"
 
 namespace {
 
-// The body, in bytes from its start. The old password is there when a new one comes with it, and
-// the text ends before it then.
-constexpr size_t EXTRA_AT = 4;
-constexpr size_t TEXT_AT = 8;
-constexpr size_t OLD_PASSWORD_AT = 24;
-
-constexpr uint8_t VERIFY_PASSWORD = 0x0C;
-constexpr uint32_t WITH_OLD_PASSWORD = 0;  // `extra` of a password change
-constexpr uint32_t WITHOUT_PASSWORD = 0x5B;
 constexpr int64_t TESTED_BLOCKS = 10000;
 constexpr time_t BLINK_TIME = 3;  // seconds
 
-uint8_t CommandByte(const AcpRequest &request) {
+// The request, taken apart once.
+struct Special {
+  uint8_t code;  // AcpSpecial
+  uint32_t extra;
+  std::span<const uint8_t> text;  // to the end of the body
+  const uint8_t *client;          // MAC, 6 bytes
+};
+
+Special ReadSpecial(const AcpRequest &request) {
   const std::span<const uint8_t> body = RequestBody(request);
-  return body.empty() ? 0 : body[0];
+  return {body.empty() ? uint8_t{0} : body[offsetof(SpecialRequest, code)],
+          BodyU32(body, offsetof(SpecialRequest, extra)), BodyFrom(body, sizeof(SpecialRequest)),
+          RequesterMac(request)};
 }
 
-uint32_t Extra(const AcpRequest &request) {
-  return BodyU32(RequestBody(request), EXTRA_AT);
-}
-
-std::string Text(const AcpRequest &request) {
-  return BodyText(RequestBody(request), TEXT_AT);
-}
-
-// The encoded text in the body from `begin` to `end`, which may both lie past the body's end.
-// Nothing when it is too long for a password.
-std::optional<std::string> Decode(const AcpRequest &request, uint32_t key, size_t begin,
-                                  size_t end = RECEIVE_BUFFER) {
-  const std::span<const uint8_t> body = RequestBody(request);
-  begin = std::min(begin, body.size());
-  return DecodePassword(body.subspan(begin, std::min(end, body.size()) - begin), key);
+std::string Text(const Special &special) {
+  return BodyText(special.text, 0);
 }
 
 bool IsPassword(const std::optional<std::string> &password) {
@@ -76,7 +64,7 @@ bool IsEmergencySystem() {
 
 // The library's scripts may end this server: a worker runs them, or without one the server after
 // all. They always return 0.
-uint32_t Reboot(const AcpRequest &) {
+uint32_t Reboot(const Special &) {
   const bool emergency = IsEmergencySystem();
   if (emergency || is_zeph_product())
     RunUnlessStopping("/sbin/reboot");
@@ -88,7 +76,7 @@ uint32_t Reboot(const AcpRequest &) {
   return ACP_STATE_OK;
 }
 
-uint32_t Shutdown(const AcpRequest &) {
+uint32_t Shutdown(const Special &) {
   if (IsEmergencySystem() || is_zeph_product()) {
     RunUnlessStopping("/usr/local/bin/shutdown.sh");
     return ACP_STATE_OK;
@@ -100,11 +88,11 @@ uint32_t Shutdown(const AcpRequest &) {
   return ACP_STATE_OK;
 }
 
-uint32_t BootEmergencySystem(const AcpRequest &) {
+uint32_t BootEmergencySystem(const Special &) {
   return static_cast<uint32_t>(SetEmergenceMode(1));
 }
 
-uint32_t BootDiskSystem(const AcpRequest &) {
+uint32_t BootDiskSystem(const Special &) {
   return static_cast<uint32_t>(SetEmergenceMode(0));
 }
 
@@ -126,109 +114,105 @@ void Sleep(time_t seconds) {
 
 // The blink before may have been collected, and its number be another child's by now: `led_pid`
 // tells what was started last, `live_led` what can be waited for.
-uint32_t BlinkLed(const AcpRequest &) {
-  const ChildHold hold = HoldChildren();
+uint32_t BlinkLed(const Special &) {
+  const ChildSignalBlock block;
   if (daemon_state.live_led > 0) WaitForChild(daemon_state.live_led, nullptr);
   DebugPrint("ACP_Special_Reply() led_pid=%d\n", daemon_state.led_pid);
   const pid_t child = ForkWorker();
   if (child == 0) Blink();
   daemon_state.led_pid = child;
   daemon_state.live_led = std::max(child, 0);
-  ReleaseChildren(hold);
   return ACP_STATE_OK;
 }
 
-uint32_t SaveConfig(const AcpRequest &) {
+uint32_t SaveConfig(const Special &) {
   libbh_SaveConfig();
   return ACP_STATE_OK;
 }
 
-uint32_t LoadConfig(const AcpRequest &) {
+uint32_t LoadConfig(const Special &) {
   libbh_LoadConfig();
   return ACP_STATE_OK;
 }
 
-uint32_t InitWeb(const AcpRequest &) {
+uint32_t InitWeb(const Special &) {
   DebugPrint("ext /usr/lcoalb/in/initweb.sh\n");
   RunCommandLine("sh /usr/local/bin/initweb.sh");
   return ACP_STATE_OK;
 }
 
 // The lock is this process's own, until it is unlocked or the server ends.
-uint32_t CheckLock(const AcpRequest &) {
+uint32_t CheckLock(const Special &) {
   return static_cast<uint32_t>(libbh_checklock());
 }
 
-uint32_t Lock(const AcpRequest &) {
+uint32_t Lock(const Special &) {
   return static_cast<uint32_t>(libbh_lock());
 }
 
-uint32_t Unlock(const AcpRequest &) {
+uint32_t Unlock(const Special &) {
   return static_cast<uint32_t>(libbh_unlock());
 }
 
-uint32_t VerifyPassword(const AcpRequest &request) {
-  const uint32_t key = GetKey(RequesterMac(request));
+uint32_t VerifyPassword(const Special &special) {
+  const uint32_t key = GetKey(special.client);
   if (key == 0) return ACP_STATE_NO_KEY;
-  if (!IsPassword(Decode(request, key, TEXT_AT))) return ACP_STATE_PASSWORD_ERROR;
+  if (!IsPassword(DecodePassword(special.text, key))) return ACP_STATE_PASSWORD_ERROR;
   daemon_state.password_verified = 0;
   return ACP_STATE_OK;
 }
 
-void DisableCommandMode() {
-  DebugPrint("Disnable Command : Done.\n");
-  set_mode_flags(get_mode_flags() & ~MODE_COMMAND_ENABLED);
-  daemon_state.enable_state = -1;
-  memset(daemon_state.enable_mac, 0, sizeof(daemon_state.enable_mac));
-}
-
-void EnableCommandMode(const uint8_t *mac) {
-  set_mode_flags(get_mode_flags() | MODE_COMMAND_ENABLED);
-  daemon_state.enable_state = 0;
-  memcpy(daemon_state.enable_mac, mac, sizeof(daemon_state.enable_mac));
-  DebugPrint("Enable Command : Password OK!!! MAC=%02X:%02X:%02X:%02X:%02X:%02X\n", mac[0], mac[1],
-             mac[2], mac[3], mac[4], mac[5]);
-}
-
-uint32_t SwitchCommandMode(const AcpRequest &request) {
-  if (Extra(request) != 0) {
+uint32_t SwitchCommandMode(const Special &special) {
+  if (special.extra != SWITCH_ON) {
     DisableCommandMode();
     return ACP_STATE_OK;
   }
-  const uint32_t key = GetKey(RequesterMac(request));
+  const uint32_t key = GetKey(special.client);
   if (key == 0) {
     DebugPrint("Enable Command : Password Error!!! failed GetKey.\n");
     return ACP_STATE_NO_KEY;
   }
-  const std::optional<std::string> phrase = Decode(request, key, TEXT_AT);
+  const std::optional<std::string> phrase = DecodePassword(special.text, key);
   if (!phrase || ComparePassPhrase(phrase->c_str()) != 0) {
     DebugPrint("Enable Command : Password Error!!!\n");
     return ACP_STATE_PASSWORD_ERROR;
   }
-  EnableCommandMode(RequesterMac(request));
+  EnableCommandMode(special.client);
   return ACP_STATE_OK;
 }
 
-uint32_t SwitchTrace(const AcpRequest &request) {
+uint32_t SwitchTrace(const Special &special) {
   const uint32_t others = get_mode_flags() & ~MODE_DEBUG;
-  set_mode_flags(Extra(request) == 0 ? others | MODE_DEBUG : others);
+  set_mode_flags(special.extra == SWITCH_ON ? others | MODE_DEBUG : others);
   return ACP_STATE_OK;
 }
 
-uint32_t ProgramMac(const AcpRequest &request) {
-  const std::string text = Text(request);
+uint32_t ProgramMac(const Special &special) {
+  const std::string text = Text(special);
   const bool by_device = daemon_state.product_id >= 5 && daemon_state.product_id <= 7;
   const int32_t result = by_device ? write_mac_address_mipsel(text.c_str())
                                    : init_mac_address(daemon_state.ifname.c_str(), text.c_str());
   return static_cast<uint32_t>(result);
 }
 
+// The texts of a password change, both encoded. The old password is there when it is the proof.
+struct PasswordTexts {
+  std::span<const uint8_t> new_password;
+  std::span<const uint8_t> old_password;
+};
+
+PasswordTexts ReadPasswords(const Special &special) {
+  if (special.extra != PROOF_OLD_PASSWORD) return {special.text, {}};
+  const size_t length = std::min(sizeof(PasswordChange), special.text.size());
+  return {special.text.first(length), special.text.subspan(length)};
+}
+
 // Whether the client may change the password, by what it says for that or has proved before.
-bool MayChangePassword(const AcpRequest &request, uint32_t key) {
-  const uint32_t extra = Extra(request);
-  if (extra == WITHOUT_PASSWORD) return true;
-  if (extra == WITH_OLD_PASSWORD) {
-    if (IsPassword(Decode(request, key, OLD_PASSWORD_AT))) return true;
+bool MayChangePassword(const Special &special, std::span<const uint8_t> old_password,
+                       uint32_t key) {
+  if (special.extra == PROOF_NONE) return true;
+  if (special.extra == PROOF_OLD_PASSWORD) {
+    if (IsPassword(DecodePassword(old_password, key))) return true;
     DebugPrint("ERROR!!! CheckPassword()\n");
     return false;
   }
@@ -238,76 +222,75 @@ bool MayChangePassword(const AcpRequest &request, uint32_t key) {
 }
 
 // The new password comes as the account database stores it.
-uint32_t ChangePassword(const AcpRequest &request) {
-  const uint32_t key = GetKey(RequesterMac(request));
+uint32_t ChangePassword(const Special &special) {
+  const uint32_t key = GetKey(special.client);
   if (key == 0) {
     DebugPrint("ERROR!!! GetKey()\n");
     return ACP_STATE_NO_KEY;
   }
-  if (!MayChangePassword(request, key)) return ACP_STATE_PASSWORD_ERROR;
-  const size_t end = Extra(request) == WITH_OLD_PASSWORD ? OLD_PASSWORD_AT : RECEIVE_BUFFER;
-  const std::optional<std::string> password = Decode(request, key, TEXT_AT, end);
+  const PasswordTexts texts = ReadPasswords(special);
+  if (!MayChangePassword(special, texts.old_password, key)) return ACP_STATE_PASSWORD_ERROR;
+  const std::optional<std::string> password = DecodePassword(texts.new_password, key);
   if (!password || password->empty()) return ACP_STATE_PASSWORD_ERROR;
   RunCommandLine(FormatText("usermod -l admin -p %s admin", QuoteForShell(*password).c_str()));
   DebugPrint("execute usermod. user=%s new_pass=%s\n", "admin", password->c_str());
   return ACP_STATE_OK;
 }
 
-// By `extra`; null for what is no kind of array.
-const char *RaidScript(uint32_t extra) {
-  static constexpr const char *SCRIPTS[] = {
-      "sh /usr/local/bin/dkwiz_mknormal.sh", "sh /usr/local/bin/dkwiz_mkjbod.sh",
-      "sh /usr/local/bin/dkwiz_mkraid1.sh", "sh /usr/local/bin/dkwiz_mkraid5.sh"};
-  constexpr uint32_t FIRST = 3;
-  return extra >= FIRST && extra - FIRST < std::size(SCRIPTS) ? SCRIPTS[extra - FIRST] : nullptr;
+// Null for what is no kind of array.
+const char *RaidScript(uint32_t kind) {
+  if (kind == RAID_KIND_NORMAL) return "sh /usr/local/bin/dkwiz_mknormal.sh";
+  if (kind == RAID_KIND_JBOD) return "sh /usr/local/bin/dkwiz_mkjbod.sh";
+  if (kind == RAID_KIND_RAID1) return "sh /usr/local/bin/dkwiz_mkraid1.sh";
+  return kind == RAID_KIND_RAID5 ? "sh /usr/local/bin/dkwiz_mkraid5.sh" : nullptr;
 }
 
-uint32_t CreateRaid(const AcpRequest &request) {
-  const char *const script = RaidScript(Extra(request));
+uint32_t CreateRaid(const Special &special) {
+  const char *const script = RaidScript(special.extra);
   if (script == nullptr) return ACP_STATE_FAILURE;
-  const ChildHold hold = HoldChildren();
+  const ChildSignalBlock block;
   const pid_t child = ForkWorker();
   if (child == 0) {
     RunCommandLine(script);
     _exit(0);
   }
-  ReleaseChildren(hold);
   return child > 0 ? ACP_STATE_OK : ACP_STATE_FAILURE;
 }
 
-uint32_t SetLanguage(const AcpRequest &request) {
-  const uint32_t result =
-      static_cast<uint32_t>(Extra(request) == 0 ? chage_language("japanese", "CP932")
-                                                : chage_language("english", "CP437"));
+uint32_t SetLanguage(const Special &special) {
+  const uint32_t result = static_cast<uint32_t>(special.extra == LANGUAGE_JAPANESE
+                                                    ? chage_language("japanese", "CP932")
+                                                    : chage_language("english", "CP437"));
   DebugPrint("ACP_Special_Reply() chage_language. lRet=%04x\n", result);
   return result;
 }
 
-uint32_t TestDevice(const AcpRequest &request) {
-  const std::string device = Text(request);
-  const uint32_t extra = Extra(request);
-  if (extra == 0) return static_cast<uint32_t>(read_write_testUsb(device.c_str()));
-  if (extra == 1) return static_cast<uint32_t>(read_write_test(device.c_str(), TESTED_BLOCKS));
+uint32_t TestDevice(const Special &special) {
+  const std::string device = Text(special);
+  if (special.extra == TESTED_REMOVABLE)
+    return static_cast<uint32_t>(read_write_testUsb(device.c_str()));
+  if (special.extra == TESTED_DISK)
+    return static_cast<uint32_t>(read_write_test(device.c_str(), TESTED_BLOCKS));
   return ACP_STATE_FAILURE;
 }
 
-uint32_t RemoveFile(const AcpRequest &request) {
-  return remove(Text(request).c_str()) == 0 ? ACP_STATE_OK : ACP_STATE_FAILURE;
+uint32_t RemoveFile(const Special &special) {
+  return remove(Text(special).c_str()) == 0 ? ACP_STATE_OK : ACP_STATE_FAILURE;
 }
 
-uint32_t FileChecksum(const AcpRequest &request) {
-  const uint32_t result = libbh_FileChksum(Text(request).c_str());
+uint32_t FileChecksum(const Special &special) {
+  const uint32_t result = libbh_FileChksum(Text(special).c_str());
   DebugPrint("ACP_Special_Reply()libbh_FileChksum(). lRet=%04x\n", result);
   return result;
 }
 
-uint32_t ClearUsbInfo(const AcpRequest &) {
+uint32_t ClearUsbInfo(const Special &) {
   const uint32_t result = static_cast<uint32_t>(clear_usb_info());
   DebugPrint("ACP_Special_Reply() clear_usb_info. lRet=%04x\n", result);
   return result;
 }
 
-uint32_t TestUpsPort(const AcpRequest &) {
+uint32_t TestUpsPort(const Special &) {
   const uint32_t result = static_cast<uint32_t>(kensa_50_upstest());
   DebugPrint("ACP_Special_Reply() kensa_50_upstest. lRet=%04x\n", result);
   return result;
@@ -316,62 +299,62 @@ uint32_t TestUpsPort(const AcpRequest &) {
 enum class Client { ANY, ENABLED };
 enum class Family { ANY, ZEPH };
 
-struct Special {
-  uint8_t code;
+struct Command {
+  AcpSpecial code;
   Client client;
   Family family;
-  uint32_t (*run)(const AcpRequest &request);
+  uint32_t (*run)(const Special &special);
 };
 
-const Special SPECIALS[] = {
-    {0x01, Client::ENABLED, Family::ANY, Reboot},
-    {0x02, Client::ENABLED, Family::ANY, Shutdown},
-    {0x03, Client::ENABLED, Family::ANY, BootEmergencySystem},
-    {0x04, Client::ENABLED, Family::ANY, BootDiskSystem},
-    {0x05, Client::ANY, Family::ANY, BlinkLed},
-    {0x06, Client::ANY, Family::ANY, SaveConfig},
-    {0x07, Client::ANY, Family::ANY, LoadConfig},
-    {0x08, Client::ANY, Family::ANY, InitWeb},
-    {0x09, Client::ANY, Family::ANY, CheckLock},
-    {0x0A, Client::ANY, Family::ANY, Lock},
-    {0x0B, Client::ANY, Family::ANY, Unlock},
-    {VERIFY_PASSWORD, Client::ENABLED, Family::ANY, VerifyPassword},
-    {0x0D, Client::ANY, Family::ANY, SwitchCommandMode},
-    {0x0E, Client::ANY, Family::ANY, SwitchTrace},
-    {0x0F, Client::ENABLED, Family::ANY, ProgramMac},
-    {0x10, Client::ENABLED, Family::ZEPH, ChangePassword},
-    {0x11, Client::ENABLED, Family::ZEPH, CreateRaid},
-    {0x12, Client::ENABLED, Family::ZEPH, SetLanguage},
-    {0x40, Client::ENABLED, Family::ANY, TestDevice},
-    {0x41, Client::ENABLED, Family::ANY, RemoveFile},
-    {0x42, Client::ANY, Family::ANY, FileChecksum},
-    {0x45, Client::ENABLED, Family::ANY, ClearUsbInfo},
-    {0x50, Client::ENABLED, Family::ANY, TestUpsPort},
+const Command COMMANDS[] = {
+    {SPECIAL_REBOOT, Client::ENABLED, Family::ANY, Reboot},
+    {SPECIAL_SHUTDOWN, Client::ENABLED, Family::ANY, Shutdown},
+    {SPECIAL_BOOT_EMERGENCY, Client::ENABLED, Family::ANY, BootEmergencySystem},
+    {SPECIAL_BOOT_DISK, Client::ENABLED, Family::ANY, BootDiskSystem},
+    {SPECIAL_BLINK, Client::ANY, Family::ANY, BlinkLed},
+    {SPECIAL_SAVE_CONFIG, Client::ANY, Family::ANY, SaveConfig},
+    {SPECIAL_LOAD_CONFIG, Client::ANY, Family::ANY, LoadConfig},
+    {SPECIAL_INIT_WEB, Client::ANY, Family::ANY, InitWeb},
+    {SPECIAL_CHECK_LOCK, Client::ANY, Family::ANY, CheckLock},
+    {SPECIAL_LOCK, Client::ANY, Family::ANY, Lock},
+    {SPECIAL_UNLOCK, Client::ANY, Family::ANY, Unlock},
+    {SPECIAL_VERIFY_PASSWORD, Client::ENABLED, Family::ANY, VerifyPassword},
+    {SPECIAL_COMMAND_MODE, Client::ANY, Family::ANY, SwitchCommandMode},
+    {SPECIAL_TRACE, Client::ANY, Family::ANY, SwitchTrace},
+    {SPECIAL_SET_MAC, Client::ENABLED, Family::ANY, ProgramMac},
+    {SPECIAL_CHANGE_PASSWORD, Client::ENABLED, Family::ZEPH, ChangePassword},
+    {SPECIAL_CREATE_RAID, Client::ENABLED, Family::ZEPH, CreateRaid},
+    {SPECIAL_SET_LANGUAGE, Client::ENABLED, Family::ZEPH, SetLanguage},
+    {SPECIAL_TEST_DRIVE, Client::ENABLED, Family::ANY, TestDevice},
+    {SPECIAL_REMOVE_FILE, Client::ENABLED, Family::ANY, RemoveFile},
+    {SPECIAL_FILE_CHECKSUM, Client::ANY, Family::ANY, FileChecksum},
+    {SPECIAL_CLEAR_USB, Client::ENABLED, Family::ANY, ClearUsbInfo},
+    {SPECIAL_TEST_UPS, Client::ENABLED, Family::ANY, TestUpsPort},
 };
 
-uint32_t RunSpecial(const AcpRequest &request, uint8_t code) {
-  const Special *special =
-      std::find_if(std::begin(SPECIALS), std::end(SPECIALS),
-                   [code](const Special &candidate) { return candidate.code == code; });
-  if (special == std::end(SPECIALS)) {
-    DebugPrint("ACP_Special_Reply() not support command. cmd=%02x\n", code);
+uint32_t RunSpecial(const AcpRequest &request, const Special &special) {
+  const Command *command =
+      std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                   [&special](const Command &candidate) { return candidate.code == special.code; });
+  if (command == std::end(COMMANDS)) {
+    DebugPrint("ACP_Special_Reply() not support command. cmd=%02x\n", special.code);
     return ACP_STATE_NOT_SUPPORT;
   }
   // Whoever asks, and whatever comes of it, an earlier verification ends here.
-  if (code == VERIFY_PASSWORD) daemon_state.password_verified = -1;
-  if (special->family == Family::ZEPH && !is_zeph_product()) return ACP_STATE_BAD_PRODUCT;
-  if (special->client == Client::ENABLED && CheckEnabledClient(request) != 0)
+  if (special.code == SPECIAL_VERIFY_PASSWORD) daemon_state.password_verified = -1;
+  if (command->family == Family::ZEPH && !is_zeph_product()) return ACP_STATE_BAD_PRODUCT;
+  if (command->client == Client::ENABLED && CheckEnabledClient(request) != 0)
     return ACP_STATE_NOT_PERMIT;
-  return special->run(request);
+  return command->run(special);
 }
 
 }  // namespace
 
 int32_t ACP_Special_Reply(const AcpRequest &request) {
-  const uint8_t code = CommandByte(request);
-  DebugPrint("-> ACP_Special_Reply command=0x%02X extra=0x%02X\r\n", code, Extra(request));
-  const uint32_t result = RunSpecial(request, code);
-  DebugPrint("ACP_Special_Reply() cmd=%02x lRet=0x%x\n", code, result);
+  const Special special = ReadSpecial(request);
+  DebugPrint("-> ACP_Special_Reply command=0x%02X extra=0x%02X\r\n", special.code, special.extra);
+  const uint32_t result = RunSpecial(request, special);
+  DebugPrint("ACP_Special_Reply() cmd=%02x lRet=0x%x\n", special.code, result);
   SendState(request, ACP_SPECIAL_REPLY, result);
   return 0;
 }

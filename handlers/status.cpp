@@ -134,7 +134,7 @@ void AddUsbDisks(RaidList &list) {
 // The drive's directory of a disk request; a request too short to hold one means the first drive.
 std::string DriveDirectory(const AcpRequest &request) {
   const auto body = RequestBody(request);
-  return body.size() < DIRECTORY_IN_REQUEST ? DEFAULT_DRIVE : BodyText(body, 0);
+  return body.size() < sizeof(DiskRequest) ? DEFAULT_DRIVE : BodyText(body, 0);
 }
 
 void FillPartition(PartitionInfo &info, const struct statfs &status, const std::string &path) {
@@ -159,7 +159,7 @@ int32_t ACP_Ping_Reply(const AcpRequest &request) {
   memcpy(header.dst_mac, header.src_mac, MAC_SIZE);
   libbh_GetMacAddress(daemon_state.ifname.c_str(), header.src_mac);
   memcpy(reply.bytes.get(), &header, sizeof(header));
-  SendPreparedReply(request, std::move(reply));
+  SendPreparedReply(request, reply.Bytes());
   return 0;
 }
 

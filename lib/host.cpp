@@ -31,6 +31,10 @@ constexpr int32_t MAX_USED = 4096;  // bytes of a caller's buffer
 // Products up to this ID keep their information file in EUC-JP.
 constexpr int32_t LAST_EUC_PRODUCT = 0x2000;
 
+bool IsLetterOrDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
 // Lengths are kept in 16 bits.
 bool HasNameLength(const char *name) {
   const size_t length = name == nullptr ? 0 : strlen(name) % 65536;
@@ -95,6 +99,17 @@ int32_t ReplaceHostsName(const std::string &old_name, const char *name, const ch
 }
 
 }  // namespace
+
+int32_t libbh_CheckHostName(const char *text) {
+  if (text == nullptr) return -1;
+  char last = '.';  // no dot may come first
+  for (const char *in = text; *in != '\0'; ++in) {
+    const bool fits = IsLetterOrDigit(*in) || *in == '-' || (*in == '.' && last != '.');
+    if (!fits) return -1;
+    last = *in;
+  }
+  return text[0] != '\0' && last == '.' ? -1 : 0;
+}
 
 int32_t libbh_GetHostName(char *buffer, int32_t size) {
   if (size == 0) {

@@ -2,7 +2,7 @@
 
 #include "lib/hosts.h"
 
-#include "lib/dev_ctl/socket.h"
+#include "lib/address.h"
 #include "lib/text.h"
 
 namespace {

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <sys/ipc.h>
-#include <sys/select.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -15,7 +14,7 @@
 #include <memory>
 
 #include "lib/codes.h"
-#include "lib/hooks.h"
+#include "lib/descriptor.h"
 #include "lib/libbh.h"
 
 namespace {
@@ -162,9 +161,8 @@ int32_t TakeFreeLevel(int set, OwnerRecord &owner) {
 
 int32_t libbh_lock() {
   if (access(KEY_FILE, F_OK) != 0) {
-    const int file = open(KEY_FILE, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (file < 0) return LOCK_NO_KEY;
-    close(file);
+    const Descriptor file(open(KEY_FILE, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    if (!file.IsOpen()) return LOCK_NO_KEY;
   }
   const key_t key = LockKey();
   const OwnerPtr owner = AttachOwner(key);
@@ -199,13 +197,4 @@ int32_t libbh_checklock() {
   const int set = semget(key, LEVELS, 0);
   if (set < 0) return errno == ENOENT ? 0 : 1;
   return Holds(set, MAIN, *owner) || Holds(set, INHERITED, *owner) ? 0 : 1;
-}
-
-int32_t libbh_sleep(int32_t seconds) {
-  timeval time = {};
-  time.tv_sec = seconds;
-  if (libbh_begin_wait != nullptr) libbh_begin_wait();
-  const int32_t result = select(0, nullptr, nullptr, nullptr, &time);
-  if (libbh_end_wait != nullptr) libbh_end_wait();
-  return result;
 }

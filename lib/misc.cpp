@@ -165,16 +165,6 @@ const char *libbh_GetDefaultValue(uint32_t index) {
   return index < std::size(DEFAULT_VALUES) ? DEFAULT_VALUES[index] : nullptr;
 }
 
-char *libbh_AppendString(char *buffer, const char *text) {
-  const size_t old_length = buffer == nullptr ? 0 : strlen(buffer);
-  const size_t text_length = text == nullptr ? 0 : strlen(text);
-  char *grown = static_cast<char *>(realloc(buffer, old_length + text_length + 1));
-  if (grown == nullptr) return nullptr;
-  if (text_length > 0) memcpy(grown + old_length, text, text_length);
-  grown[old_length + text_length] = '\0';
-  return grown;
-}
-
 char *libbh_GetConfigValue(const char *path, const char *key) {
   std::string content;
   if (path == nullptr || key == nullptr || ReadTextFile(path, content) != 0) return nullptr;

@@ -1,6 +1,5 @@
 // The NTP line of the crontab, and the time zone's link.
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,10 +27,6 @@ constexpr const char *ZONE_DIRECTORY = "/usr/share/zoneinfo/";
 constexpr const char *ZONE_MARK = "/zoneinfo/";
 constexpr size_t MAX_LINK = 4095;  // of a path; the link is not removed for one that cannot be
 constexpr size_t LINK_CAPACITY = 4096;
-
-bool IsLetterOrDigit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
 
 // 0 or the code of the first thing wrong.
 int32_t CheckNtpConfig(const NtpConfig &config) {
@@ -136,40 +131,6 @@ int32_t libbh_FreeNtpConfig(NtpConfig *config) {
   free(config->server);
   config->server = nullptr;
   return 0;
-}
-
-int32_t libbh_CheckHostName(const char *text) {
-  if (text == nullptr) return -1;
-  char last = '.';  // no dot may come first
-  for (const char *in = text; *in != '\0'; ++in) {
-    const bool fits = IsLetterOrDigit(*in) || *in == '-' || (*in == '.' && last != '.');
-    if (!fits) return -1;
-    last = *in;
-  }
-  return text[0] != '\0' && last == '.' ? -1 : 0;
-}
-
-int32_t libbh_IsEmptyFile(const char *path) {
-  if (path == nullptr) return libbh_SysError(EINVAL);
-  struct stat status = {};
-  if (stat(path, &status) != 0) return libbh_SysError(errno);
-  return status.st_size == 0 ? 1 : 0;
-}
-
-int32_t libbh_SplitString(int32_t after, const char *text, const char *separator,
-                          const char **out_piece) {
-  if (text == nullptr || separator == nullptr || *text == '\0' || *separator == '\0') return 0;
-  const char *piece = text;
-  const char *first = strstr(text, separator);
-  if (after != 0) {
-    piece = first;
-    while (piece != nullptr && strncmp(piece, separator, strlen(separator)) == 0)
-      piece += strlen(separator);
-  }
-  if (out_piece != nullptr) *out_piece = piece;
-  if (first == nullptr) return 0;
-  const char *end = strstr(piece, separator);
-  return static_cast<int32_t>(end == nullptr ? strlen(piece) : static_cast<size_t>(end - piece));
 }
 
 int32_t libbh_GetTimeZoneName(char *buffer, int32_t size) {

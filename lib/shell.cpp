@@ -2,7 +2,6 @@
 
 #include "lib/shell.h"
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "lib/descriptor.h"
 #include "lib/hooks.h"
 #include "lib/text.h"
 
@@ -107,12 +107,12 @@ int RunShell(const std::string &command) {
 }
 
 std::string FirstOutputLine(const char *command, size_t longest) {
-  int ends[2] = {-1, -1};
-  if (pipe2(ends, O_CLOEXEC) != 0) return "";
-  const pid_t child = StartShell(command, ends[1]);
-  close(ends[1]);
-  std::string line = child > 0 ? ReadLine(ends[0], longest) : "";
-  close(ends[0]);  // a command that prints more ends by it
+  Pipe pipe;
+  if (!OpenPipe(pipe)) return "";
+  const pid_t child = StartShell(command, pipe.writer.Get());
+  pipe.writer.Close();
+  std::string line = child > 0 ? ReadLine(pipe.reader.Get(), longest) : "";
+  pipe.reader.Close();  // a command that prints more ends by it
   if (child > 0) AwaitChild(child);
   return line;
 }

@@ -12,6 +12,8 @@
 #include <limits>
 #include <utility>
 
+#include "lib/descriptor.h"
+
 namespace {
 
 // Room made at once for a file of known size; growing step by step costs more than the reading.
@@ -24,13 +26,12 @@ void ReserveFor(FILE *file, std::string &content) {
     content.reserve(static_cast<size_t>(std::min(status.st_size, MAX_RESERVED)));
 }
 
-// A stream over `fd`, which may be -1, if it is a regular file; closes it otherwise.
-FilePtr IfRegular(int fd, const char *mode) {
-  if (fd < 0) return nullptr;
+// A stream over the file if it is open and a regular one; null otherwise.
+FilePtr IfRegular(Descriptor file, const char *mode) {
   struct stat status = {};
-  const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-  FilePtr stream(regular ? fdopen(fd, mode) : nullptr);
-  if (!stream) close(fd);
+  if (!file.IsOpen() || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+  FilePtr stream(fdopen(file.Get(), mode));
+  if (stream) file.Release();
   return stream;
 }
 
@@ -41,14 +42,14 @@ FilePtr IfRegular(int fd, const char *mode) {
 FilePtr OpenRegularFile(const char *path) {
   struct stat status = {};
   if (stat(path, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
-  return IfRegular(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY), "r");
+  return IfRegular(Descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)), "r");
 }
 
 FilePtr CreateRegularFile(const char *path, mode_t mode) {
   constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW;
   struct stat status = {};
   if (lstat(path, &status) == 0 && !S_ISREG(status.st_mode)) return nullptr;
-  return IfRegular(open(path, FLAGS | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode), "w");
+  return IfRegular(Descriptor(open(path, FLAGS | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode)), "w");
 }
 
 bool RemoveLeftover(const char *path) {

@@ -43,27 +43,27 @@ constexpr auto Bytes = [](const string &s) { return std::vector<uint8_t>(s.begin
 
 TEST(BhctlRequest, BytesOnTheWire) {
   const std::pair<Request, string> CASES[] = {
-      {DiscoverRequest(), "\x20\x80\0\0"s},
-      {PingRequest(), "\x40\x80\0\0"s},
-      {RaidRequest(), "\xE0\x80\0\0"s},
-      {PartitionRequest("dddd"), "\xD0\x80\5\0"s + D(4, 1)},
-      {DiskRequest(""), "\x90\x80\0\0"s},
-      {DiskRequest("d"), "\x90\x80\x40\0"s + D(1, 63)},  // looked at from 96 bytes on only
-      {DiskRequest(D(64)), "\x90\x80\x41\0"s + D(64, 1)},
-      {DiskRequest(D(1400)), "\x90\x80\x79\5"s + D(1400, 1)},
-      {CommandRequest("dddd", 3), "\x10\x8A\x0F\0\4\0\0\0\3\0\0\0"s + D(4, 3)},
-      {CommandRequest(D(300), 1), "\x10\x8A\x37\1\x2C\1\0\0\1\0\0\0"s + D(300, 3)},
-      {ResultRequest(), "\x20\x8A\0\0"s},
-      {SpecialRequest(0x11, 0x12345678, {}), "\xA0\x80\x09\0\x11\0\0\0\x78\x56\x34\x12\0"s},
-      {SpecialRequest(0x42, 0, Bytes("dddd")), "\xA0\x80\x0D\0\x42\0\0\0\0\0\0\0"s + D(4, 1)},
-      {PasswordChangeRequest(Bytes(D(16)), Bytes("new-pass")),
+      {MakeDiscoverRequest(), "\x20\x80\0\0"s},
+      {MakePingRequest(), "\x40\x80\0\0"s},
+      {MakeRaidRequest(), "\xE0\x80\0\0"s},
+      {MakePartitionRequest("dddd"), "\xD0\x80\5\0"s + D(4, 1)},
+      {MakeDiskRequest(""), "\x90\x80\0\0"s},
+      {MakeDiskRequest("d"), "\x90\x80\x40\0"s + D(1, 63)},  // looked at from 96 bytes on only
+      {MakeDiskRequest(D(64)), "\x90\x80\x41\0"s + D(64, 1)},
+      {MakeDiskRequest(D(1400)), "\x90\x80\x79\5"s + D(1400, 1)},
+      {MakeCommandRequest("dddd", 3), "\x10\x8A\x0F\0\4\0\0\0\3\0\0\0"s + D(4, 3)},
+      {MakeCommandRequest(D(300), 1), "\x10\x8A\x37\1\x2C\1\0\0\1\0\0\0"s + D(300, 3)},
+      {MakeResultRequest(), "\x20\x8A\0\0"s},
+      {MakeSpecialRequest(0x11, 0x12345678, {}), "\xA0\x80\x09\0\x11\0\0\0\x78\x56\x34\x12\0"s},
+      {MakeSpecialRequest(0x42, 0, Bytes("dddd")), "\xA0\x80\x0D\0\x42\0\0\0\0\0\0\0"s + D(4, 1)},
+      {MakePasswordChangeRequest(Bytes(D(16)), Bytes("new-pass")),
        "\xA0\x80\x21\0\x10\0\0\0\0\0\0\0"s + D(16) + "new-pass\0"s},
-      {ChangeRequest({0xC0A8280B, 0xFFFFFF00, false, D(16), "WG", DateTime{2024, 2, 29, 23, 59, 58},
-                      false, 0xC0A82801, -540, true}),
+      {MakeChangeRequest({0xC0A8280B, 0xFFFFFF00, false, D(16), "WG",
+                          DateTime{2024, 2, 29, 23, 59, 58}, false, 0xC0A82801, -540, true}),
        "\x30\x80\x70\0"s + string(12, 0) + "\xF7\0\0\0\x0B\x28\xA8\xC0\0\xFF\xFF\xFF"s + D(16, 1) +
            "WG" + string(33, 0) + "\xE8\7\2\0\x1D\0\x17\0\x3B\0\x3A\0"s + "\x01\x28\xA8\xC0"s +
            string(16, 0) + "\xE4\xFD\xFF\xFF"},
-      {ChangeRequest({{}, 0, true, "", "", {}, true, {}, {}, false}),
+      {MakeChangeRequest({{}, 0, true, "", "", {}, true, {}, {}, false}),
        "\x30\x80\x70\0\1\0"s + string(10, 0) + "\1\0\0\0"s + string(96, 0)},
   };
   for (const auto &[request, text] : CASES) {
@@ -87,23 +87,24 @@ bool Accepted(const string &datagram, const Request &request) {
 
 TEST(BhctlReply, MalformedAndForeignOnesDoNotCount) {
   const string raid = ReplyText("\xE0\xC0\xE0\x02", D(736));
-  EXPECT_TRUE(Accepted(raid, RaidRequest()));
+  EXPECT_TRUE(Accepted(raid, MakeRaidRequest()));
   // Header size, command, option size, another appliance, another client.
   for (const size_t offset : {0U, 1U, 8U, 9U, 10U, 11U, 16U, 21U, 22U, 27U}) {
     string bad = raid;
     bad[offset] ^= 3;
-    EXPECT_FALSE(Accepted(bad, RaidRequest())) << offset;
+    EXPECT_FALSE(Accepted(bad, MakeRaidRequest())) << offset;
   }
-  EXPECT_FALSE(Accepted(raid.substr(0, 31), RaidRequest()));
-  EXPECT_FALSE(Accepted(ReplyText("\xE0\xC0\xDF\x02", D(735)), RaidRequest()));
-  EXPECT_FALSE(Accepted(ReplyText("\xD0\xC0\x5B\0"s, D(91)), PartitionRequest("/")));
-  EXPECT_FALSE(Accepted(ReplyText("\x90\xC0\xFF\1", D(511)), DiskRequest("")));
-  EXPECT_FALSE(Accepted(ReplyText("\x20\xC0\x1F\1", D(287)), DiscoverRequest()));
-  EXPECT_FALSE(Accepted(ReplyText("\x40\xC0\4\0"s, D(1)), PingRequest()));
-  EXPECT_FALSE(Accepted(ReplyText("\x20\xCA\x0B\0"s, D(11)), ResultRequest()));
-  EXPECT_TRUE(Accepted(ReplyText("\x40\xC0\4\0"s, ""), PingRequest()));  // an echo of the header
-  EXPECT_FALSE(Accepted(ReplyText("\0\0\0\0"s, ""), PingRequest()));
-  EXPECT_TRUE(Accepted(ReplyText("\x71\xC0\0\0"s, ""), UpdateEndRequest(true)));
+  EXPECT_FALSE(Accepted(raid.substr(0, 31), MakeRaidRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\xE0\xC0\xDF\x02", D(735)), MakeRaidRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\xD0\xC0\x5B\0"s, D(91)), MakePartitionRequest("/")));
+  EXPECT_FALSE(Accepted(ReplyText("\x90\xC0\xFF\1", D(511)), MakeDiskRequest("")));
+  EXPECT_FALSE(Accepted(ReplyText("\x20\xC0\x1F\1", D(287)), MakeDiscoverRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\x40\xC0\4\0"s, D(1)), MakePingRequest()));
+  EXPECT_FALSE(Accepted(ReplyText("\x20\xCA\x0B\0"s, D(11)), MakeResultRequest()));
+  EXPECT_TRUE(
+      Accepted(ReplyText("\x40\xC0\4\0"s, ""), MakePingRequest()));  // an echo of the header
+  EXPECT_FALSE(Accepted(ReplyText("\0\0\0\0"s, ""), MakePingRequest()));
+  EXPECT_TRUE(Accepted(ReplyText("\x71\xC0\0\0"s, ""), MakeUpdateEndRequest(true)));
 }
 
 TEST(BhctlReply, FieldsAreLittleEndianAndTextsEnd) {
@@ -170,7 +171,7 @@ string Shown(const std::vector<Sighting> &sightings, bool json, bool with_change
 
 TEST(BhctlDiscover, ShowsEveryFieldOfAnAnswer) {
   const string datagram = ReplyText("\x20\xC0\x20\x01", DiscoverBody());
-  ASSERT_TRUE(Accepted(datagram, DiscoverRequest()));
+  ASSERT_TRUE(Accepted(datagram, MakeDiscoverRequest()));
   const std::vector<uint8_t> body = DecodeReply(Bytes(datagram))->body;
   const std::vector<Sighting> seen = Sightings({{APPLIANCE, {}, "", ACP_STATE_OK, body, {}}});
   const string table = Shown(seen, false, false);
@@ -266,10 +267,10 @@ TEST(BhctlUpgrade, RequestsOnTheWire) {
   };
   for (const auto &[command, password, zip_password, rest] : CASES) {
     const Update update = {5, 0x1234, 0x12345678, 0xC6C8CACC, password, zip_password};
-    const Request sent = UpdateRequest(update, 0x12345678);
+    const Request sent = MakeUpdateRequest(update, 0x12345678);
     EXPECT_EQ(std::tuple(sent.command, sent.body), std::tuple(command, Bytes(IMAGE + rest)));
   }
-  EXPECT_EQ(EncodeRequest(UpdateEndRequest(false), CLIENT, APPLIANCE),
+  EXPECT_EQ(EncodeRequest(MakeUpdateEndRequest(false), CLIENT, APPLIANCE),
             Bytes("\x20\0\0\0\x07\0\x01\0\x70\x80\0\0\0\0\0\0"
                   "\x02\xCC\0\0\0\x10\x02\xBB\0\0\0\x01\1\0\0\0"s));
 }

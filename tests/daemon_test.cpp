@@ -47,13 +47,13 @@ bool Exists(const char *path) {
 }
 
 pid_t StartSleeper() {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) {
     for (;;)
       pause();
   }
-  ReleaseChildren(hold);
+  block.Release();
   return child;
 }
 
@@ -66,7 +66,7 @@ int StatusOf(pid_t child) {
 }  // namespace
 
 TEST_F(Daemon, StatusOfAChildThatEndedFirstIsNotLost) {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) {
     kill(getppid(), SIGUSR1);  // as a receiver whose set-up failed does
@@ -74,14 +74,14 @@ TEST_F(Daemon, StatusOfAChildThatEndedFirstIsNotLost) {
   }
   AwaitEnd(child);
   const int status = StatusOf(child);
-  ReleaseChildren(hold);
+  block.Release();
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 42);
   EXPECT_EQ(WaitForChild(child, nullptr), -1);
 }
 
 TEST_F(Daemon, PidStoredAfterTheEndIsForgottenAgain) {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   pid_t children[3] = {};
   for (pid_t &child : children) {
     child = ForkChild();
@@ -89,7 +89,7 @@ TEST_F(Daemon, PidStoredAfterTheEndIsForgottenAgain) {
     AwaitEnd(child);
   }
   daemon_state.cmd_chpid = children[1];
-  ReleaseChildren(hold);  // one SIGCHLD is pending for the three of them
+  block.Release();  // one SIGCHLD is pending for the three of them
   EXPECT_EQ(daemon_state.cmd_chpid, 0);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
 }
@@ -97,11 +97,11 @@ TEST_F(Daemon, PidStoredAfterTheEndIsForgottenAgain) {
 TEST_F(Daemon, WorkerLeavesTheServiceSocketToTheServer) {
   const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   daemon_state.sock = sock;
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t worker = ForkWorker();
   if (worker == 0) _exit(fcntl(sock, F_GETFD) == -1 ? 0 : 1);
   EXPECT_EQ(StatusOf(worker), 0) << "the worker has it too";
-  ReleaseChildren(hold);
+  block.Release();
   EXPECT_EQ(close(sock), 0) << "the server has lost it";
   daemon_state.sock = -1;
 }
@@ -122,7 +122,7 @@ TEST_F(Daemon, PingWaitsForItsOwnChildOnly) {
 TEST_F(Daemon, FailedReceiverIsReapedAndHasTheLockGivenBack) {
   const pid_t sleeper = StartSleeper();
   ASSERT_EQ(libbh_lock(), 0);
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t receiver = ForkChild();
   if (receiver == 0) {
     raise(SIGUSR1);  // here nothing is held, and the server's lock is its own
@@ -131,7 +131,7 @@ TEST_F(Daemon, FailedReceiverIsReapedAndHasTheLockGivenBack) {
   }
   AwaitEnd(receiver);
   EXPECT_EQ(libbh_checklock(), 0);
-  ReleaseChildren(hold);
+  block.Release();
   EXPECT_EQ(libbh_checklock(), 1);
   EXPECT_EQ(waitpid(receiver, nullptr, WNOHANG), -1);
 
@@ -144,10 +144,10 @@ TEST_F(Daemon, TerminatedChildLeavesThePidFileAlone) {
   ASSERT_EQ(WritePidFile("eth0", getpid()), 0);
   for (const int signal_number : {SIGTERM, SIGHUP}) {
     const pid_t sleeper = StartSleeper();
-    const ChildHold hold = HoldChildren();
+    ChildSignalBlock block;
     kill(sleeper, signal_number);
     const int status = StatusOf(sleeper);
-    ReleaseChildren(hold);
+    block.Release();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_EQ(fixture::ReadFile(PID_FILE), std::to_string(getpid()));
   }
@@ -164,7 +164,7 @@ int ServerAfterSigterm(Then then) {
   daemon_state.fw_updating = then == Then::WAIT_WHILE_UPDATING ? 1 : 0;
   daemon_state.installing = then == Then::WAIT_WHILE_INSTALLING ? 1 : 0;
   if (then == Then::FORK) {
-    HoldChildren();
+    static const ChildSignalBlock block;
     const pid_t child = ForkChild();
     if (child == 0) {
       BeginWait();  // the server's exit is not the child's
@@ -189,11 +189,11 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
                                                {Then::SHELL, 0, false},
                                                {Then::SLEEP, 0, false}};
   for (const auto &[then, wanted, pid_file] : cases) {
-    const ChildHold hold = HoldChildren();
+    ChildSignalBlock block;
     const pid_t server = ForkChild();
     if (server == 0) _exit(ServerAfterSigterm(then));
     const int status = StatusOf(server);
-    ReleaseChildren(hold);
+    block.Release();
     EXPECT_EQ(WEXITSTATUS(status), wanted);
     EXPECT_EQ(Exists(PID_FILE), pid_file);
   }
@@ -201,11 +201,11 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
 
 TEST_F(Daemon, PidFileIsRemovedUnlessItNamesALivingServer) {
   const pid_t living = StartSleeper();
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t ended = ForkChild();
   if (ended == 0) _exit(0);
   StatusOf(ended);
-  ReleaseChildren(hold);
+  block.Release();
   const struct {
     const char *what;
     std::string content;
@@ -228,7 +228,7 @@ TEST_F(Daemon, PidFileIsRemovedUnlessItNamesALivingServer) {
 }
 
 TEST_F(Daemon, ServerThatEndsByTheLibraryLeavesALaterOnesPidFile) {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   fixture::WriteFile(PID_FILE, std::to_string(getpid()));
   const pid_t server = ForkChild();
   if (server == 0) {
@@ -236,7 +236,7 @@ TEST_F(Daemon, ServerThatEndsByTheLibraryLeavesALaterOnesPidFile) {
     exit(0);
   }
   EXPECT_EQ(StatusOf(server), 0);
-  ReleaseChildren(hold);
+  block.Release();
   EXPECT_TRUE(Exists(PID_FILE));
 }
 
@@ -296,7 +296,7 @@ TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
   EXPECT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)), 0);
 
   for (const bool stuck_log : {false, true}) {
-    const ChildHold hold = HoldChildren();
+    ChildSignalBlock block;
     const pid_t server = ForkChild();
     if (server == 0) {
       ClaimServer();
@@ -309,7 +309,7 @@ TEST_F(Daemon, CrashEndsTheServerWithAFullStackAndWithAStuckLog) {
     if (stuck_log) recv(log, line, sizeof(line), MSG_PEEK);  // it is in syslog from here on
     if (stuck_log) kill(server, SIGSEGV);
     const int status = StatusOf(server);
-    ReleaseChildren(hold);
+    block.Release();
     const bool ended_by_alarm = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
     EXPECT_TRUE(stuck_log ? ended_by_alarm : status == 0) << status;
     EXPECT_FALSE(Exists(PID_FILE));

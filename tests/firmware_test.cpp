@@ -246,10 +246,10 @@ pid_t ForkStopped(void (*work)()) {
 
 // Sends the child a signal. Its exit status, or minus the signal that ended it.
 int EndOf(pid_t child, int number) {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   kill(child, number);
   const siginfo_t info = AwaitEnd(child);
-  ReleaseChildren(hold);
+  block.Release();
   return info.si_code == CLD_EXITED ? info.si_status : -info.si_status;
 }
 
@@ -483,13 +483,13 @@ TEST_F(Firmware, ReceiverEndsWithoutOne) {
       {"*/listen:0:EIO",
        "could not turn listen state: Input/output error\nfirm_recive() error.\n"}};
   for (const auto &[failure, trace] : failures) {
-    const ChildHold hold = HoldChildren();
+    ChildSignalBlock block;
     ASSERT_TRUE(CreateImage(9));
     setenv("BOARD_FAIL", failure, 1);
     EXPECT_EQ(EndOf(firm_recive(9), 0), 0);
     unsetenv("BOARD_FAIL");
     EXPECT_EQ(libbh_lock(), 0);
-    ReleaseChildren(hold);  // SIGUSR1 comes now, and gives the lock back
+    block.Release();  // SIGUSR1 comes now, and gives the lock back
     EXPECT_EQ(libbh_lock() + LiveReceivers() + Count(TRACE, trace), 1) << failure;
     libbh_unlock();
     EXPECT_EQ(Content(), "");

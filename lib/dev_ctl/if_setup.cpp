@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "lib/address.h"
 #include "lib/codes.h"
 #include "lib/dev_ctl/dhcp.h"
 #include "lib/dev_ctl/interfaces_file.h"
@@ -80,17 +81,17 @@ void StopDhcp(const IfInfo &record) {
 }
 
 int32_t SetKernelAddress(const IfInfo &record) {
-  const Descriptor sock(OpenInetSocket());
-  if (sock.fd < 0) return LogFailure(__LINE__, errno);
+  const Descriptor sock = OpenInetSocket();
+  if (!sock.IsOpen()) return LogFailure(__LINE__, errno);
   ifreq request = RequestFor(record.name);
-  request.ifr_addr = FromInet(SocketAddress(record.addr.sin_addr.s_addr));
-  if (ioctl(sock.fd, SIOCSIFADDR, &request) != 0) return LogFailure(__LINE__, errno);
+  request.ifr_addr = FromInet(SocketAddress(record.addr.sin_addr));
+  if (ioctl(sock.Get(), SIOCSIFADDR, &request) != 0) return LogFailure(__LINE__, errno);
   request = RequestFor(record.name);
-  request.ifr_netmask = FromInet(SocketAddress(record.netmask.sin_addr.s_addr));
-  if (ioctl(sock.fd, SIOCSIFNETMASK, &request) != 0) return LogFailure(__LINE__, errno);
+  request.ifr_netmask = FromInet(SocketAddress(record.netmask.sin_addr));
+  if (ioctl(sock.Get(), SIOCSIFNETMASK, &request) != 0) return LogFailure(__LINE__, errno);
   request = RequestFor(record.name);
   request.ifr_flags = FLAGS_UP;
-  if (ioctl(sock.fd, SIOCSIFFLAGS, &request) != 0) return LogFailure(__LINE__, errno);
+  if (ioctl(sock.Get(), SIOCSIFFLAGS, &request) != 0) return LogFailure(__LINE__, errno);
   return 0;
 }
 

@@ -136,9 +136,10 @@ void CopyListEntry(const IfListEntry &entry, IfInfo &record) {
 }
 
 int32_t ReadHardwareAddress(IfInfo &record) {
-  const Descriptor sock(OpenInetSocket());
+  const Descriptor sock = OpenInetSocket();
   ifreq request = RequestFor(record.name);
-  if (sock.fd < 0 || ioctl(sock.fd, SIOCGIFHWADDR, &request) != 0) return libbh_SysError(errno);
+  if (!sock.IsOpen() || ioctl(sock.Get(), SIOCGIFHWADDR, &request) != 0)
+    return libbh_SysError(errno);
   memcpy(record.hw_addr, request.ifr_hwaddr.sa_data, sizeof(record.hw_addr));
   return 0;
 }
@@ -200,15 +201,15 @@ void FillDhcp(IfInfo &record) {
 }  // namespace
 
 IfListEntry *libbh_GetIfList(int32_t family, int32_t with_aliases) {
-  const Descriptor sock(OpenInetSocket());
+  const Descriptor sock = OpenInetSocket();
   std::vector<ifreq> table;
-  if (sock.fd < 0 || !ReadInterfaceTable(sock.fd, table)) return nullptr;
+  if (!sock.IsOpen() || !ReadInterfaceTable(sock.Get(), table)) return nullptr;
   IfListPtr first;
   IfListEntry *last = nullptr;
   for (const ifreq &entry : table) {
-    const uint16_t flags = WantedFlags(sock.fd, entry, family, with_aliases != 0);
+    const uint16_t flags = WantedFlags(sock.Get(), entry, family, with_aliases != 0);
     if (flags == 0) continue;
-    IfListPtr record = MakeListEntry(sock.fd, entry, flags);
+    IfListPtr record = MakeListEntry(sock.Get(), entry, flags);
     if (!record) return nullptr;
     IfListEntry *const added = record.release();
     if (last == nullptr)
@@ -267,9 +268,9 @@ int32_t libbh_GetIfInfo(IfInfo *record, uint32_t flags) {
 int32_t libbh_GetMacAddress(const char *name, uint8_t *mac_out) {
   if (mac_out == nullptr) return 0;
   memset(mac_out, 0, MAC_BYTES);
-  const Descriptor sock(OpenInetSocket());
+  const Descriptor sock = OpenInetSocket();
   ifreq request = RequestFor(name);
-  if (sock.fd >= 0 && ioctl(sock.fd, SIOCGIFHWADDR, &request) == 0)
+  if (sock.IsOpen() && ioctl(sock.Get(), SIOCGIFHWADDR, &request) == 0)
     memcpy(mac_out, request.ifr_hwaddr.sa_data, MAC_BYTES);
   return 0;
 }

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "lib/address.h"
 #include "lib/codes.h"
-#include "lib/dev_ctl/socket.h"
 #include "lib/libbh.h"
 #include "lib/shell.h"
 #include "lib/text.h"

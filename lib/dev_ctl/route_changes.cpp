@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/address.h"
 #include "lib/codes.h"
 #include "lib/dev_ctl/interfaces_file.h"
 #include "lib/dev_ctl/routes.h"
@@ -50,9 +51,9 @@ bool IsGatewayRoute(const RouteEntry &route) {
 // A default gateway by itself, as the route that it makes.
 RouteEntry DefaultRoute(in_addr_t gateway) {
   RouteEntry route = {};
-  route.destination = SocketAddress(0);
-  route.mask = SocketAddress(0);
-  route.gateway = SocketAddress(gateway);
+  route.destination = SocketAddress({});
+  route.mask = SocketAddress({});
+  route.gateway = SocketAddress({gateway});
   return route;
 }
 
@@ -69,9 +70,9 @@ int SendRequest(int sock, unsigned long operation, RouteRequest request) {
   rtentry entry = {};
   if (request.metric < 0 || request.metric > std::numeric_limits<short>::max()) return EINVAL;
   entry.rt_dev = request.device;
-  entry.rt_dst = FromInet(SocketAddress(Destination(request.route)));
-  entry.rt_gateway = FromInet(SocketAddress(Gateway(request.route)));
-  entry.rt_genmask = FromInet(SocketAddress(Mask(request.route)));
+  entry.rt_dst = FromInet(SocketAddress(request.route.destination.sin_addr));
+  entry.rt_gateway = FromInet(SocketAddress(request.route.gateway.sin_addr));
+  entry.rt_genmask = FromInet(SocketAddress(request.route.mask.sin_addr));
   entry.rt_flags = static_cast<unsigned short>(request.flags);
   entry.rt_metric = static_cast<short>(request.metric);
   return ioctl(sock, operation, &entry) == 0 ? 0 : errno;
@@ -79,8 +80,8 @@ int SendRequest(int sock, unsigned long operation, RouteRequest request) {
 
 // As SendRequest, over a socket of its own.
 int SendRequest(unsigned long operation, const RouteRequest &request) {
-  const Descriptor sock(OpenInetSocket());
-  return sock.fd < 0 ? errno : SendRequest(sock.fd, operation, request);
+  const Descriptor sock = OpenInetSocket();
+  return !sock.IsOpen() ? errno : SendRequest(sock.Get(), operation, request);
 }
 
 // The request that adds the route; a name that is too long becomes none, which the kernel refuses.
@@ -284,16 +285,16 @@ int32_t libbh_SetDefaultGateway(const char *interface, int32_t check_only,
 }
 
 void libbh_ReapplyRoutes(const char *interface) {
-  const Descriptor sock(OpenInetSocket());
+  const Descriptor sock = OpenInetSocket();
   Subnet subnet = {};
-  if (sock.fd < 0 || !ReadSubnet(sock.fd, interface, subnet)) return;
+  if (!sock.IsOpen() || !ReadSubnet(sock.Get(), interface, subnet)) return;
   RouteEntry *list = nullptr;
   libbh_GetConfiguredRoutes(&list, interface);
   const RouteListPtr routes(list);
   std::vector<LineKey> unreachable = UnreachableLines(list, subnet);
   for (const RouteEntry *route = list; route != nullptr; route = route->next) {
     if (IsReachable(*route, subnet)) {
-      ReapplyRoute(sock.fd, interface, *route);
+      ReapplyRoute(sock.Get(), interface, *route);
     } else if (!unreachable.empty()) {  // all of them at the first
       if (RemoveLines(interface, unreachable) != 0) return;
       unreachable.clear();

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lib/address.h"
 #include "lib/dev_ctl/interfaces_file.h"
 #include "lib/dev_ctl/socket.h"
 #include "lib/text.h"
@@ -180,7 +181,7 @@ bool ScanRouteLine(std::string_view line, RouteTexts &texts) {
 }
 
 sockaddr_in ToAddress(const char *text) {
-  sockaddr_in address = SocketAddress(0);
+  sockaddr_in address = SocketAddress({});
   if (inet_aton(text, &address.sin_addr) == 0) address.sin_addr.s_addr = 0;
   return address;
 }
@@ -216,7 +217,7 @@ char *libbh_BuildScanFormat(const char *file_name, int32_t more, FILE *stream, c
 int32_t libbh_ParseHexAddr(const char *text, sockaddr_in *address) {
   constexpr int DIGITS = 8;
   if (address == nullptr) return -1;
-  *address = SocketAddress(0);
+  *address = SocketAddress({});
   if (text == nullptr || strspn(text, "0123456789ABCDEFabcdef") < DIGITS) return -1;
   const std::string digits(text, DIGITS);
   address->sin_addr.s_addr = static_cast<in_addr_t>(strtoul(digits.c_str(), nullptr, 16));

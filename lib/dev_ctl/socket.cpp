@@ -2,9 +2,7 @@
 
 #include "lib/dev_ctl/socket.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -12,33 +10,14 @@
 
 static_assert(sizeof(sockaddr) == sizeof(sockaddr_in));
 
-Descriptor::Descriptor(int from) : fd(from) {}
-
-Descriptor::~Descriptor() {
-  if (fd >= 0) close(fd);
-}
-
-int OpenInetSocket() {
-  return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+Descriptor OpenInetSocket() {
+  return Descriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
 }
 
 ifreq RequestFor(const char *name) {
   ifreq request = {};
   CopyToField(request.ifr_name, sizeof(request.ifr_name), name);
   return request;
-}
-
-sockaddr_in SocketAddress(in_addr_t address) {
-  sockaddr_in inet = {};
-  inet.sin_family = AF_INET;
-  inet.sin_addr.s_addr = address;
-  return inet;
-}
-
-std::string Dotted(in_addr address) {
-  char text[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &address, text, sizeof(text));
-  return text;
 }
 
 sockaddr_in ToInet(const sockaddr &address) {

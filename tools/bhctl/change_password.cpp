@@ -56,11 +56,11 @@ int ShowChange(const Options &options, const Session &session, uint32_t state) {
 
 }  // namespace
 
-Request PasswordChangeRequest(Bytes hash, Bytes old_password) {
+Request MakePasswordChangeRequest(Bytes hash, Bytes old_password) {
   std::vector<uint8_t> text(hash.begin(), hash.end());
   text.resize(HASH_CAPACITY);
   text.insert(text.end(), old_password.begin(), old_password.end());
-  return SpecialRequest(CHANGE_PASSWORD, WITH_OLD_PASSWORD, text);
+  return MakeSpecialRequest(CHANGE_PASSWORD, WITH_OLD_PASSWORD, text);
 }
 
 int Passwd(const Options &options) {
@@ -78,8 +78,8 @@ int Passwd(const Options &options) {
   status = AuthorizeOrTell(chosen, session, credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
-  const Request request = PasswordChangeRequest(EncodePassword(hash, session.key).value(),
-                                                EncodePassword(old_password, session.key).value());
+  const Request request = MakePasswordChangeRequest(
+      EncodePassword(hash, session.key).value(), EncodePassword(old_password, session.key).value());
   status = AskOne(chosen, request, &answer);
   if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
   return status == EXIT_DONE ? ShowChange(chosen, session, answer.state) : status;

@@ -12,7 +12,7 @@ namespace bhctl {
 int Passwd(const Options &options);
 
 // Both encoded; `hash` has at most 16 bytes.
-Request PasswordChangeRequest(Bytes hash, Bytes old_password);
+Request MakePasswordChangeRequest(Bytes hash, Bytes old_password);
 
 }  // namespace bhctl
 

@@ -24,7 +24,7 @@ int Send(const Options &chosen, const Session &session, uint8_t code, const Secr
          uint32_t *state) {
   const std::vector<uint8_t> encoded = EncodePassword(secret, session.key).value();
   Answer answer;
-  const int status = AskOne(chosen, SpecialRequest(code, 0, encoded), &answer);
+  const int status = AskOne(chosen, MakeSpecialRequest(code, 0, encoded), &answer);
   *state = answer.state;
   if (status != EXIT_DONE) return status;
   return answer.state == ACP_STATE_OK ? EXIT_DONE : EXIT_REFUSED;
@@ -32,7 +32,7 @@ int Send(const Options &chosen, const Session &session, uint8_t code, const Secr
 
 }  // namespace
 
-Request SpecialRequest(uint8_t code, uint32_t extra, Bytes text) {
+Request MakeSpecialRequest(uint8_t code, uint32_t extra, Bytes text) {
   Request request = {ACP_SPECIAL, ACP_SPECIAL_REPLY, 0, {code, 0, 0, 0}};
   AddU32(&request.body, extra);
   request.body.insert(request.body.end(), text.begin(), text.end());

@@ -20,7 +20,7 @@ constexpr uint8_t SPECIAL_LOGIN = 0x0C;
 constexpr uint8_t SPECIAL_COMMAND_MODE = 0x0D;  // extra 0 enables, any other disables
 
 // `text` follows the code and `extra`, with a NUL behind it.
-Request SpecialRequest(uint8_t code, uint32_t extra, Bytes text);
+Request MakeSpecialRequest(uint8_t code, uint32_t extra, Bytes text);
 
 // What is got before a request, as far as the secrets are known; without one an earlier permission
 // may still hold.

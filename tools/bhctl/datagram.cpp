@@ -111,28 +111,28 @@ void DecodeVersions(Bytes body, DiscoverInfo *info) {
 }  // namespace
 
 // Every answer counts, and an appliance takes its time: it reads a dozen files for one.
-Request DiscoverRequest() {
+Request MakeDiscoverRequest() {
   return {ACP_DISCOVER, ACP_DISCOVER_REPLY, sizeof(DiscoverInfo), {}, true};
 }
 
-Request PingRequest() {
+Request MakePingRequest() {
   return {ACP_PING, ACP_PING_REPLY, 0, {}};
 }
 
-Request RaidRequest() {
+Request MakeRaidRequest() {
   return {ACP_INFO_RAID, ACP_INFO_RAID_REPLY, sizeof(RaidInfo), {}};
 }
 
 // The appliance looks at the text only in a datagram of 96 bytes or more, hence the padding.
-Request DiskRequest(const std::string &directory) {
+Request MakeDiskRequest(const std::string &directory) {
   Request request = {ACP_INFO_HDD, ACP_INFO_HDD_REPLY, sizeof(DiskInfo), {}};
   if (directory.empty()) return request;
   request.body.assign(directory.begin(), directory.end());
-  request.body.resize(std::max(directory.size() + 1, DIRECTORY_IN_REQUEST));
+  request.body.resize(std::max(directory.size() + 1, sizeof(DiskRequest)));
   return request;
 }
 
-Request PartitionRequest(const std::string &path) {
+Request MakePartitionRequest(const std::string &path) {
   Request request = {ACP_PART, ACP_PART_REPLY, sizeof(PartitionInfo), {}};
   request.body.assign(path.begin(), path.end());
   request.body.push_back(0);

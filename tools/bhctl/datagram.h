@@ -39,13 +39,13 @@ struct Reply {
   std::vector<uint8_t> body;
 };
 
-Request DiscoverRequest();
-Request PingRequest();
-Request RaidRequest();
+Request MakeDiscoverRequest();
+Request MakePingRequest();
+Request MakeRaidRequest();
 // Texts are at most MAX_REQUEST_TEXT bytes and hold no NUL; an empty directory leaves the choice of
 // the drive to the appliance.
-Request DiskRequest(const std::string &directory);
-Request PartitionRequest(const std::string &path);
+Request MakeDiskRequest(const std::string &directory);
+Request MakePartitionRequest(const std::string &path);
 
 std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, const Mac &dst_mac);
 

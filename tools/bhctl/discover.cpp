@@ -189,7 +189,7 @@ int Watch(const Options &options) {
   for (bool first = true;; first = false) {
     const Clock::time_point end = Clock::now() + options.timeout;
     std::vector<Answer> answers;
-    const int status = Ask(options, DiscoverRequest(), &answers);
+    const int status = Ask(options, MakeDiscoverRequest(), &answers);
     if (first && status == EXIT_USAGE) return status;  // later the interface may come back
     const std::vector<Sighting> now = Sightings(answers);
     if (!ShowRound(Compare(before, now), options.json)) return EXIT_NO_ANSWER;
@@ -241,7 +241,7 @@ int ShowSightings(const std::vector<Sighting> &sightings, bool json, bool with_c
 int Discover(const Options &options) {
   if (options.arguments.contains("--watch")) return Watch(options);
   std::vector<Answer> answers;
-  const int status = Ask(options, DiscoverRequest(), &answers);
+  const int status = Ask(options, MakeDiscoverRequest(), &answers);
   if (status != EXIT_DONE) return status;
   return ShowSightings(Sightings(answers), options.json, false);
 }

@@ -21,7 +21,7 @@ namespace {
 
 // What an appliance has room for.
 constexpr std::ptrdiff_t MAX_WORDS = 31;
-constexpr size_t MAX_WORDS_LENGTH = 511;         // bytes
+constexpr size_t MAX_WORDS_LENGTH = 511;  // bytes
 constexpr size_t MAX_TO_FILE = 511 - 23;  // " > " and the result file's name come to it
 
 constexpr const char *NO_OPERATION = ":";  // to the shell
@@ -121,7 +121,7 @@ int ChooseAppliance(const Options &options, Options *chosen) {
 // makes of a command that does nothing tells them apart.
 int CheckPermission(const Options &options) {
   Answer answer;
-  const int status = AskOne(options, CommandRequest(NO_OPERATION, COMMAND_CAPTURED), &answer);
+  const int status = AskOne(options, MakeCommandRequest(NO_OPERATION, COMMAND_CAPTURED), &answer);
   if (status != EXIT_DONE || answer.state == ACP_STATE_OK) return status;
   return CommandRefused(options, answer);
 }
@@ -145,7 +145,7 @@ void ShowOutcome(const Options &options, uint32_t type, const Answer &answer,
 
 }  // namespace
 
-Request CommandRequest(std::string_view text, uint32_t type) {
+Request MakeCommandRequest(std::string_view text, uint32_t type) {
   Request request = {ACP_CMD, ACP_CMD_REPLY, 0, {}};
   AddU32(&request.body, static_cast<uint32_t>(text.size()));
   AddU32(&request.body, type);
@@ -154,8 +154,8 @@ Request CommandRequest(std::string_view text, uint32_t type) {
   return request;
 }
 
-Request ResultRequest() {
-  return {ACP_RESULT, ACP_RESULT_REPLY, sizeof(CommandHeader) + RESULT_TAIL, {}};
+Request MakeResultRequest() {
+  return {ACP_RESULT, ACP_RESULT_REPLY, sizeof(OutputReply) + RESULT_TAIL, {}};
 }
 
 bool FitsType(std::string_view text, uint32_t type) {
@@ -173,14 +173,14 @@ std::optional<CommandOutcome> ReadOutcome(uint32_t type, uint32_t result, Bytes 
   if (type == COMMAND_BACKGROUND)
     return result == ACP_STATE_FAILURE ? CommandOutcome{true, EXIT_DONE, ""} : CommandOutcome{};
   if (result != ACP_STATE_OK) return CommandOutcome{};
-  if (body.size() < sizeof(CommandHeader) + OUTPUT_TAIL) return std::nullopt;
-  return CommandOutcome{true, EXIT_DONE, TextOf(body.subspan(sizeof(CommandHeader)))};
+  if (body.size() < sizeof(OutputReply) + OUTPUT_TAIL) return std::nullopt;
+  return CommandOutcome{true, EXIT_DONE, TextOf(body.subspan(sizeof(OutputReply)))};
 }
 
 std::optional<std::string> DecodeResultLine(Bytes body) {
-  if (body.size() < sizeof(CommandHeader) + RESULT_TAIL) return std::nullopt;
-  const uint32_t length = GetU32(body, offsetof(CommandHeader, length));
-  const Bytes rest = body.subspan(sizeof(CommandHeader));
+  if (body.size() < sizeof(OutputReply) + RESULT_TAIL) return std::nullopt;
+  const uint32_t length = GetU32(body, offsetof(OutputReply, length));
+  const Bytes rest = body.subspan(sizeof(OutputReply));
   if (length > rest.size() - RESULT_TAIL) return std::nullopt;
   return TextOf(rest.first(length));
 }
@@ -205,7 +205,7 @@ int Exec(const Options &options) {
   if (status == EXIT_DONE && type == COMMAND_BACKGROUND) status = CheckPermission(chosen);
   if (status != EXIT_DONE) return status;
   Answer answer;
-  status = AskOne(chosen, CommandRequest(text, type), &answer);
+  status = AskOne(chosen, MakeCommandRequest(text, type), &answer);
   if (status == EXIT_NO_ANSWER) PrintError("the command may have been run all the same");
   if (status != EXIT_DONE) return status;
   const std::optional<CommandOutcome> outcome = ReadOutcome(type, answer.state, answer.body);
@@ -221,7 +221,7 @@ int Result(const Options &options) {
   int status = ChooseAppliance(options, &chosen);
   while (status == EXIT_DONE) {
     Answer answer;
-    status = AskOne(chosen, ResultRequest(), &answer);
+    status = AskOne(chosen, MakeResultRequest(), &answer);
     if (status == EXIT_NO_ANSWER) PrintError("a line of the result may be lost");
     if (status != EXIT_DONE) break;
     if (answer.state != ACP_STATE_OK)

@@ -20,8 +20,8 @@ int Exec(const Options &options);
 int Result(const Options &options);
 
 // `text` is at most MAX_REQUEST_TEXT bytes and holds no NUL.
-Request CommandRequest(std::string_view text, uint32_t type);
-Request ResultRequest();
+Request MakeCommandRequest(std::string_view text, uint32_t type);
+Request MakeResultRequest();
 
 // Whether an appliance has room for a command of this type; it answers others like refused ones.
 bool FitsType(std::string_view text, uint32_t type);

@@ -45,7 +45,7 @@ Mac InventMac() {
 int DiscoverOne(Options options, Session *session) {
   options.timeout = std::min<std::chrono::microseconds>(options.timeout, DISCOVERY);
   std::vector<Answer> answers;
-  const int status = Ask(options, DiscoverRequest(), &answers);
+  const int status = Ask(options, MakeDiscoverRequest(), &answers);
   if (status != EXIT_DONE) return status;
   if (answers.size() > 1) {
     PrintError(std::to_string(answers.size()) + " appliances answer, choose one with --mac");

@@ -173,7 +173,7 @@ int ShowDone(const Options &chosen, const Session &session, const Settings &sett
 int AskChange(const Options &chosen, const Session &session, Settings *settings) {
   if (settings->now) settings->time = LocalTime();
   Answer answer;
-  const int status = AskOne(chosen, ChangeRequest(*settings), &answer);
+  const int status = AskOne(chosen, MakeChangeRequest(*settings), &answer);
   if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
   if (status != EXIT_DONE) return status;
   if (answer.state != ACP_STATE_OK) return ShowRefused(chosen, session, answer.state);
@@ -189,7 +189,7 @@ void AddField(std::vector<uint8_t> *out, const std::string &text, size_t size) {
 }  // namespace
 
 // Fields that the mask does not name stay zero.
-Request ChangeRequest(const Settings &settings) {
+Request MakeChangeRequest(const Settings &settings) {
   Request request = {ACP_CHANGE_IP, ACP_CHANGE_IP_REPLY, 0, {}};
   std::vector<uint8_t> &body = request.body;
   AddU16(&body, settings.dhcp ? FLAG_DHCP : 0);

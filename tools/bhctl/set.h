@@ -31,7 +31,7 @@ struct Settings {
   bool initialised = false;
 };
 
-Request ChangeRequest(const Settings &settings);
+Request MakeChangeRequest(const Settings &settings);
 
 }  // namespace bhctl
 

@@ -267,7 +267,7 @@ int RunSpecial(const Options &options) {
   if (status == EXIT_DONE) status = AuthorizeOrTell(call.options, call.session, call.credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
-  const Request request = SpecialRequest(call.row->code, call.row->extra, call.text);
+  const Request request = MakeSpecialRequest(call.row->code, call.row->extra, call.text);
   status = AskOne(call.options, request, &answer);
   if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
   if (status != EXIT_DONE) return status;

@@ -174,23 +174,23 @@ void PrintPartition(const Answer &answer) {
 }  // namespace
 
 int Ping(const Options &options) {
-  return AskAndShow(options, PingRequest(), {AddPingJson, PrintPing}, false);
+  return AskAndShow(options, MakePingRequest(), {AddPingJson, PrintPing}, false);
 }
 
 int Disk(const Options &options) {
   std::string directory;
   if (!PathArgument(options, "DIRECTORY", &directory)) return EXIT_USAGE;
-  return AskAndShow(options, DiskRequest(directory), {AddDiskJson, PrintDisk}, true);
+  return AskAndShow(options, MakeDiskRequest(directory), {AddDiskJson, PrintDisk}, true);
 }
 
 int Raid(const Options &options) {
-  return AskAndShow(options, RaidRequest(), {AddRaidJson, PrintRaid}, true);
+  return AskAndShow(options, MakeRaidRequest(), {AddRaidJson, PrintRaid}, true);
 }
 
 int Partition(const Options &options) {
   std::string path;
   if (!PathArgument(options, "PATH", &path)) return EXIT_USAGE;
-  return AskAndShow(options, PartitionRequest(path), {AddPartitionJson, PrintPartition}, true);
+  return AskAndShow(options, MakePartitionRequest(path), {AddPartitionJson, PrintPartition}, true);
 }
 
 }  // namespace bhctl

@@ -176,7 +176,7 @@ int GiveUp(const Job &job, const char *step, const std::string &why) {
   ReleaseInterrupts();
   Exchange exchange;
   const auto timeout = std::min<std::chrono::microseconds>(job.options.timeout, GIVING_UP);
-  if (Begin(job.options, UpdateEndRequest(false), &exchange) != EXIT_DONE ||
+  if (Begin(job.options, MakeUpdateEndRequest(false), &exchange) != EXIT_DONE ||
       !Await(exchange, timeout, Descriptor()))
     PrintError(MacText(job.session.mac) + " may still wait for the image");
   return EXIT_NO_ANSWER;
@@ -192,7 +192,7 @@ int GetCredentials(const Job &job) {
 
 int AskForUpdate(const Job &job) {
   Exchange exchange;
-  const int status = Begin(job.options, UpdateRequest(job.update, job.session.key), &exchange);
+  const int status = Begin(job.options, MakeUpdateRequest(job.update, job.session.key), &exchange);
   if (status != EXIT_DONE) return Fail("request", "it could not be sent", status);
   const std::optional<Answer> answer = Await(exchange, job.options.timeout, job.interrupt);
   if (!answer)
@@ -227,7 +227,7 @@ int ShowDone(const Job &job) {
 // The first reply may be lost; the second one tells its news too.
 int Install(const Job &job) {
   Exchange exchange;
-  const int status = Begin(job.options, UpdateEndRequest(true), &exchange);
+  const int status = Begin(job.options, MakeUpdateEndRequest(true), &exchange);
   if (status != EXIT_DONE) return GiveUp(job, "end", "it could not be sent");
   ReleaseInterrupts();
   std::optional<Answer> answer = Await(exchange, job.options.timeout, Descriptor());
@@ -247,7 +247,7 @@ int Install(const Job &job) {
 
 }  // namespace
 
-Request UpdateRequest(const Update &update, uint32_t key) {
+Request MakeUpdateRequest(const Update &update, uint32_t key) {
   Request request = {ACP_FIRMUP2, ACP_FIRMUP2_REPLY, 0, {}};
   std::vector<uint8_t> &body = request.body;
   const auto add_password = [&](const Secret &password) {
@@ -268,7 +268,7 @@ Request UpdateRequest(const Update &update, uint32_t key) {
   return request;
 }
 
-Request UpdateEndRequest(bool uploaded) {
+Request MakeUpdateEndRequest(bool uploaded) {
   Request request = {ACP_FIRMUP_END, ACP_FIRMUP_END_REPLY, 0, {}};
   request.second_reply = ACP_FIRMUP_FINISH_REPLY;
   request.result = uploaded ? 0 : 1;

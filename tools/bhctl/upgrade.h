@@ -31,10 +31,10 @@ constexpr size_t PASSWORD_BEFORE_ZIP = 8;
 constexpr size_t MAX_ZIP_PASSWORD = 511;
 
 // Requires a session's key: one under which EncodePassword takes both passwords.
-Request UpdateRequest(const Update &update, uint32_t key);
+Request MakeUpdateRequest(const Update &update, uint32_t key);
 
 // Its two replies tell that the image is accepted, or not, and then how its installation went.
-Request UpdateEndRequest(bool uploaded);
+Request MakeUpdateEndRequest(bool uploaded);
 
 }  // namespace bhctl
 

@@ -1,6 +1,6 @@
 // Each byte of the pass phrase is stored with MASK subtracted.
 
-#include "handlers/pass_phrase.h"
+#include "access/pass_phrase.h"
 
 #include <cstddef>
 #include <cstring>
