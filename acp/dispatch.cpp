@@ -80,8 +80,8 @@ const Command COMMANDS[] = {
 };
 
 bool IsZeroMac(const uint8_t *mac) {
-  static constexpr uint8_t zero[MAC_SIZE] = {};
-  return memcmp(mac, zero, MAC_SIZE) == 0;
+  static constexpr uint8_t ZERO[MAC_SIZE] = {};
+  return memcmp(mac, ZERO, MAC_SIZE) == 0;
 }
 
 // Read once; an interface without an address yet is asked again at the next datagram.
@@ -91,10 +91,10 @@ void FillOwnMac() {
 }
 
 bool IsForThisAppliance(const AcpRequest &request) {
-  static constexpr uint8_t broadcast[MAC_SIZE] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+  static constexpr uint8_t BROADCAST[MAC_SIZE] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   const uint8_t *destination = request.packet + offsetof(ACPHeader, dst_mac);
   return memcmp(destination, daemon_state.own_mac, MAC_SIZE) == 0 ||
-         memcmp(destination, broadcast, MAC_SIZE) == 0;
+         memcmp(destination, BROADCAST, MAC_SIZE) == 0;
 }
 
 void ConvertToHost(AcpRequest &request) {
