@@ -130,7 +130,7 @@ struct ChangeIpRequest {
   uint16_t second;
   uint32_t gateway;
   uint32_t reserved2[4];
-  uint32_t time_zone;  // signed: minutes, as libbh_SetTimeZone takes them
+  int32_t time_zone;  // minutes, as libbh_SetTimeZone takes them
 };
 static_assert(sizeof(ChangeIpRequest) == 112);
 static_assert(offsetof(ChangeIpRequest, change_mask) == 12);

@@ -64,7 +64,7 @@ IdentityChange ReadChange(std::span<const uint8_t> body) {
   change.date_time = {number(record.year), number(record.month),  number(record.day),
                       number(record.hour), number(record.minute), number(record.second)};
   change.gateway = AddressOf(record.gateway);
-  change.time_zone = static_cast<int32_t>(record.time_zone);
+  change.time_zone = record.time_zone;
   return change;
 }
 
