@@ -13,6 +13,7 @@
 #include "daemon/server.h"
 #include "daemon/signals.h"
 #include "daemon/state.h"
+#include "lib/descriptor.h"
 
 namespace {
 
@@ -63,16 +64,13 @@ std::optional<board::Board> BootFor(benchmark::State &state) {
 }
 
 pid_t StartQuietly(const board::Board &board, const std::vector<std::string> &argv) {
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  const pid_t server = board::Spawn(board, {.argv = argv, .out = null});
-  close(null);
-  return server;
+  const Descriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  return board::Spawn(board, {.argv = argv, .out = null.Get()});
 }
 
 int ServeHere() {
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(null, STDOUT_FILENO);
-  close(null);
+  const Descriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  dup2(null.Get(), STDOUT_FILENO);
   daemon_state.ifname = "eth0";
   set_mode_flags(get_mode_flags() | MODE_NOFORK);
   return start_server("eth0", socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

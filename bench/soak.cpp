@@ -26,6 +26,7 @@
 #include "acp/packet.h"
 #include "board/board.h"
 #include "board/client_end.h"
+#include "lib/descriptor.h"
 
 namespace {
 
@@ -75,7 +76,8 @@ Bytes PathRequest(uint16_t command, std::string_view path) {
 
 // Under the key of the last discovery.
 string Encoded(std::string_view password, const Bytes &discovered) {
-  const uint32_t key = htonl(wire::Number(discovered, 44));  // its first byte is the highest
+  const uint32_t key = htonl(wire::Number(
+      discovered, ACP_HEADER_SIZE + offsetof(DiscoverInfo, key)));  // its first byte is the highest
   Bytes clear((password.size() / CIPHER_BLOCK + 1) * CIPHER_BLOCK);
   PutText(clear, 0, password);
   Bytes encoded(clear.size());
@@ -136,7 +138,7 @@ void Poll(Appliance &appliance) {
 // Of other commands, for other appliances, and cut short.
 void SendUnanswered(const Appliance &appliance) {
   Bytes other = Request(ACP_PING);
-  Put(other, 22, 0x000B4A02);
+  Put(other, offsetof(ACPHeader, dst_mac), 0x000B4A02);
   Bytes cut = Request(ACP_CHANGE_IP, Bytes(sizeof(ChangeIpRequest)));
   cut.resize(100);
   for (const Bytes &datagram : {other, cut, Request(0x1234), Request(ACP_INFO), Bytes(8)})
@@ -145,11 +147,16 @@ void SendUnanswered(const Appliance &appliance) {
 
 void Enable(Appliance &appliance) {
   const Bytes &discovered = appliance.discovered;
-  Expect(appliance, ACP_STATE_NOT_PERMIT, Special(0x0C, 0, Encoded("admin", discovered)));
-  Expect(appliance, ACP_STATE_PASSWORD_ERROR, Special(0x0D, 0, Encoded("WrongOne", discovered)));
-  Expect(appliance, ACP_STATE_OK, Special(0x0D, 0, Encoded("FernGate", discovered)));
-  Expect(appliance, ACP_STATE_PASSWORD_ERROR, Special(0x0C, 0, Encoded("Admin", discovered)));
-  Expect(appliance, ACP_STATE_OK, Special(0x0C, 0, Encoded("admin", discovered)));
+  Expect(appliance, ACP_STATE_NOT_PERMIT,
+         Special(SPECIAL_VERIFY_PASSWORD, 0, Encoded("admin", discovered)));
+  Expect(appliance, ACP_STATE_PASSWORD_ERROR,
+         Special(SPECIAL_COMMAND_MODE, 0, Encoded("WrongOne", discovered)));
+  Expect(appliance, ACP_STATE_OK,
+         Special(SPECIAL_COMMAND_MODE, 0, Encoded("FernGate", discovered)));
+  Expect(appliance, ACP_STATE_PASSWORD_ERROR,
+         Special(SPECIAL_VERIFY_PASSWORD, 0, Encoded("Admin", discovered)));
+  Expect(appliance, ACP_STATE_OK,
+         Special(SPECIAL_VERIFY_PASSWORD, 0, Encoded("admin", discovered)));
 }
 
 void RunCommands(Appliance &appliance) {
@@ -167,52 +174,54 @@ void RunSpecials(Appliance &appliance, int minute) {
     uint32_t extra, state;
     const char *text;
   } SPECIALS[] = {
-      {0x0A, 0, ACP_STATE_OK, ""},  // the lock, taken, seen, released, seen
-      {0x09, 0, ACP_STATE_OK, ""},
-      {0x0B, 0, ACP_STATE_OK, ""},
-      {0x09, 0, 1, ""},
-      {0x06, 0, ACP_STATE_OK, ""},
-      {0x07, 0, ACP_STATE_OK, ""},
-      {0x08, 0, ACP_STATE_OK, ""},
-      {0x0E, 0, ACP_STATE_OK, ""},
-      {0x0E, 1, ACP_STATE_OK, ""},
-      {0x10, 0, ACP_STATE_BAD_PRODUCT, ""},
+      {SPECIAL_LOCK, 0, ACP_STATE_OK, ""},  // the lock, taken, seen, released, seen
+      {SPECIAL_CHECK_LOCK, 0, ACP_STATE_OK, ""},
+      {SPECIAL_UNLOCK, 0, ACP_STATE_OK, ""},
+      {SPECIAL_CHECK_LOCK, 0, 1, ""},
+      {SPECIAL_SAVE_CONFIG, 0, ACP_STATE_OK, ""},
+      {SPECIAL_LOAD_CONFIG, 0, ACP_STATE_OK, ""},
+      {SPECIAL_INIT_WEB, 0, ACP_STATE_OK, ""},
+      {SPECIAL_TRACE, 0, ACP_STATE_OK, ""},
+      {SPECIAL_TRACE, 1, ACP_STATE_OK, ""},
+      {SPECIAL_CHANGE_PASSWORD, 0, ACP_STATE_BAD_PRODUCT, ""},
       {0x13, 0, ACP_STATE_NOT_SUPPORT, ""},
-      {0x41, 0, ACP_STATE_FAILURE, "/nowhere"},
-      {0x42, 0, 0xFFFF, "/nowhere"},
-      {0x45, 0, ACP_STATE_OK, ""},
+      {SPECIAL_REMOVE_FILE, 0, ACP_STATE_FAILURE, "/nowhere"},
+      {SPECIAL_FILE_CHECKSUM, 0, 0xFFFF, "/nowhere"},
+      {SPECIAL_CLEAR_USB, 0, ACP_STATE_OK, ""},
   };
   for (const auto &[code, extra, state, text] : SPECIALS)
     Expect(appliance, state, Special(code, extra, text));
-  Ask(appliance, Special(0x42, 0, "/etc/hosts"));
-  if (minute % 10 == 0) Expect(appliance, ACP_STATE_OK, Special(0x05));  // 3 seconds of blinking
+  Ask(appliance, Special(SPECIAL_FILE_CHECKSUM, 0, "/etc/hosts"));
+  if (minute % 10 == 0)
+    Expect(appliance, ACP_STATE_OK, Special(SPECIAL_BLINK));  // 3 seconds of blinking
 }
 
 // All that a request can change, the clock to the time that it shows.
 void ChangeIdentity(Appliance &appliance, std::string_view host, uint32_t address) {
   const Bytes discovered = Ask(appliance, Request(ACP_DISCOVER));
   Bytes body(sizeof(ChangeIpRequest));
-  Put(body, 12,
+  Put(body, offsetof(ChangeIpRequest, change_mask),
       CHANGE_MASK_IP | CHANGE_MASK_HOSTNAME | CHANGE_MASK_WORKGROUP | CHANGE_MASK_DATETIME |
           FLAG_CHANGE_INIT | CHANGE_MASK_GATEWAY);
-  Put(body, 16, address);
-  Put(body, 20, 0xFFFFFF00);
-  PutText(body, 24, host);
-  PutText(body, 41, "WORKGROUP");
+  Put(body, offsetof(ChangeIpRequest, address), address);
+  Put(body, offsetof(ChangeIpRequest, netmask), 0xFFFFFF00);
+  PutText(body, offsetof(ChangeIpRequest, host_name), host);
+  PutText(body, offsetof(ChangeIpRequest, workgroup), "WORKGROUP");
   std::copy_n(discovered.begin() + ACP_HEADER_SIZE + offsetof(DiscoverInfo, year), 12,
-              body.begin() + 76);
-  Put(body, 88, 0xC0A82801);
+              body.begin() + offsetof(ChangeIpRequest, year));
+  Put(body, offsetof(ChangeIpRequest, gateway), 0xC0A82801);
   Expect(appliance, ACP_STATE_OK, Request(ACP_CHANGE_IP, body));
   Expect(appliance, ACP_STATE_OK, Request(ACP_PING));  // once all is done
 }
 
 void AskUpdate(Appliance &appliance, uint32_t type, uint32_t sum, uint32_t state) {
-  Bytes body(24 + CIPHER_BLOCK + 1);
-  Put(body, 0, type);
-  Put(body, 4, wire::Number(appliance.discovered, 192));  // the product ID
-  Put(body, 8, IMAGE_SIZE);
-  Put(body, 12, sum);
-  PutText(body, 24, Encoded("admin", appliance.discovered));
+  Bytes body(offsetof(UpdateRequest, password) + CIPHER_BLOCK + 1);
+  Put(body, offsetof(UpdateRequest, firm_type), type);
+  Put(body, offsetof(UpdateRequest, firm_pid),
+      wire::Number(appliance.discovered, ACP_HEADER_SIZE + offsetof(DiscoverInfo, product_id)));
+  Put(body, offsetof(UpdateRequest, firm_size), IMAGE_SIZE);
+  Put(body, offsetof(UpdateRequest, true_chksum), sum);
+  PutText(body, offsetof(UpdateRequest, password), Encoded("admin", appliance.discovered));
   Expect(appliance, state, Request(ACP_FIRMUP2, body));
 }
 
@@ -222,11 +231,10 @@ void Upload(Appliance &appliance, size_t size) {
   peer.sin_family = AF_INET;
   peer.sin_port = htons(ACP_PORT);
   inet_pton(AF_INET, "192.168.40.2", &peer.sin_addr);
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&peer), sizeof(peer)) != 0 ||
-      send(fd, image.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
+  const Descriptor upload(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (connect(upload.Get(), reinterpret_cast<struct sockaddr *>(&peer), sizeof(peer)) != 0 ||
+      send(upload.Get(), image.data(), size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
     Complain(appliance, Request(ACP_FIRMUP2), "no upload");
-  close(fd);
 }
 
 // One that is installed, one with a wrong checksum, one that is cut, one that is called off, and
@@ -264,7 +272,7 @@ void SpendMinute(Appliance &appliance, int minute, int requesters) {
   ChangeIdentity(appliance, "soaked", 0xC0A8284D);
   ChangeIdentity(appliance, "brackenhold", 0xC0A82802);
   Update(appliance);
-  Expect(appliance, ACP_STATE_OK, Special(0x0D, 1));  // the command mode off
+  Expect(appliance, ACP_STATE_OK, Special(SPECIAL_COMMAND_MODE, 1));  // the command mode off
   SetClockOn(appliance, "1 minute");
 }
 

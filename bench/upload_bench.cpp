@@ -21,6 +21,7 @@
 #include "daemon/state.h"
 #include "firmware/image.h"
 #include "firmware/receiver.h"
+#include "lib/descriptor.h"
 
 namespace {
 
@@ -50,43 +51,40 @@ int ReceiveBare() {
   auto *const segment = static_cast<uint8_t *>(shmat(id, nullptr, 0));
   shmctl(id, IPC_RMID, nullptr);
   memset(segment, 0, IMAGE_SIZE);
-  const int server = socket(AF_INET, SOCK_STREAM, 0);
+  const Descriptor server(socket(AF_INET, SOCK_STREAM, 0));
   const struct sockaddr_in address = Address("0.0.0.0");
   const int on = 1;
-  setsockopt(server, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  const bool bound =
-      bind(server, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0 &&
-      listen(server, 1) == 0;
-  const int peer = bound ? accept(server, nullptr, nullptr) : -1;
+  setsockopt(server.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const bool bound = bind(server.Get(), reinterpret_cast<const struct sockaddr *>(&address),
+                          sizeof(address)) == 0 &&
+                     listen(server.Get(), 1) == 0;
+  const Descriptor peer(bound ? accept(server.Get(), nullptr, nullptr) : -1);
   size_t received = 0;
-  ssize_t got = peer < 0 ? 0 : 1;
+  ssize_t got = peer.IsOpen() ? 1 : 0;
   while (got > 0 && received < IMAGE_SIZE) {
-    got = recv(peer, segment + received, IMAGE_SIZE - received, 0);
+    got = recv(peer.Get(), segment + received, IMAGE_SIZE - received, 0);
     if (got > 0) received += static_cast<size_t>(got);
   }
-  if (peer >= 0) close(peer);
-  close(server);
   return received == IMAGE_SIZE ? 0 : 1;
 }
 
-int Connect(const char *dotted) {
+Descriptor Connect(const char *dotted) {
   const struct sockaddr_in address = Address(dotted);
-  int peer = -1;
+  Descriptor peer;
   const auto connected = [&] {
-    peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(peer, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0)
-      return true;
-    close(peer);
-    return false;
+    peer = Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connect(peer.Get(), reinterpret_cast<const struct sockaddr *>(&address),
+                   sizeof(address)) == 0;
   };
-  return board::WaitFor(connected) ? peer : -1;
+  if (!board::WaitFor(connected)) peer.Close();
+  return peer;
 }
 
-void SendImage(int peer) {
+void SendImage(const Descriptor &peer) {
   static const std::vector<uint8_t> piece(PIECE, 0xA5);
   ssize_t sent = 0;
   for (size_t left = IMAGE_SIZE; left > 0 && sent >= 0; left -= static_cast<size_t>(sent))
-    sent = send(peer, piece.data(), std::min(left, piece.size()), MSG_NOSIGNAL);
+    sent = send(peer.Get(), piece.data(), std::min(left, piece.size()), MSG_NOSIGNAL);
 }
 
 // From the first byte until the receiver knows that it has all.
@@ -97,12 +95,11 @@ void Upload(benchmark::State &state, int (*receive)()) {
   while (state.KeepRunning()) {
     const pid_t server = board::Fork(*board);
     if (server == 0) _exit(receive());
-    const int peer = Connect("192.168.40.2");
+    const Descriptor peer = Connect("192.168.40.2");
     const auto start = std::chrono::steady_clock::now();
     SendImage(peer);
     if (board::Wait(server).exit_code != 0) state.SkipWithError("the image did not arrive");
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
-    close(peer);
     state.SetIterationTime(time.count());
   }
   state.counters["cpu_ms"] = (ChildrenTime() - before) / static_cast<double>(state.iterations());
