@@ -7,7 +7,6 @@
 
 #include <csignal>
 
-#include "acp/convert.h"
 #include "board/board.h"
 #include "board/client_end.h"
 #include "daemon/state.h"
@@ -16,50 +15,149 @@
 #include "lib/text.h"
 #include "tests/files.h"
 
+namespace {
+
 using namespace fixture;
 using std::string;
 
-const string IP = "0302010a000000ff";  // 10.1.2.3 and 255.0.0.0, as on the wire
-const string sent = "SendPacket ACP_CHANGE_IP_REPLY result=0\n", smb = "/etc/init.d/smb restart\n";
-const string end = "ACP_Change_IP_Reply() end. result=0\n", result = "libbh_SetIfInfo() result=";
-const string all = "/etc/init.d/networking restart\n" + smb + "/etc/init.d/atalk restart\n" + end;
+constexpr uint32_t ALL = CHANGE_MASK_IP | CHANGE_MASK_HOSTNAME | CHANGE_MASK_WORKGROUP |
+                         CHANGE_MASK_DATETIME | FLAG_CHANGE_INIT | CHANGE_MASK_GATEWAY |
+                         CHANGE_MASK_TIMEZONE;
+constexpr uint32_t NEW_ADDRESS = 0x0A010203;
+constexpr uint16_t NOT_DHCP = 0xFE;  // all other bits
+
+// What stands in trace and call log.
+constexpr char SENT[] = "SendPacket ACP_CHANGE_IP_REPLY result=0\n";
+constexpr char END[] = "ACP_Change_IP_Reply() end. result=0\n";
+constexpr char SAMBA[] = "/etc/init.d/smb restart\n";
+const string RESTARTS =
+    string("/etc/init.d/networking restart\n") + SAMBA + "/etc/init.d/atalk restart\n" + END;
+
+// The unused fields hold what must not matter.
+ChangeIpRequest Change(uint32_t mask, uint32_t address = NEW_ADDRESS, uint16_t flag = NOT_DHCP) {
+  ChangeIpRequest change;
+  memset(&change, 0xFF, sizeof(change));
+  change.flag = flag;
+  change.change_mask = mask;
+  change.address = address;
+  change.netmask = address == 0 ? 0 : 0xFF000000;
+  CopyToField(change.host_name, sizeof(change.host_name), "new;$name'16char");
+  CopyToField(change.workgroup, sizeof(change.workgroup), "GROUP-16-LETTERS");
+  change.year = 2024;
+  change.month = 2;
+  change.day = 29;
+  change.hour = 23;
+  change.minute = 58;
+  change.second = 59;
+  change.gateway = 0x0A000001;
+  change.time_zone = -540;
+  return change;
+}
+
+struct Outcome {
+  int source = 0;       // last octet of the reply's source address
+  uint32_t result = 0;  // the reply's
+  string course;        // trace and calls, in their order, behind the line of the mask
+};
 
 class ChangeIp : public testing::Test {
  protected:
   void SetUp() override {
-    daemon_state.ifname = "eth0", daemon_state.enable_state = daemon_state.password_verified = 0;
-    std::copy_n("\x2\xb\x4a\0\0\1", 6, daemon_state.enable_mac);
+    daemon_state.ifname = "eth0";
+    daemon_state.enable_state = 0;
+    daemon_state.password_verified = 0;
+    std::copy_n("\x2\xb\x4a\0\0\1", MAC_SIZE, daemon_state.enable_mac);
     daemon_state.trace_fp = fopen(board::CALL_LOG, "ae");  // in order with the calls
-    set_mode_flags(MODE_DEBUG), client = wire::Open("eth0"), alarm(60), signal(SIGCHLD, SIG_DFL);
-    EXPECT_EQ(system("cd /run; ln -sf /usr/lib/board/stand-in hostname; cp hostname ifconfig"), 0);
-    setenv("PATH", "/run:/usr/bin:/bin", 1), setenv("BOARD_FAIL", "*/settimeofday:0", 1);
+    set_mode_flags(MODE_DEBUG);
+    client = wire::Open("eth0");
+    signal(SIGCHLD, SIG_DFL);
+    alarm(60);
+    ASSERT_EQ(system("cd /run; ln -sf /usr/lib/board/stand-in hostname; cp hostname ifconfig"), 0);
+    setenv("PATH", "/run:/usr/bin:/bin", 1);
+    setenv("BOARD_FAIL", "*/settimeofday:0", 1);
   }
-  // The last octet of the reply's source and its result, then trace and calls behind the mask's
-  // line. Texts and numbers are as in CASES; the flag's bit 0 is set where 0x10000 is in the mask.
-  string Seen(uint32_t mask, const string &addresses = IP, size_t size = 112) {
-    wire::Bytes body = wire::Hex(
-        "fe00ffffffffffffffffffff00000000" + addresses +
-        "6e65773b246e616d65273136636861720047524f55502d31362d4c45545445525300" + string(36, '0') +
-        "e80702001d0017003a003b000100000a" + string(32, 'f') + "e4fdffff");
-    body[0] |= static_cast<uint8_t>(mask >> 16), body[12] = static_cast<uint8_t>(mask);
-    body.resize(size);
-    body = wire::Request("20 00 00 00 07 00 01 00 30 80 70 00 00 00 00 00", body);
-    wire::Deliver(client, body, request);
-    SwapAcpHeader({request.packet, body.size()}, Conversion::TO_HOST);
+
+  // Hands the first `size` bytes of the body to the handler, in host order as the dispatcher does.
+  Outcome Send(const ChangeIpRequest &change, size_t size = sizeof(ChangeIpRequest)) {
+    wire::Deliver(client, wire::Request(ACP_CHANGE_IP, wire::Bytes(size)), request);
+    const uint16_t header_size = ACP_HEADER_SIZE;
+    memcpy(request.packet, &header_size, sizeof(header_size));
+    memcpy(request.packet + ACP_HEADER_SIZE, &change, size);
     WriteFile(board::CALL_LOG, "");
     ACP_Change_IP_Reply(request);
     const std::vector<wire::Bytes> replies = wire::ReplyFrames(client);
-    if (replies.size() != 1 || replies[0].size() != 74) return "no reply";
-    EXPECT_EQ(wire::Number(replies[0], 50), 0x0000C030U);
+    if (replies.size() != 1 || replies[0].size() != 74) {
+      ADD_FAILURE() << replies.size() << " replies";
+      return {};
+    }
     const string trace = ReadFile(board::CALL_LOG);
-    EXPECT_TRUE(Contains(trace, "- -> ACP_Chenge_IP_Reply\r\nflag=0x00"));
-    return std::to_string(replies[0][29]) + " " +
-           std::to_string(static_cast<int32_t>(wire::Number(replies[0], 70))) +
-           trace.substr(trace.find('\n', trace.find("\nchange_mask=0x000000") + 1));
+    EXPECT_TRUE(Contains(trace, "- -> ACP_Chenge_IP_Reply\r\nflag=0x00")) << trace;
+    const size_t mask = trace.find("\nchange_mask=0x000000") + 1;
+    return {replies[0][29], wire::Number(replies[0], 70), trace.substr(trace.find('\n', mask) + 1)};
   }
+
   AcpRequest request = {};
   wire::Client client;
 };
+
+TEST_F(ChangeIp, SettingsAreStoredThenAnsweredThenApplied) {
+  const string host = "/run/hostname new;$name'16char\nlibbh_SetApHostName().\n";
+  const string group = "/usr/bin/nkf -e /tmp/libbh_tmp\nlibbh_SetGroupName().\n";
+  const string clock = "/usr/local/bin/time_set.sh\nlibbh_SetDateAndTime(). year=2024 month=2\n";
+  const string zone = "/usr/local/bin/set_timezone.sh -540\nSet tmiezone. time_zone=-540\n";
+  const string fixed =
+      "libbh_SetIfInfo() ifname=eth0\nIP address = 10.1.2.3\n"
+      "Netmask    = 255.0.0.0\n";
+  const string classes = "----- 0a010203 ----\n-- 0a0102ff\n-- 0a01ffff\n-- 0affffff\n";
+  const string checked = "libbh_SetIfInfo() result=0\n";
+  const string refused =
+      "libbh_SetIfInfo() ifname=eth0\nIP address = 127.0.0.1\n"
+      "Netmask    = 255.0.0.0\nlibbh_SetIfInfo() result=-430\n";
+  const string init = "acpip->flag & FLAG_CHANGE_INIT.E\n";
+  const string told = string(SENT) + "libbh_GetDHCPServerMode() == DHCPS_ON\n";
+  const string stop = "/sbin/dhcpcd -D -t 10 eth0 -k\n";
+  const string start = "/sbin/dhcpcd -D -t 10 eth0 -n\n";
+  const string dhcp = "acpip->flag & FLAG_DHCP == TRUE\n" + stop;
+  const string zeros =
+      "libbh_GetIfInfo().E\nlibbh_SetIfInfo() ifname=eth0\n"
+      "IP address = 0.0.0.0\nNetmask    = 0.0.0.0\n";
+  const struct {
+    const char *name;
+    ChangeIpRequest change;
+    uint32_t result;
+    string course;
+    int source = 2;
+  } cases[] = {
+      {"host name", Change(CHANGE_MASK_HOSTNAME), 0, host + told + RESTARTS},
+      {"workgroup", Change(CHANGE_MASK_WORKGROUP), 0, group + told + SAMBA + END},
+      {"clock and zone", Change(CHANGE_MASK_DATETIME | CHANGE_MASK_TIMEZONE), 0,
+       clock + zone + told + END},
+      {"address of this machine itself", Change(CHANGE_MASK_IP | CHANGE_MASK_HOSTNAME, 0x7F000001),
+       ACP_STATE_FAILURE, host + refused + told + RESTARTS},
+      {"DHCP", Change(CHANGE_MASK_IP | FLAG_CHANGE_INIT, 0, FLAG_DHCP), 0,
+       dhcp + zeros + checked + init + told + start + RESTARTS},
+      {"DHCP with an address", Change(CHANGE_MASK_IP | FLAG_CHANGE_INIT, NEW_ADDRESS, FLAG_DHCP), 0,
+       dhcp + fixed + checked + init + told + start + RESTARTS},
+      {"everything", Change(ALL), 0,
+       host + group + clock + zone + fixed + classes + checked + init + told + classes + stop +
+           RESTARTS},
+      {"a bit that means nothing", Change(0x08), 0, told + END, 3},  // from the new address
+  };
+  WriteFile("/run/dhcpcd-eth0.pid", "1");
+  WriteFile("/run/dhcpd.pid", "1");
+  for (const auto &each : cases) {
+    SCOPED_TRACE(each.name);
+    const Outcome outcome = Send(each.change);
+    EXPECT_EQ(outcome.source, each.source);
+    EXPECT_EQ(outcome.result, each.result);
+    EXPECT_EQ(outcome.course, each.course);
+  }
+  unlink("/run/dhcpcd-eth0.pid");
+  unlink("/run/dhcpd.pid");
+  EXPECT_EQ(ReadFile("/etc/bh_servd.log"), "INITIALIZE=1\n");
+  EXPECT_TRUE(Contains(ReadFile("/etc/korvo/info"), "wg=GROUP-16-LETTERS\n"));
+  EXPECT_TRUE(Contains(ReadFile("/etc/network/interfaces"), "up route add default gw 10.0.0.1\n"));
+}
 
 TEST_F(ChangeIp, NothingIsChangedOnceAnotherHadTheLock) {
   signal(SIGCHLD, SIG_IGN);
@@ -68,62 +166,65 @@ TEST_F(ChangeIp, NothingIsChangedOnceAnotherHadTheLock) {
     usleep(1000);
   while (libbh_lock() != -3)
     libbh_unlock();
-  EXPECT_EQ(Seen(0), "2 -1\n" + sent + "ACP_Change_IP_Reply() end. result=-1\n");
-  const string kill = "while kill -9 " + std::to_string(holder);
-  WriteFile("/run/stand-ins/set_timezone.sh", kill + "; do :; done 2> /dev/null");  // halfway
-  const string seen = Seen(0x81);
-  EXPECT_TRUE(seen.starts_with("2 -1\n") && seen.ends_with(result + "-20000\n" + sent + all));
+  Outcome outcome = Send(Change(0));
+  EXPECT_EQ(outcome.result, ACP_STATE_FAILURE);
+  EXPECT_EQ(outcome.course, string(SENT) + "ACP_Change_IP_Reply() end. result=-1\n");
+
+  // The holder ends while the settings are stored: the lock is free when they are applied.
+  WriteFile("/run/stand-ins/set_timezone.sh",
+            "while kill -9 " + std::to_string(holder) + "; do :; done 2> /dev/null");
+  outcome = Send(Change(CHANGE_MASK_IP | CHANGE_MASK_TIMEZONE));
+  EXPECT_EQ(outcome.result, ACP_STATE_FAILURE);
+  EXPECT_TRUE(
+      outcome.course.ends_with("libbh_SetIfInfo() result=-20000\n" + string(SENT) + RESTARTS))
+      << outcome.course;
 }
 
-TEST_F(ChangeIp, SettingsAreStoredThenAnsweredThenApplied) {
-  const string host = "/run/hostname new;$name'16char\nlibbh_SetApHostName().\n";
-  const string group = "/usr/bin/nkf -e /tmp/libbh_tmp\nlibbh_SetGroupName().\n";
-  const string clock = "/usr/local/bin/time_set.sh\nlibbh_SetDateAndTime(). year=2024 month=2\n";
-  const string zone = "/usr/local/bin/set_timezone.sh -540\nSet tmiezone. time_zone=-540\n";
-  const string name = "libbh_SetIfInfo() ifname=eth0\nIP address = ";
-  const string ip = name + "10.1.2.3\nNetmask    = 255.0.0.0\n";
-  const string good = "----- 0a010203 ----\n-- 0a0102ff\n-- 0a01ffff\n-- 0affffff\n";
-  const string told = sent + "libbh_GetDHCPServerMode() == DHCPS_ON\n";
-  const string init = result + "0\nacpip->flag & FLAG_CHANGE_INIT.E\n" + told;
-  const string dhcp = "/sbin/dhcpcd -D -t 10 eth0 -", start = dhcp + "n\n" + all;
-  const string stop = dhcp + "k\n", ends = "acpip->flag & FLAG_DHCP == TRUE\n" + stop;
-  const string zero = "libbh_GetIfInfo().E\n" + name + "0.0.0.0\nNetmask    = 0.0.0.0\n";
-  const string bad = name + "127.0.0.1\nNetmask    = 255.0.0.0\n" + result + "-430\n";
-  const std::tuple<uint32_t, string, string> CASES[] = {
-      {0x02, IP, "2 0\n" + host + told + all},
-      {0x04, IP, "2 0\n" + group + told + smb + end},
-      {0x90, IP, "2 0\n" + clock + zone + told + end},
-      {0x03, "0100007f000000ff", "2 -1\n" + host + bad + told + all},
-      {0x10021, "0000000000000000", "2 0\n" + ends + zero + init + start},
-      {0x10021, IP, "2 0\n" + ends + ip + init + start},
-      {0xF7, IP, "2 0\n" + host + group + clock + zone + ip + good + init + good + stop + all},
-      {0x08, IP, "3 0\n" + told + end}};
-  WriteFile("/run/dhcpcd-eth0.pid", "1"), WriteFile("/run/dhcpd.pid", "1");
-  for (const auto &[mask, addresses, seen] : CASES)
-    EXPECT_EQ(Seen(mask, addresses), seen) << mask;
-  EXPECT_EQ(ReadFile("/etc/bh_servd.log"), "INITIALIZE=1\n");
-  EXPECT_TRUE(Contains(ReadFile("/etc/korvo/info"), "wg=GROUP-16-LETTERS\n"));
-  EXPECT_TRUE(Contains(ReadFile("/etc/network/interfaces"), "up route add default gw 10.0.0.1\n"));
-}
-
-TEST_F(ChangeIp, OthersAreRefusedAndTheEmergencySystemChangesItsAddressOnly) {
+TEST_F(ChangeIp, EmergencySystemChangesItsAddressOnly) {
   rename("/etc/brackenhold_release", "/etc/brackenhold_emergence");
-  const string done = "\nlibbh_SetIfconfig() result=";
-  const string call = "\n/run/ifconfig eth0 10.1.2.3 netmask 255.0.0.0" + done;
-  EXPECT_EQ(Seen(0xFE).substr(2), "-1" + done + "-1\n" + sent);
-  EXPECT_EQ(Seen(0xFF).substr(2), "0" + call + "0\n" + sent);
+  const string call = "/run/ifconfig eth0 10.1.2.3 netmask 255.0.0.0\n";
+  Outcome outcome = Send(Change(ALL & ~CHANGE_MASK_IP));
+  EXPECT_EQ(outcome.result, ACP_STATE_FAILURE);
+  EXPECT_EQ(outcome.course, string("libbh_SetIfconfig() result=-1\n") + SENT);
+  outcome = Send(Change(ALL));
+  EXPECT_EQ(outcome.result, 0U);
+  EXPECT_EQ(outcome.course, call + "libbh_SetIfconfig() result=0\n" + SENT);
   WriteFile("/run/stand-ins/ifconfig", "exit 3");
-  EXPECT_EQ(Seen(0xFF).substr(2), "-1" + call + "-1\n" + sent);
-  for (size_t size = 0; size < 112; ++size)
-    EXPECT_EQ(Seen(0xFF, IP, size).substr(2, 27), "-1\nacpip is too short. len=") << size;
-  for (const string busy : {"mkraid:creating RAID", "disk:formatting hdd", "zero_filling"}) {
-    mkfifo(("/var/lock/" + busy.substr(0, busy.find(':'))).c_str(), 0600);
-    EXPECT_EQ(Seen(0xFF, "", 40).substr(2), "-1\nnow " + busy.substr(busy.find(':') + 1) + ".\n");
-  }
-  daemon_state.password_verified = -1;
-  EXPECT_EQ(Seen(0xFF).substr(2), "-2147483647\n");
-  daemon_state.password_verified = 0, daemon_state.enable_mac[0] = 4;
-  EXPECT_EQ(Seen(0xFF).substr(2), "-2147483647\n");
-  const string log = ReadFile(board::SYSLOG);
-  EXPECT_TRUE(Contains(log, "IP change Password Wrong") && Contains(log, "IP change is blocked."));
+  outcome = Send(Change(ALL));
+  EXPECT_EQ(outcome.result, ACP_STATE_FAILURE);
+  EXPECT_EQ(outcome.course, call + "libbh_SetIfconfig() result=-1\n" + SENT);
+  rename("/etc/brackenhold_emergence", "/etc/brackenhold_release");
 }
+
+TEST_F(ChangeIp, ShortBodiesAndBusyDisksAreRefused) {
+  for (size_t size = 0; size < sizeof(ChangeIpRequest); ++size) {
+    const Outcome outcome = Send(Change(ALL), size);
+    EXPECT_EQ(outcome.result, ACP_STATE_FAILURE) << size;
+    EXPECT_EQ(outcome.course, "acpip is too short. len=" + std::to_string(size) + "\n");
+  }
+  const struct {
+    const char *lock_file;
+    const char *course;
+  } works[] = {{"/var/lock/mkraid", "now creating RAID.\n"},
+               {"/var/lock/disk", "now formatting hdd.\n"},
+               {"/var/lock/zero_filling", "now zero_filling.\n"}};
+  for (const auto &work : works) {
+    mkfifo(work.lock_file, 0600);
+    const Outcome outcome = Send(Change(ALL), 40);
+    EXPECT_EQ(outcome.result, ACP_STATE_FAILURE) << work.lock_file;
+    EXPECT_EQ(outcome.course, work.course);
+    unlink(work.lock_file);
+  }
+  EXPECT_TRUE(Contains(ReadFile(board::SYSLOG), "IP change is blocked."));
+}
+
+TEST_F(ChangeIp, OnlyTheEnabledClientWithAVerifiedPasswordIsAdmitted) {
+  daemon_state.password_verified = -1;
+  EXPECT_EQ(Send(Change(ALL)).result, ACP_STATE_PASSWORD_ERROR);
+  daemon_state.password_verified = 0;
+  daemon_state.enable_mac[0] = 4;
+  EXPECT_EQ(Send(Change(ALL)).result, ACP_STATE_PASSWORD_ERROR);
+  EXPECT_TRUE(Contains(ReadFile(board::SYSLOG), "IP change Password Wrong"));
+}
+
+}  // namespace
