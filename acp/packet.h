@@ -203,7 +203,9 @@ static_assert(sizeof(PasswordChange) == 16);
 
 // `extra` of the commands that have one.
 constexpr uint32_t SWITCH_ON = 0;
+constexpr uint32_t SWITCH_OFF = 1;
 constexpr uint32_t LANGUAGE_JAPANESE = 0;
+constexpr uint32_t LANGUAGE_ENGLISH = 1;
 enum PasswordProof : uint32_t {  // any other: a password verified before
   PROOF_OLD_PASSWORD = 0,
   PROOF_NONE = 0x5B,

@@ -7,12 +7,12 @@
 using namespace bhctl;
 
 static void ShowBody(Bytes body) {
-  const DiscoverInfo info = DecodeDiscoverInfo(body);
-  const PartitionInfo partition = DecodePartitionInfo(body);
-  DecodeDiskInfo(body);
+  const DiscoverInfo info = ReadDiscoverInfo(body);
+  const PartitionInfo partition = ReadPartitionInfo(body);
+  ReadDiskInfo(body);
   HexText(DiscoverKey(info));
   SafeText({info.host_name, sizeof(info.host_name)});
-  for (const RaidInfoEntry &entry : DecodeRaidInfo(body).entries)
+  for (const RaidInfoEntry &entry : ReadRaidInfo(body).entries)
     SafeText(entry.path);
   SafeText(partition.path);
   UsedText(partition.blocks, partition.blocks_free, partition.blocks_avail);

@@ -17,9 +17,7 @@
 namespace bhctl {
 namespace {
 
-constexpr uint8_t CHANGE_PASSWORD = 0x10;
-constexpr uint32_t WITH_OLD_PASSWORD = 0;
-constexpr size_t HASH_CAPACITY = 16;  // bytes before the old password
+constexpr size_t HASH_CAPACITY = sizeof(PasswordChange::new_password);
 
 constexpr Hint HINTS[] = {
     {ACP_STATE_PASSWORD_ERROR, "the old password is wrong"},
@@ -60,7 +58,7 @@ Request MakePasswordChangeRequest(Bytes hash, Bytes old_password) {
   std::vector<uint8_t> text(hash.begin(), hash.end());
   text.resize(HASH_CAPACITY);
   text.insert(text.end(), old_password.begin(), old_password.end());
-  return MakeSpecialRequest(CHANGE_PASSWORD, WITH_OLD_PASSWORD, text);
+  return MakeSpecialRequest(SPECIAL_CHANGE_PASSWORD, PROOF_OLD_PASSWORD, text);
 }
 
 int Passwd(const Options &options) {

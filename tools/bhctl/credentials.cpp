@@ -33,9 +33,8 @@ int Send(const Options &chosen, const Session &session, uint8_t code, const Secr
 }  // namespace
 
 Request MakeSpecialRequest(uint8_t code, uint32_t extra, Bytes text) {
-  Request request = {ACP_SPECIAL, ACP_SPECIAL_REPLY, 0, {code, 0, 0, 0}};
-  AddU32(&request.body, extra);
-  request.body.insert(request.body.end(), text.begin(), text.end());
+  Request request = {ACP_SPECIAL, ACP_SPECIAL_REPLY, 0, BodyOf(SpecialRequest{code, {}, extra})};
+  Append(request.body, text);
   request.body.push_back(0);
   return request;
 }
@@ -79,7 +78,8 @@ int Authorize(const Options &chosen, const Session &session, const Credentials &
     if (status != EXIT_DONE) return status;
   }
   if (!credentials.password) return EXIT_DONE;
-  const int status = Send(chosen, session, SPECIAL_LOGIN, *credentials.password, &refusal->state);
+  const int status =
+      Send(chosen, session, SPECIAL_VERIFY_PASSWORD, *credentials.password, &refusal->state);
   refusal->hint = refusal->state == ACP_STATE_NOT_PERMIT ? NotEnabledHint(session)
                                                          : HintFor(PASSWORD_HINTS, refusal->state);
   return status;

@@ -15,10 +15,6 @@
 
 namespace bhctl {
 
-// Codes of ACP_SPECIAL that permissions are got with.
-constexpr uint8_t SPECIAL_LOGIN = 0x0C;
-constexpr uint8_t SPECIAL_COMMAND_MODE = 0x0D;  // extra 0 enables, any other disables
-
 // `text` follows the code and `extra`, with a NUL behind it.
 Request MakeSpecialRequest(uint8_t code, uint32_t extra, Bytes text);
 

@@ -1,4 +1,4 @@
-// The bytes of ACP datagrams: builds requests, takes replies apart and says which reply belongs to
+// Builds requests from the wire's records, takes replies apart and says which reply belongs to
 // which request. Replies may hold anything: nothing is read past what was received.
 
 #ifndef BH_TOOLS_BHCTL_DATAGRAM_H_
@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
@@ -27,8 +28,8 @@ constexpr size_t MAX_REQUEST_TEXT = 1400;
 struct Request {
   uint16_t command = 0;
   uint16_t reply_command = 0;
-  size_t reply_body = 0;  // a reply with fewer bytes of body is not one
-  std::vector<uint8_t> body;
+  size_t reply_body = 0;       // a reply with fewer bytes of body is not one
+  std::vector<uint8_t> body;   // its record in host order, and what follows it
   bool whole_timeout = false;  // answers are waited for to the end, even when they have ceased
   uint32_t result = 0;         // a parameter in the header
   uint16_t second_reply = 0;   // its command code, if the request gets two; 0: none
@@ -36,8 +37,18 @@ struct Request {
 
 struct Reply {
   ACPHeader header = {};
-  std::vector<uint8_t> body;
+  std::vector<uint8_t> body;  // its record in host order
 };
+
+// The bytes of a body that begins with this record, its numbers in host order.
+template <typename Record>
+std::vector<uint8_t> BodyOf(const Record &record) {
+  std::vector<uint8_t> body(sizeof(record));
+  memcpy(body.data(), &record, sizeof(record));
+  return body;
+}
+
+void Append(std::vector<uint8_t> &body, Bytes more);
 
 Request MakeDiscoverRequest();
 Request MakePingRequest();
@@ -47,14 +58,8 @@ Request MakeRaidRequest();
 Request MakeDiskRequest(const std::string &directory);
 Request MakePartitionRequest(const std::string &path);
 
+// The datagram in wire order.
 std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, const Mac &dst_mac);
-
-// Append the number, its least significant byte first.
-void AddU16(std::vector<uint8_t> *out, uint16_t value);
-void AddU32(std::vector<uint8_t> *out, uint32_t value);
-
-// The number at byte `at`, its least significant byte first; what lies behind the end is 0.
-uint32_t GetU32(Bytes bytes, size_t at);
 
 // Nothing when the datagram is too short or its lengths contradict each other.
 std::optional<Reply> DecodeReply(Bytes datagram);
@@ -64,12 +69,12 @@ std::optional<Reply> DecodeReply(Bytes datagram);
 bool AnswersRequest(const Reply &reply, const Request &request, std::span<const Mac> own_macs,
                     const std::optional<Mac> &wanted);
 
-// Bodies of replies; what lies past the end of a short body reads as zero.
-DiscoverInfo DecodeDiscoverInfo(Bytes body);
+// Bodies of replies, in host order; one that is too short reads as zero. Paths end with a NUL.
+DiscoverInfo ReadDiscoverInfo(Bytes body);
 uint32_t DiscoverKey(const DiscoverInfo &info);
-DiskInfo DecodeDiskInfo(Bytes body);
-RaidInfo DecodeRaidInfo(Bytes body);
-PartitionInfo DecodePartitionInfo(Bytes body);
+DiskInfo ReadDiskInfo(Bytes body);
+RaidInfo ReadRaidInfo(Bytes body);
+PartitionInfo ReadPartitionInfo(Bytes body);
 
 }  // namespace bhctl
 

@@ -204,7 +204,7 @@ std::vector<Sighting> Sightings(const std::vector<Answer> &answers) {
   std::vector<Sighting> sightings;
   sightings.reserve(answers.size());
   for (const Answer &answer : answers)
-    sightings.push_back({answer.mac, answer.state, DecodeDiscoverInfo(answer.body)});
+    sightings.push_back({answer.mac, answer.state, ReadDiscoverInfo(answer.body)});
   std::sort(sightings.begin(), sightings.end(), ComesBefore);
   return sightings;
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "acp/body.h"
 #include "tools/bhctl/client.h"
 #include "tools/bhctl/credentials.h"
 #include "tools/bhctl/print.h"
@@ -147,8 +148,7 @@ void ShowOutcome(const Options &options, uint32_t type, const Answer &answer,
 
 Request MakeCommandRequest(std::string_view text, uint32_t type) {
   Request request = {ACP_CMD, ACP_CMD_REPLY, 0, {}};
-  AddU32(&request.body, static_cast<uint32_t>(text.size()));
-  AddU32(&request.body, type);
+  request.body = BodyOf(CommandRequest{static_cast<uint32_t>(text.size()), type});
   request.body.insert(request.body.end(), text.begin(), text.end());
   request.body.insert(request.body.end(), COMMAND_TAIL, 0);
   return request;
@@ -179,7 +179,7 @@ std::optional<CommandOutcome> ReadOutcome(uint32_t type, uint32_t result, Bytes 
 
 std::optional<std::string> DecodeResultLine(Bytes body) {
   if (body.size() < sizeof(OutputReply) + RESULT_TAIL) return std::nullopt;
-  const uint32_t length = GetU32(body, offsetof(OutputReply, length));
+  const uint32_t length = BodyRecord<OutputReply>(body).length;
   const Bytes rest = body.subspan(sizeof(OutputReply));
   if (length > rest.size() - RESULT_TAIL) return std::nullopt;
   return TextOf(rest.first(length));

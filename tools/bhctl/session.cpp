@@ -52,7 +52,7 @@ int DiscoverOne(Options options, Session *session) {
     return EXIT_USAGE;
   }
   const Answer &answer = answers.front();
-  const DiscoverInfo info = DecodeDiscoverInfo(answer.body);
+  const DiscoverInfo info = ReadDiscoverInfo(answer.body);
   *session = {answer.mac, answer.interface,           answer.src_mac, DiscoverKey(info),
               info,       options.src_mac.has_value()};
   if (answer.state == ACP_STATE_OK && session->key != 0) return EXIT_DONE;

@@ -18,11 +18,9 @@
 namespace bhctl {
 namespace {
 
-constexpr size_t MAX_NAME = 16;         // bytes, of a host or a workgroup
-constexpr size_t HOST_NAME_FIELD = 17;  // bytes of body
-constexpr size_t WORKGROUP_FIELD = 35;  // bytes
-constexpr int32_t MAX_OFFSET = 840;     // minutes; nowhere is farther from UTC
-constexpr int FIRST_YEAR = 2001;        // that the appliance takes
+constexpr size_t MAX_NAME = 16;      // bytes, of a host or a workgroup
+constexpr int32_t MAX_OFFSET = 840;  // minutes; nowhere is farther from UTC
+constexpr int FIRST_YEAR = 2001;     // that the appliance takes
 
 constexpr const char *NOT_TAKEN =
     "a disk is being prepared, another program changes its settings, or it cannot take the "
@@ -180,33 +178,31 @@ int AskChange(const Options &chosen, const Session &session, Settings *settings)
   return ShowDone(chosen, session, *settings);
 }
 
-void AddField(std::vector<uint8_t> *out, const std::string &text, size_t size) {
-  const size_t end = out->size() + size;
-  out->insert(out->end(), text.begin(), text.end());
-  out->resize(end);
+// Fields that the mask does not name stay zero.
+ChangeIpRequest ChangeRecord(const Settings &settings) {
+  const DateTime time = settings.time.value_or(DateTime());
+  ChangeIpRequest record = {};
+  record.flag = settings.dhcp ? FLAG_DHCP : 0;
+  record.change_mask = ChangeMask(settings);
+  record.address = settings.address.value_or(0);
+  record.netmask = settings.netmask;
+  settings.host_name.copy(record.host_name, sizeof(record.host_name) - 1);
+  settings.workgroup.copy(record.workgroup, sizeof(record.workgroup) - 1);
+  record.year = time.year;
+  record.month = time.month;
+  record.day = time.day;
+  record.hour = time.hour;
+  record.minute = time.minute;
+  record.second = time.second;
+  record.gateway = settings.gateway.value_or(0);
+  record.time_zone = settings.timezone.value_or(0);
+  return record;
 }
 
 }  // namespace
 
-// Fields that the mask does not name stay zero.
 Request MakeChangeRequest(const Settings &settings) {
-  Request request = {ACP_CHANGE_IP, ACP_CHANGE_IP_REPLY, 0, {}};
-  std::vector<uint8_t> &body = request.body;
-  AddU16(&body, settings.dhcp ? FLAG_DHCP : 0);
-  AddField(&body, "", 10);  // not used
-  AddU32(&body, ChangeMask(settings));
-  AddU32(&body, settings.address.value_or(0));
-  AddU32(&body, settings.netmask);
-  AddField(&body, settings.host_name, HOST_NAME_FIELD);
-  AddField(&body, settings.workgroup, WORKGROUP_FIELD);
-  const DateTime time = settings.time.value_or(DateTime());
-  for (const uint16_t number :
-       {time.year, time.month, time.day, time.hour, time.minute, time.second})
-    AddU16(&body, number);
-  AddU32(&body, settings.gateway.value_or(0));
-  AddField(&body, "", 16);  // not used
-  AddU32(&body, static_cast<uint32_t>(settings.timezone.value_or(0)));
-  return request;
+  return {ACP_CHANGE_IP, ACP_CHANGE_IP_REPLY, 0, BodyOf(ChangeRecord(settings))};
 }
 
 int Set(const Options &options) {

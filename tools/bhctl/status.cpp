@@ -70,7 +70,7 @@ void PrintPing(const Answer &answer) {
 }
 
 void AddDiskJson(const Answer &answer, Json *object) {
-  const DiskInfo info = DecodeDiskInfo(answer.body);
+  const DiskInfo info = ReadDiskInfo(answer.body);
   const DriveIdentity drive = IdentifyDrive(info);
   (*object)["model"] = drive.model;
   (*object)["serial"] = drive.serial;
@@ -80,7 +80,7 @@ void AddDiskJson(const Answer &answer, Json *object) {
 }
 
 void PrintDisk(const Answer &answer) {
-  const DiskInfo info = DecodeDiskInfo(answer.body);
+  const DiskInfo info = ReadDiskInfo(answer.body);
   if (!HasDriveInformation(info)) {
     PrintLine("no drive information");
     return;
@@ -116,7 +116,7 @@ Json RaidEntryJson(const RaidInfoEntry &entry) {
 
 void AddRaidJson(const Answer &answer, Json *object) {
   Json entries = Json::array();
-  for (const RaidInfoEntry &entry : DecodeRaidInfo(answer.body).entries)
+  for (const RaidInfoEntry &entry : ReadRaidInfo(answer.body).entries)
     if (entry.type != 0) entries.push_back(RaidEntryJson(entry));
   (*object)["entries"] = entries;
 }
@@ -139,7 +139,7 @@ std::vector<std::string> RaidRow(const RaidInfoEntry &entry) {
 void PrintRaid(const Answer &answer) {
   std::vector<std::vector<std::string>> rows = {
       {"TYPE", "INDEX", "MOUNT POINT", "FILE SYSTEM", "SIZE", "FREE", "AVAILABLE", "USED"}};
-  for (const RaidInfoEntry &entry : DecodeRaidInfo(answer.body).entries)
+  for (const RaidInfoEntry &entry : ReadRaidInfo(answer.body).entries)
     if (entry.type != 0) rows.push_back(RaidRow(entry));
   if (rows.size() == 1)
     PrintLine("no arrays and no disks");
@@ -148,7 +148,7 @@ void PrintRaid(const Answer &answer) {
 }
 
 void AddPartitionJson(const Answer &answer, Json *object) {
-  const PartitionInfo info = DecodePartitionInfo(answer.body);
+  const PartitionInfo info = ReadPartitionInfo(answer.body);
   (*object)["fs_type"] = info.fs_type;
   (*object)["block_size"] = info.block_size;
   (*object)["blocks"] = info.blocks;
@@ -160,7 +160,7 @@ void AddPartitionJson(const Answer &answer, Json *object) {
 }
 
 void PrintPartition(const Answer &answer) {
-  const PartitionInfo info = DecodePartitionInfo(answer.body);
+  const PartitionInfo info = ReadPartitionInfo(answer.body);
   PrintTable({{"Path:", SafeText(info.path)},
               {"File system:", HexText(info.fs_type)},
               {"Size:", BlocksText(info.blocks, info.block_size)},

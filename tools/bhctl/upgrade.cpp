@@ -24,8 +24,6 @@ namespace {
 constexpr std::chrono::seconds STANDSTILL_TIMEOUT{30};  // of an upload, at most
 constexpr std::chrono::seconds GIVING_UP{15};  // a stopped receiver's end takes 11 s at most
 
-constexpr size_t UNUSED_BYTES = 8;  // before the password
-constexpr size_t MIN_REQUEST = 36;  // bytes of body
 // These products take no password with the request: it must be confirmed before.
 constexpr uint32_t CONFIRMING_PRODUCTS[] = {0x2001, 0x2002};
 
@@ -245,26 +243,38 @@ int Install(const Job &job) {
   return Refused(job, FINISH, answer->state, HintFor(FINISH_HINTS, answer->state));
 }
 
+// A long password runs on over a number of the record, which is converted all the same: its four
+// bytes have to be the number that they are on the wire.
+void KeepBytes(std::vector<uint8_t> &body, size_t at) {
+  uint32_t number = 0;
+  for (size_t i = sizeof(number); i-- > 0;)
+    number = number << 8 | body[at + i];
+  memcpy(body.data() + at, &number, sizeof(number));
+}
+
 }  // namespace
 
 Request MakeUpdateRequest(const Update &update, uint32_t key) {
-  Request request = {ACP_FIRMUP2, ACP_FIRMUP2_REPLY, 0, {}};
-  std::vector<uint8_t> &body = request.body;
-  const auto add_password = [&](const Secret &password) {
-    const std::vector<uint8_t> encoded = EncodePassword(password, key).value();
-    body.insert(body.end(), encoded.begin(), encoded.end());
-  };
-  for (const uint32_t number : {update.type, update.product, update.size, update.checksum})
-    AddU32(&body, number);
-  body.insert(body.end(), UNUSED_BYTES, 0);
-  add_password(update.password);
+  UpdateRequest record = {};
+  record.firm_type = update.type;
+  record.firm_pid = update.product;
+  record.firm_size = update.size;
+  record.true_chksum = update.checksum;
+  const std::vector<uint8_t> password = EncodePassword(update.password, key).value();
   if (update.zip_password) {
-    request.command = ACP_FIRMUP3;
-    AddU32(&body, static_cast<uint32_t>(update.zip_password->text.size()));
-    add_password(*update.zip_password);
+    std::copy(password.begin(), password.end(), record.password);
+    record.zip_pass_len = static_cast<uint32_t>(update.zip_password->text.size());
+    Request request = {ACP_FIRMUP3, ACP_FIRMUP2_REPLY, 0, BodyOf(record)};
+    Append(request.body, EncodePassword(*update.zip_password, key).value());
+    request.body.push_back(0);
+    return request;
   }
-  body.push_back(0);
-  body.resize(std::max(body.size(), MIN_REQUEST));
+  Request request = {ACP_FIRMUP2, ACP_FIRMUP2_REPLY, 0, BodyOf(record)};
+  request.body.resize(offsetof(UpdateRequest, password));
+  Append(request.body, password);
+  request.body.push_back(0);
+  request.body.resize(std::max(request.body.size(), sizeof(UpdateRequest)));
+  KeepBytes(request.body, offsetof(UpdateRequest, zip_pass_len));
   return request;
 }
 
