@@ -389,7 +389,7 @@ TEST(BhctlUpgrade, ImagesFitTheProtocolAndHaveAChecksum) {
     std::filesystem::resize_file(path, each.size);
     Image image;
     string why;
-    EXPECT_EQ(OpenImage(path, &image, &why), *each.refusal == '\0');
+    EXPECT_EQ(OpenImage(path, image, why), *each.refusal == '\0');
     EXPECT_EQ(why, each.refusal);
     EXPECT_EQ(image.checksum, each.checksum);
   }

@@ -25,18 +25,18 @@ constexpr Hint HINTS[] = {
     {ACP_STATE_BAD_PRODUCT, OTHER_PRODUCTS},
 };
 
-int ReadPasswords(const Options &options, Secret *old_password, Secret *hash) {
+int ReadPasswords(const Options &options, Secret &old_password, Secret &hash) {
   std::string text;
-  int status = NeedPassword(options, &text);
-  *old_password = AdminPassword(text);
+  int status = NeedPassword(options, text);
+  old_password = AdminPassword(text);
   std::optional<std::string> new_password;
   if (const char *value = getenv("BHCTL_NEW_PASSWORD"); value != nullptr) new_password = value;
   if (const std::string *given = Given(options, "--new-password"); given != nullptr)
     new_password = *given;
-  if (status == EXIT_DONE) status = NeedNewPassword(new_password, &text);
+  if (status == EXIT_DONE) status = NeedNewPassword(new_password, text);
   if (status != EXIT_DONE) return status;
-  *hash = {HashPassword(text, InventSalt()), HASH_CAPACITY, "the hash"};
-  if (!hash->text.empty()) return EXIT_DONE;
+  hash = {HashPassword(text, InventSalt()), HASH_CAPACITY, "the hash"};
+  if (!hash.text.empty()) return EXIT_DONE;
   PrintError("this machine cannot hash the new password");
   return EXIT_NO_ANSWER;
 }
@@ -64,13 +64,13 @@ Request MakePasswordChangeRequest(Bytes hash, Bytes old_password) {
 int Passwd(const Options &options) {
   Secret old_password;
   Secret hash;
-  int status = ReadPasswords(options, &old_password, &hash);
+  int status = ReadPasswords(options, old_password, hash);
   if (status != EXIT_DONE) return status;
   const Credentials credentials = CredentialsOf(options);
   std::vector<Secret> secrets = SecretsOf(credentials);
   secrets.insert(secrets.end(), {old_password, hash});
   Session session;
-  status = OpenSession(options, secrets, &session);
+  status = OpenSession(options, secrets, session);
   if (status != EXIT_DONE) return status;
   const Options chosen = SessionOptions(options, session);
   status = AuthorizeOrTell(chosen, session, credentials);
@@ -78,7 +78,7 @@ int Passwd(const Options &options) {
   Answer answer;
   const Request request = MakePasswordChangeRequest(
       EncodePassword(hash, session.key).value(), EncodePassword(old_password, session.key).value());
-  status = AskOne(chosen, request, &answer);
+  status = AskOne(chosen, request, answer);
   if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
   return status == EXIT_DONE ? ShowChange(chosen, session, answer.state) : status;
 }

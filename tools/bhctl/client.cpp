@@ -53,7 +53,7 @@ bool IsEthernet(const ifaddrs &entry, const sockaddr_ll &link) {
          link.sll_halen == MAC_SIZE;
 }
 
-void AddLink(const ifaddrs &entry, std::vector<Interface> *interfaces) {
+void AddLink(const ifaddrs &entry, std::vector<Interface> &interfaces) {
   sockaddr_ll link = {};
   memcpy(&link, entry.ifa_addr, sizeof(link));
   if (!IsEthernet(entry, link)) return;
@@ -62,14 +62,14 @@ void AddLink(const ifaddrs &entry, std::vector<Interface> *interfaces) {
   interface.index = link.sll_ifindex;
   interface.flags = entry.ifa_flags;
   std::copy_n(link.sll_addr, MAC_SIZE, interface.mac.begin());
-  interfaces->push_back(interface);
+  interfaces.push_back(interface);
 }
 
 // IPv4 entries carry the address's label, which may be "eth0:1".
-void MarkIpv4(const ifaddrs &entry, std::vector<Interface> *interfaces) {
+void MarkIpv4(const ifaddrs &entry, std::vector<Interface> &interfaces) {
   const std::string label = entry.ifa_name;
   const std::string name = label.substr(0, label.find(':'));
-  for (Interface &interface : *interfaces)
+  for (Interface &interface : interfaces)
     if (interface.name == name) interface.has_ipv4 = true;
 }
 
@@ -81,10 +81,10 @@ std::vector<Interface> ListInterfaces() {
   const std::unique_ptr<ifaddrs, IfAddrsDeleter> list(first);
   for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
     if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET)
-      AddLink(*entry, &interfaces);
+      AddLink(*entry, interfaces);
   for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
     if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
-      MarkIpv4(*entry, &interfaces);
+      MarkIpv4(*entry, interfaces);
   return interfaces;
 }
 
@@ -94,26 +94,26 @@ bool CanBroadcast(const Interface &interface) {
 
 // A named interface need not have an address: that is how a new appliance is reached from a new
 // machine.
-int ChooseNamed(const std::string &name, std::vector<Interface> *interfaces) {
+int ChooseNamed(const std::string &name, std::vector<Interface> &interfaces) {
   if (if_nametoindex(name.c_str()) == 0) {
     PrintError("no such interface: " + name);
     return EXIT_USAGE;
   }
-  std::erase_if(*interfaces, [&](const Interface &interface) {
+  std::erase_if(interfaces, [&](const Interface &interface) {
     return interface.name != name || !CanBroadcast(interface);
   });
-  if (!interfaces->empty()) return EXIT_DONE;
+  if (!interfaces.empty()) return EXIT_DONE;
   PrintError("interface " + name + " is down or is no Ethernet interface that can broadcast");
   return EXIT_NO_ANSWER;
 }
 
-int ChooseInterfaces(const std::string &name, std::vector<Interface> *interfaces) {
-  *interfaces = ListInterfaces();
+int ChooseInterfaces(const std::string &name, std::vector<Interface> &interfaces) {
+  interfaces = ListInterfaces();
   if (!name.empty()) return ChooseNamed(name, interfaces);
-  std::erase_if(*interfaces, [](const Interface &interface) {
+  std::erase_if(interfaces, [](const Interface &interface) {
     return !interface.has_ipv4 || !CanBroadcast(interface);
   });
-  if (!interfaces->empty()) return EXIT_DONE;
+  if (!interfaces.empty()) return EXIT_DONE;
   PrintError("no usable interface: none is up, can broadcast and has an IPv4 address");
   return EXIT_NO_ANSWER;
 }
@@ -121,27 +121,27 @@ int ChooseInterfaces(const std::string &name, std::vector<Interface> *interfaces
 // Beyond the system's limit only the administrator gets room.
 void WidenReceiveBuffer(const Descriptor &socket) {
   constexpr socklen_t SIZE = sizeof(RECEIVE_BUFFER);
-  if (setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, SIZE) != 0)
-    setsockopt(socket.fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, SIZE);
+  if (setsockopt(socket.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, SIZE) != 0)
+    setsockopt(socket.Get(), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, SIZE);
 }
 
 // The port is the system's choice: the appliance answers to the port that it was asked from.
 // Bound to `interface` unless that is empty.
 int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   const int on = 1;
-  if (socket.fd < 0) return SystemFailure("cannot open a socket", errno);
+  if (!socket.IsOpen()) return SystemFailure("cannot open a socket", errno);
   WidenReceiveBuffer(socket);
-  if (setsockopt(socket.fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)) != 0)
+  if (setsockopt(socket.Get(), IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)) != 0)
     return SystemFailure("cannot learn the interface of answers", errno);
-  if (setsockopt(socket.fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)) != 0)
+  if (setsockopt(socket.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)) != 0)
     return SystemFailure("cannot broadcast", errno);
-  if (!interface.empty() && setsockopt(socket.fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
+  if (!interface.empty() && setsockopt(socket.Get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
                                        static_cast<socklen_t>(interface.size())) != 0)
     return SystemFailure("cannot bind to interface " + interface, errno);
   sockaddr_in any = {};
   any.sin_family = AF_INET;
   any.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(socket.fd, reinterpret_cast<const sockaddr *>(&any), sizeof(any)) != 0)
+  if (bind(socket.Get(), reinterpret_cast<const sockaddr *>(&any), sizeof(any)) != 0)
     return SystemFailure("cannot bind a socket", errno);
   return EXIT_DONE;
 }
@@ -168,13 +168,13 @@ bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> 
   header->cmsg_type = IP_PKTINFO;
   header->cmsg_len = CMSG_LEN(sizeof(info));
   memcpy(CMSG_DATA(header), &info, sizeof(info));
-  return sendmsg(socket.fd, &message, 0) >= 0;
+  return sendmsg(socket.Get(), &message, 0) >= 0;
 }
 
 // Leaves the interfaces that the request went out on.
 void SendRequest(const Descriptor &socket, const Request &request, const Mac &dst_mac,
-                 std::vector<Interface> *interfaces) {
-  std::erase_if(*interfaces, [&](const Interface &interface) {
+                 std::vector<Interface> &interfaces) {
+  std::erase_if(interfaces, [&](const Interface &interface) {
     if (SendOn(socket, interface.index, EncodeRequest(request, interface.mac, dst_mac)))
       return false;
     PrintError("cannot send on " + interface.name + ": " + strerror(errno));
@@ -183,7 +183,7 @@ void SendRequest(const Descriptor &socket, const Request &request, const Mac &ds
 }
 
 // Takes a datagram out of the socket if one is there; its length, or less than 0.
-ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int *interface_index) {
+ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int &interface_index) {
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
   iovec part = {datagram.data(), datagram.size()};
   msghdr message = {};
@@ -191,19 +191,19 @@ ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int *i
   message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof(control);
-  const ssize_t length = recvmsg(socket.fd, &message, MSG_DONTWAIT);
+  const ssize_t length = recvmsg(socket.Get(), &message, MSG_DONTWAIT);
   const cmsghdr *header = length < 0 ? nullptr : CMSG_FIRSTHDR(&message);
   if (header == nullptr || header->cmsg_type != IP_PKTINFO) return length;
   in_pktinfo info = {};
   memcpy(&info, CMSG_DATA(header), sizeof(info));
-  *interface_index = info.ipi_ifindex;
+  interface_index = info.ipi_ifindex;
   return length;
 }
 
 bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
                   Clock::time_point deadline) {
   const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-  pollfd watched[] = {{socket.fd, POLLIN, 0}, {interrupt.fd, POLLIN, 0}};
+  pollfd watched[] = {{socket.Get(), POLLIN, 0}, {interrupt.Get(), POLLIN, 0}};
   if (poll(watched, 2, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) return false;
   return watched[0].revents != 0;
 }
@@ -211,7 +211,7 @@ bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
 // Waits for one datagram until `deadline` or an interrupt; nothing when it is malformed or none
 // came. In a burst the socket is emptied without a wait between two datagrams.
 std::optional<Reply> ReceiveReply(const Exchange &exchange, Clock::time_point deadline,
-                                  const Descriptor &interrupt, int *interface_index) {
+                                  const Descriptor &interrupt, int &interface_index) {
   uint8_t datagram[MAX_REPLY + 1];  // one more, so that a longer one shows
   ssize_t length = ReceiveNow(exchange.socket, datagram, interface_index);
   if (length < 0) {
@@ -256,7 +256,7 @@ std::optional<Answer> NextAnswer(const Exchange &exchange, Clock::time_point dea
   const std::vector<Mac> own_macs = OwnMacs(exchange.asked);
   while (Clock::now() < deadline && !Interrupted(interrupt)) {
     int index = 0;
-    const std::optional<Reply> reply = ReceiveReply(exchange, deadline, interrupt, &index);
+    const std::optional<Reply> reply = ReceiveReply(exchange, deadline, interrupt, index);
     if (reply && AnswersRequest(*reply, exchange.request, own_macs, exchange.wanted))
       return MakeAnswer(exchange, *reply, index);
   }
@@ -265,16 +265,16 @@ std::optional<Answer> NextAnswer(const Exchange &exchange, Clock::time_point dea
 
 // False for an appliance that has answered already: one that several interfaces lead to does so
 // once for each.
-bool AddAnswer(Answer answer, std::vector<Answer> *answers) {
-  if (std::any_of(answers->begin(), answers->end(),
+bool AddAnswer(Answer answer, std::vector<Answer> &answers) {
+  if (std::any_of(answers.begin(), answers.end(),
                   [&](const Answer &other) { return other.mac == answer.mac; }))
     return false;
-  answers->push_back(std::move(answer));
+  answers.push_back(std::move(answer));
   return true;
 }
 
 void Collect(const Exchange &exchange, std::chrono::microseconds timeout,
-             std::vector<Answer> *answers) {
+             std::vector<Answer> &answers) {
   const Clock::time_point last = exchange.sent + timeout;
   Clock::time_point deadline = last;
   while (std::optional<Answer> answer = NextAnswer(exchange, deadline, Descriptor())) {
@@ -287,26 +287,26 @@ void Collect(const Exchange &exchange, std::chrono::microseconds timeout,
 void WarnOfOverflow(const Descriptor &socket) {
   uint32_t memory[SK_MEMINFO_VARS] = {};
   socklen_t size = sizeof(memory);
-  if (getsockopt(socket.fd, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
+  if (getsockopt(socket.Get(), SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
       memory[SK_MEMINFO_DROPS] != 0)
     PrintError("answers are missing: they came faster than this machine took them");
 }
 
 }  // namespace
 
-int Begin(const Options &options, const Request &request, Exchange *exchange) {
-  int status = ChooseInterfaces(options.interface, &exchange->asked);
+int Begin(const Options &options, const Request &request, Exchange &exchange) {
+  int status = ChooseInterfaces(options.interface, exchange.asked);
   if (status != EXIT_DONE) return status;
-  exchange->socket = Descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  status = PrepareSocket(exchange->socket, options.interface);
+  exchange.socket = Descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  status = PrepareSocket(exchange.socket, options.interface);
   if (status != EXIT_DONE) return status;
-  for (Interface &interface : exchange->asked)
+  for (Interface &interface : exchange.asked)
     interface.mac = options.src_mac.value_or(interface.mac);
-  exchange->request = request;
-  exchange->wanted = options.mac;
-  exchange->sent = Clock::now();
-  SendRequest(exchange->socket, request, options.mac.value_or(BROADCAST_MAC), &exchange->asked);
-  return exchange->asked.empty() ? EXIT_NO_ANSWER : EXIT_DONE;
+  exchange.request = request;
+  exchange.wanted = options.mac;
+  exchange.sent = Clock::now();
+  SendRequest(exchange.socket, request, options.mac.value_or(BROADCAST_MAC), exchange.asked);
+  return exchange.asked.empty() ? EXIT_NO_ANSWER : EXIT_DONE;
 }
 
 std::optional<Answer> Await(const Exchange &exchange, std::chrono::microseconds timeout,
@@ -314,21 +314,21 @@ std::optional<Answer> Await(const Exchange &exchange, std::chrono::microseconds 
   return NextAnswer(exchange, Clock::now() + timeout, interrupt);
 }
 
-int Ask(const Options &options, const Request &request, std::vector<Answer> *answers) {
+int Ask(const Options &options, const Request &request, std::vector<Answer> &answers) {
   Exchange exchange;
-  const int status = Begin(options, request, &exchange);
+  const int status = Begin(options, request, exchange);
   if (status != EXIT_DONE) return status;
   Collect(exchange, options.timeout, answers);
-  if (!options.mac || answers->empty()) WarnOfOverflow(exchange.socket);
-  if (!answers->empty()) return EXIT_DONE;
+  if (!options.mac || answers.empty()) WarnOfOverflow(exchange.socket);
+  if (!answers.empty()) return EXIT_DONE;
   PrintError("no answer");
   return EXIT_NO_ANSWER;
 }
 
-int AskOne(const Options &options, const Request &request, Answer *answer) {
+int AskOne(const Options &options, const Request &request, Answer &answer) {
   std::vector<Answer> answers;
-  const int status = Ask(options, request, &answers);
-  if (status == EXIT_DONE) *answer = std::move(answers.front());
+  const int status = Ask(options, request, answers);
+  if (status == EXIT_DONE) answer = std::move(answers.front());
   return status;
 }
 

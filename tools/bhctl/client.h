@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "lib/descriptor.h"
 #include "tools/bhctl/datagram.h"
-#include "tools/bhctl/descriptor.h"
 #include "tools/bhctl/options.h"
 
 namespace bhctl {
@@ -29,10 +29,10 @@ struct Answer {
 // else until the answers cease, or the timeout if the request says so. Stores one answer an
 // appliance, in the order of arrival. Returns EXIT_DONE when there is one; otherwise says on
 // standard error what went wrong and returns EXIT_USAGE or EXIT_NO_ANSWER.
-int Ask(const Options &options, const Request &request, std::vector<Answer> *answers);
+int Ask(const Options &options, const Request &request, std::vector<Answer> &answers);
 
 // The same for the one answer of options.mac, which must be set.
-int AskOne(const Options &options, const Request &request, Answer *answer);
+int AskOne(const Options &options, const Request &request, Answer &answer);
 
 struct Interface {
   std::string name;
@@ -53,7 +53,7 @@ struct Exchange {
 
 // Sends the request like Ask. Returns EXIT_DONE, or says what went wrong and returns another
 // ExitStatus.
-int Begin(const Options &options, const Request &request, Exchange *exchange);
+int Begin(const Options &options, const Request &request, Exchange &exchange);
 
 // Waits for the next reply. Nothing after `timeout`, or once there is something to read from
 // `interrupt`.

@@ -21,11 +21,11 @@ constexpr Hint PASSWORD_HINTS[] = {
 };
 
 int Send(const Options &chosen, const Session &session, uint8_t code, const Secret &secret,
-         uint32_t *state) {
+         uint32_t &state) {
   const std::vector<uint8_t> encoded = EncodePassword(secret, session.key).value();
   Answer answer;
-  const int status = AskOne(chosen, MakeSpecialRequest(code, 0, encoded), &answer);
-  *state = answer.state;
+  const int status = AskOne(chosen, MakeSpecialRequest(code, 0, encoded), answer);
+  state = answer.state;
   if (status != EXIT_DONE) return status;
   return answer.state == ACP_STATE_OK ? EXIT_DONE : EXIT_REFUSED;
 }
@@ -53,12 +53,12 @@ Credentials CredentialsOf(const Options &options) {
   return credentials;
 }
 
-int ReadCredentials(const Options &options, Credentials *credentials) {
+int ReadCredentials(const Options &options, Credentials &credentials) {
   std::optional<std::string> password;
-  const int status = ReadPassword(options, &password);
-  *credentials = CredentialsOf(options);
+  const int status = ReadPassword(options, password);
+  credentials = CredentialsOf(options);
   if (password && (options.password || options.password_stdin || !password->empty()))
-    credentials->password = AdminPassword(*password);
+    credentials.password = AdminPassword(*password);
   return status;
 }
 
@@ -70,24 +70,24 @@ std::vector<Secret> SecretsOf(const Credentials &credentials) {
 }
 
 int Authorize(const Options &chosen, const Session &session, const Credentials &credentials,
-              Refusal *refusal) {
+              Refusal &refusal) {
   if (credentials.pass_phrase) {
     const int status =
-        Send(chosen, session, SPECIAL_COMMAND_MODE, *credentials.pass_phrase, &refusal->state);
-    refusal->hint = HintFor(PASS_PHRASE_HINTS, refusal->state);
+        Send(chosen, session, SPECIAL_COMMAND_MODE, *credentials.pass_phrase, refusal.state);
+    refusal.hint = HintFor(PASS_PHRASE_HINTS, refusal.state);
     if (status != EXIT_DONE) return status;
   }
   if (!credentials.password) return EXIT_DONE;
   const int status =
-      Send(chosen, session, SPECIAL_VERIFY_PASSWORD, *credentials.password, &refusal->state);
-  refusal->hint = refusal->state == ACP_STATE_NOT_PERMIT ? NotEnabledHint(session)
-                                                         : HintFor(PASSWORD_HINTS, refusal->state);
+      Send(chosen, session, SPECIAL_VERIFY_PASSWORD, *credentials.password, refusal.state);
+  refusal.hint = refusal.state == ACP_STATE_NOT_PERMIT ? NotEnabledHint(session)
+                                                       : HintFor(PASSWORD_HINTS, refusal.state);
   return status;
 }
 
 int AuthorizeOrTell(const Options &chosen, const Session &session, const Credentials &credentials) {
   Refusal refusal;
-  const int status = Authorize(chosen, session, credentials, &refusal);
+  const int status = Authorize(chosen, session, credentials, refusal);
   if (status != EXIT_REFUSED) return status;
   return ShowRefusal(chosen, session.mac, refusal.state, refusal.hint);
 }

@@ -33,7 +33,7 @@ Credentials CredentialsOf(const Options &options);
 
 // The same, and the administrator's password as ReadPassword gets it. A line that is left empty at
 // the terminal is none: one verified before may do. Returns as ReadPassword.
-int ReadCredentials(const Options &options, Credentials *credentials);
+int ReadCredentials(const Options &options, Credentials &credentials);
 
 // For OpenSession: what the credentials sends.
 std::vector<Secret> SecretsOf(const Credentials &credentials);
@@ -48,7 +48,7 @@ struct Refusal {
 // EXIT_REFUSED with `refusal` told to nobody yet, or says what went wrong and returns another
 // ExitStatus.
 int Authorize(const Options &chosen, const Session &session, const Credentials &credentials,
-              Refusal *refusal);
+              Refusal &refusal);
 
 // The same, and tells the refusal.
 int AuthorizeOrTell(const Options &chosen, const Session &session, const Credentials &credentials);

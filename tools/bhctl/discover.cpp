@@ -73,41 +73,41 @@ std::vector<std::string> Row(const Sighting &sighting) {
           TimeText(info, ' ')};
 }
 
-void AddStatusJson(uint32_t status, Json *object) {
-  (*object)["status"] = status;
-  (*object)["dhcp"] = (status & DISCOVER_DHCP_LEASE) != 0;
-  (*object)["dhcp_server"] = (status & DISCOVER_DHCP_SERVER) != 0;
-  (*object)["initialized"] = (status & DISCOVER_INITIALIZED) != 0;
-  (*object)["timer_sleep"] = (status & DISCOVER_TIMER_SLEEP) != 0;
-  (*object)["timer_backup"] = (status & DISCOVER_TIMER_BACKUP) != 0;
+void AddStatusJson(uint32_t status, Json &object) {
+  (object)["status"] = status;
+  (object)["dhcp"] = (status & DISCOVER_DHCP_LEASE) != 0;
+  (object)["dhcp_server"] = (status & DISCOVER_DHCP_SERVER) != 0;
+  (object)["initialized"] = (status & DISCOVER_INITIALIZED) != 0;
+  (object)["timer_sleep"] = (status & DISCOVER_TIMER_SLEEP) != 0;
+  (object)["timer_backup"] = (status & DISCOVER_TIMER_BACKUP) != 0;
 }
 
-void AddVersionsJson(const DiscoverInfo &info, Json *object) {
-  (*object)["firmware_major"] = info.firmware_major;
-  (*object)["firmware_minor"] = info.firmware_minor;
-  (*object)["product_id"] = info.product_id;
-  (*object)["firmware_build_date"] = FieldText(info.firmware_build_date);
-  (*object)["firmware_sub_version"] = FieldText(info.firmware_sub_version);
-  (*object)["system_major"] = info.system_major;
-  (*object)["system_minor"] = info.system_minor;
-  (*object)["product_state"] = ProductStateName(info.product_state);
-  (*object)["system_sub_version"] = FieldText(info.system_sub_version);
-  (*object)["system_build_date"] = FieldText(info.system_build_date);
+void AddVersionsJson(const DiscoverInfo &info, Json &object) {
+  (object)["firmware_major"] = info.firmware_major;
+  (object)["firmware_minor"] = info.firmware_minor;
+  (object)["product_id"] = info.product_id;
+  (object)["firmware_build_date"] = FieldText(info.firmware_build_date);
+  (object)["firmware_sub_version"] = FieldText(info.firmware_sub_version);
+  (object)["system_major"] = info.system_major;
+  (object)["system_minor"] = info.system_minor;
+  (object)["product_state"] = ProductStateName(info.product_state);
+  (object)["system_sub_version"] = FieldText(info.system_sub_version);
+  (object)["system_build_date"] = FieldText(info.system_build_date);
 }
 
-void AddInfoJson(const DiscoverInfo &info, Json *object) {
-  (*object)["address"] = AddressText(info.address);
-  (*object)["netmask"] = AddressText(info.netmask);
+void AddInfoJson(const DiscoverInfo &info, Json &object) {
+  (object)["address"] = AddressText(info.address);
+  (object)["netmask"] = AddressText(info.netmask);
   AddStatusJson(info.status, object);
-  (*object)["key"] = WordText(DiscoverKey(info));
-  (*object)["host_name"] = FieldText(info.host_name);
-  (*object)["workgroup"] = FieldText(info.workgroup);
-  (*object)["product_name"] = FieldText(info.product_name);
-  (*object)["daemon_version"] = VersionText(info.daemon_version >> 8, info.daemon_version & 0xFFU);
-  (*object)["time"] = TimeText(info, 'T');
-  (*object)["gateway"] = AddressText(info.gateway);
+  (object)["key"] = WordText(DiscoverKey(info));
+  (object)["host_name"] = FieldText(info.host_name);
+  (object)["workgroup"] = FieldText(info.workgroup);
+  (object)["product_name"] = FieldText(info.product_name);
+  (object)["daemon_version"] = VersionText(info.daemon_version >> 8, info.daemon_version & 0xFFU);
+  (object)["time"] = TimeText(info, 'T');
+  (object)["gateway"] = AddressText(info.gateway);
   AddVersionsJson(info, object);
-  (*object)["eth0_mac"] = MacText(std::to_array(info.eth0_mac));
+  (object)["eth0_mac"] = MacText(std::to_array(info.eth0_mac));
 }
 
 void ShowJson(const Sighting &sighting, bool with_changes) {
@@ -115,7 +115,7 @@ void ShowJson(const Sighting &sighting, bool with_changes) {
   if (with_changes) object["change"] = CHANGE_NAMES[static_cast<size_t>(sighting.change)];
   object["mac"] = MacText(sighting.mac);
   object["state"] = StateName(sighting.state);
-  if (sighting.state == ACP_STATE_OK) AddInfoJson(sighting.info, &object);
+  if (sighting.state == ACP_STATE_OK) AddInfoJson(sighting.info, object);
   PrintJson(object);
 }
 
@@ -189,7 +189,7 @@ int Watch(const Options &options) {
   for (bool first = true;; first = false) {
     const Clock::time_point end = Clock::now() + options.timeout;
     std::vector<Answer> answers;
-    const int status = Ask(options, MakeDiscoverRequest(), &answers);
+    const int status = Ask(options, MakeDiscoverRequest(), answers);
     if (first && status == EXIT_USAGE) return status;  // later the interface may come back
     const std::vector<Sighting> now = Sightings(answers);
     if (!ShowRound(Compare(before, now), options.json)) return EXIT_NO_ANSWER;
@@ -241,7 +241,7 @@ int ShowSightings(const std::vector<Sighting> &sightings, bool json, bool with_c
 int Discover(const Options &options) {
   if (options.arguments.contains("--watch")) return Watch(options);
   std::vector<Answer> answers;
-  const int status = Ask(options, MakeDiscoverRequest(), &answers);
+  const int status = Ask(options, MakeDiscoverRequest(), answers);
   if (status != EXIT_DONE) return status;
   return ShowSightings(Sightings(answers), options.json, false);
 }

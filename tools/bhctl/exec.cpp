@@ -89,17 +89,17 @@ int CommandRefused(const Options &options, Answer answer) {
 }
 
 // False, with a message, when there is no such type or the command does not suit it.
-bool ReadArguments(const Options &options, std::string *text, uint32_t *type) {
-  *text = options.arguments.at("COMMAND");
-  *type = COMMAND_CAPTURED;
+bool ReadArguments(const Options &options, std::string &text, uint32_t &type) {
+  text = options.arguments.at("COMMAND");
+  type = COMMAND_CAPTURED;
   if (const std::string *digit = Given(options, "--type"); digit != nullptr) {
     if (digit->size() != 1 || digit->front() < '0' || digit->front() > '3') {
       PrintError("--type must be 0, 1, 2 or 3, not '" + *digit + "'");
       return false;
     }
-    *type = static_cast<uint32_t>(digit->front() - '0');
+    type = static_cast<uint32_t>(digit->front() - '0');
   }
-  if (FitsType(*text, *type)) return true;
+  if (FitsType(text, type)) return true;
   PrintError("COMMAND must have 1 to " + std::to_string(MAX_REQUEST_TEXT) +
              " bytes; with --type 0 or 1 at most " + std::to_string(MAX_WORDS_LENGTH) + " and " +
              std::to_string(MAX_WORDS) + " words, with --type 2 at most " +
@@ -109,20 +109,20 @@ bool ReadArguments(const Options &options, std::string *text, uint32_t *type) {
 
 // For one appliance over the interface that leads to it: two interfaces may well lead to the same
 // one, which would then run a command twice. Enables the command mode if the pass phrase is known.
-int ChooseAppliance(const Options &options, Options *chosen) {
+int ChooseAppliance(const Options &options, Options &chosen) {
   const Credentials credentials = CredentialsOf(options);
   Session session;
-  const int status = OpenSession(options, SecretsOf(credentials), &session);
+  const int status = OpenSession(options, SecretsOf(credentials), session);
   if (status != EXIT_DONE) return status;
-  *chosen = SessionOptions(options, session);
-  return AuthorizeOrTell(*chosen, session, credentials);
+  chosen = SessionOptions(options, session);
+  return AuthorizeOrTell(chosen, session, credentials);
 }
 
 // A command that was started in the background is answered like a refused one. What the appliance
 // makes of a command that does nothing tells them apart.
 int CheckPermission(const Options &options) {
   Answer answer;
-  const int status = AskOne(options, MakeCommandRequest(NO_OPERATION, COMMAND_CAPTURED), &answer);
+  const int status = AskOne(options, MakeCommandRequest(NO_OPERATION, COMMAND_CAPTURED), answer);
   if (status != EXIT_DONE || answer.state == ACP_STATE_OK) return status;
   return CommandRefused(options, answer);
 }
@@ -199,13 +199,13 @@ std::string SafeLines(std::string_view text) {
 int Exec(const Options &options) {
   std::string text;
   uint32_t type = 0;
-  if (!ReadArguments(options, &text, &type)) return EXIT_USAGE;
+  if (!ReadArguments(options, text, type)) return EXIT_USAGE;
   Options chosen;
-  int status = ChooseAppliance(options, &chosen);
+  int status = ChooseAppliance(options, chosen);
   if (status == EXIT_DONE && type == COMMAND_BACKGROUND) status = CheckPermission(chosen);
   if (status != EXIT_DONE) return status;
   Answer answer;
-  status = AskOne(chosen, MakeCommandRequest(text, type), &answer);
+  status = AskOne(chosen, MakeCommandRequest(text, type), answer);
   if (status == EXIT_NO_ANSWER) PrintError("the command may have been run all the same");
   if (status != EXIT_DONE) return status;
   const std::optional<CommandOutcome> outcome = ReadOutcome(type, answer.state, answer.body);
@@ -218,10 +218,10 @@ int Exec(const Options &options) {
 // The appliance hands out a line once; an empty one is the end.
 int Result(const Options &options) {
   Options chosen;
-  int status = ChooseAppliance(options, &chosen);
+  int status = ChooseAppliance(options, chosen);
   while (status == EXIT_DONE) {
     Answer answer;
-    status = AskOne(chosen, MakeResultRequest(), &answer);
+    status = AskOne(chosen, MakeResultRequest(), answer);
     if (status == EXIT_NO_ANSWER) PrintError("a line of the result may be lost");
     if (status != EXIT_DONE) break;
     if (answer.state != ACP_STATE_OK)

@@ -7,8 +7,8 @@
 #include <span>
 #include <string>
 
+#include "lib/descriptor.h"
 #include "tools/bhctl/datagram.h"
-#include "tools/bhctl/descriptor.h"
 
 namespace bhctl {
 
@@ -30,11 +30,11 @@ uint32_t AddToChecksum(uint32_t sum, Bytes piece);
 
 // Opens the file and reads it through. False, with what is wrong, unless it is a file that an
 // appliance can take.
-bool OpenImage(const std::string &path, Image *image, std::string *why);
+bool OpenImage(const std::string &path, Image &image, std::string &why);
 
 // The piece that begins at byte `at`, up to IMAGE_PIECE bytes, in `room`, which has as many. Empty,
 // with what is wrong, when it cannot be read or the file has become shorter.
-Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std::string *why);
+Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std::string &why);
 
 }  // namespace bhctl
 

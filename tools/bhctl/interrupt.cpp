@@ -27,18 +27,18 @@ sigset_t Interrupts() {
 Descriptor HoldInterrupts() {
   const sigset_t set = Interrupts();
   Descriptor held(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (held.fd >= 0) sigprocmask(SIG_BLOCK, &set, nullptr);
+  if (held.IsOpen()) sigprocmask(SIG_BLOCK, &set, nullptr);
   return held;
 }
 
 bool Interrupted(const Descriptor &held) {
-  pollfd readable = {held.fd, POLLIN, 0};
-  return held.fd >= 0 && poll(&readable, 1, 0) > 0;
+  pollfd readable = {held.Get(), POLLIN, 0};
+  return held.IsOpen() && poll(&readable, 1, 0) > 0;
 }
 
 void DropInterrupts(const Descriptor &held) {
   signalfd_siginfo info = {};
-  while (held.fd >= 0 && read(held.fd, &info, sizeof(info)) > 0)
+  while (held.IsOpen() && read(held.Get(), &info, sizeof(info)) > 0)
     ;
 }
 

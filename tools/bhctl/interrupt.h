@@ -4,7 +4,7 @@
 #ifndef BH_TOOLS_BHCTL_INTERRUPT_H_
 #define BH_TOOLS_BHCTL_INTERRUPT_H_
 
-#include "tools/bhctl/descriptor.h"
+#include "lib/descriptor.h"
 
 namespace bhctl {
 

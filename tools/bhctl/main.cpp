@@ -51,28 +51,28 @@ int UsageError(const std::string &message) {
   return EXIT_USAGE;
 }
 
-void DeclareGlobalOptions(CLI::App &app, CommandLine *line, Options *options) {
-  app.add_option("-i,--interface", line->interface, "use this interface only")->type_name("NAME");
-  app.add_option("--mac", line->mac, "address one appliance, not all")->type_name("MAC");
-  app.add_option("--timeout", line->timeout,
+void DeclareGlobalOptions(CLI::App &app, CommandLine &line, Options &options) {
+  app.add_option("-i,--interface", line.interface, "use this interface only")->type_name("NAME");
+  app.add_option("--mac", line.mac, "address one appliance, not all")->type_name("MAC");
+  app.add_option("--timeout", line.timeout,
                  "wait this long for answers; if not given, 2 or as long as the command may take")
       ->type_name("SECONDS");
-  app.add_flag("--json", options->json, "print one JSON object a line for each appliance");
-  app.add_option("--pass-phrase", line->pass_phrase,
+  app.add_flag("--json", options.json, "print one JSON object a line for each appliance");
+  app.add_option("--pass-phrase", line.pass_phrase,
                  "pass phrase of the command mode, else BHCTL_PASS_PHRASE of the environment")
       ->type_name("TEXT");
-  app.add_option("--password", line->password,
+  app.add_option("--password", line.password,
                  "administrator's password, else BHCTL_PASSWORD of the environment")
       ->type_name("TEXT");
-  app.add_flag("--password-stdin", options->password_stdin,
+  app.add_flag("--password-stdin", options.password_stdin,
                "read the administrator's password from standard input");
-  app.add_flag("--yes", options->assume_yes, "do without asking what else is asked about first");
+  app.add_flag("--yes", options.assume_yes, "do without asking what else is asked about first");
   app.set_version_flag("--version", "bhctl " BHCTL_VERSION, "print the version");
   app.set_help_flag("-h,--help", "print this help");
 }
 
 // Unknown words are left over for CheckLeftovers, which explains them better than the parser does.
-void DeclareCommands(CLI::App &app, CommandLine *line) {
+void DeclareCommands(CLI::App &app, CommandLine &line) {
   app.fallthrough();
   app.allow_extras();
   app.require_subcommand(0, 1);
@@ -81,7 +81,7 @@ void DeclareCommands(CLI::App &app, CommandLine *line) {
     declared->group("Commands");
     declared->footer("Global options and exit status: see 'bhctl --help'.");
     for (const Argument &argument : command.arguments) {
-      std::string &value = line->arguments[command.name][argument.name];
+      std::string &value = line.arguments[command.name][argument.name];
       if (argument.flag)
         declared->add_flag(argument.name, value, argument.description)->disable_flag_override();
       else
@@ -136,42 +136,42 @@ std::optional<std::string> Environment(const char *name) {
   return value;
 }
 
-int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options *options) {
+int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options &options) {
   if (app.count("--interface") != 0 && line.interface.empty())
     return UsageError("--interface needs a name");
-  options->interface = line.interface;
+  options.interface = line.interface;
   if (app.count("--mac") != 0) {
-    options->mac = ParseMac(line.mac);
-    if (!options->mac) return UsageError("--mac: not a MAC address: '" + line.mac + "'");
-    if (*options->mac == BROADCAST_MAC) options->mac.reset();
+    options.mac = ParseMac(line.mac);
+    if (!options.mac) return UsageError("--mac: not a MAC address: '" + line.mac + "'");
+    if (options.mac == BROADCAST_MAC) options.mac.reset();
   }
   if (!(line.timeout > 0 && line.timeout <= MAX_TIMEOUT))
     return UsageError("--timeout must be greater than 0 and at most a day");
-  options->timeout = std::chrono::microseconds(static_cast<int64_t>(ceil(line.timeout * 1e6)));
-  options->pass_phrase = app.count("--pass-phrase") != 0
-                             ? line.pass_phrase
-                             : Environment("BHCTL_PASS_PHRASE").value_or("");
-  if (app.count("--password") != 0 && options->password_stdin)
+  options.timeout = std::chrono::microseconds(static_cast<int64_t>(ceil(line.timeout * 1e6)));
+  options.pass_phrase = app.count("--pass-phrase") != 0
+                            ? line.pass_phrase
+                            : Environment("BHCTL_PASS_PHRASE").value_or("");
+  if (app.count("--password") != 0 && options.password_stdin)
     return UsageError("--password and --password-stdin exclude each other");
   if (app.count("--password") != 0)
-    options->password = line.password;
-  else if (!options->password_stdin)
-    options->password = Environment("BHCTL_PASSWORD");
+    options.password = line.password;
+  else if (!options.password_stdin)
+    options.password = Environment("BHCTL_PASSWORD");
   return EXIT_DONE;
 }
 
-int RunCommand(const CLI::App &app, const CommandLine &line, Options *options) {
+int RunCommand(const CLI::App &app, const CommandLine &line, Options &options) {
   const CLI::App &chosen = *app.get_subcommands().front();
   const auto command =
       std::find_if(Commands().begin(), Commands().end(),
                    [&](const SubCommand &each) { return chosen.get_name() == each.name; });
-  options->command = command->name;
+  options.command = command->name;
   for (const Argument &argument : command->arguments) {
     if (chosen.count(argument.name) == 0) continue;
-    options->arguments[argument.name] = line.arguments.at(command->name).at(argument.name);
+    options.arguments[argument.name] = line.arguments.at(command->name).at(argument.name);
   }
-  if (app.count("--timeout") == 0) options->timeout = command->timeout;
-  const int status = command->run(*options);
+  if (app.count("--timeout") == 0) options.timeout = command->timeout;
+  const int status = command->run(options);
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
   PrintError("cannot write to standard output");
   return EXIT_NO_ANSWER;
@@ -183,8 +183,8 @@ int Run(int argc, char **argv) {
   Options options;
   app.footer(FOOTER);
   app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-  DeclareGlobalOptions(app, &line, &options);
-  DeclareCommands(app, &line);
+  DeclareGlobalOptions(app, line, options);
+  DeclareCommands(app, line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp &) {
@@ -196,9 +196,9 @@ int Run(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return UsageError(error.what());
   }
-  int status = CheckGlobalOptions(app, line, &options);
+  int status = CheckGlobalOptions(app, line, options);
   if (status == EXIT_DONE) status = CheckLeftovers(app);
-  return status == EXIT_DONE ? RunCommand(app, line, &options) : status;
+  return status == EXIT_DONE ? RunCommand(app, line, options) : status;
 }
 
 }  // namespace

@@ -26,44 +26,44 @@ bool IsNewPassword(const std::string &password) {
 
 }  // namespace
 
-int ReadPassword(const Options &options, std::optional<std::string> *password) {
-  *password = options.password;
+int ReadPassword(const Options &options, std::optional<std::string> &password) {
+  password = options.password;
   if (options.password || (!options.password_stdin && !IsTerminal())) return EXIT_DONE;
   std::string line;
-  if (!(IsTerminal() ? ReadHidden("Password: ", &line) : ReadLine(&line))) return NoLine();
-  *password = line;
+  if (!(IsTerminal() ? ReadHidden("Password: ", line) : ReadLine(line))) return NoLine();
+  password = line;
   return EXIT_DONE;
 }
 
-int NeedPassword(const Options &options, std::string *password) {
+int NeedPassword(const Options &options, std::string &password) {
   std::optional<std::string> read;
-  const int status = ReadPassword(options, &read);
+  const int status = ReadPassword(options, read);
   if (status == EXIT_DONE && !read)
     return UsageFailure(
         "the administrator's password is needed: give --password or --password-stdin");
-  *password = read.value_or("");
+  password = read.value_or("");
   return status;
 }
 
-int NeedPassPhrase(const Options &options, std::string *pass_phrase) {
-  *pass_phrase = options.pass_phrase;
-  if (!pass_phrase->empty()) return EXIT_DONE;
+int NeedPassPhrase(const Options &options, std::string &pass_phrase) {
+  pass_phrase = options.pass_phrase;
+  if (!pass_phrase.empty()) return EXIT_DONE;
   if (!IsTerminal())
     return UsageFailure("the pass phrase of the command mode is needed: give --pass-phrase");
   return ReadHidden("Pass phrase: ", pass_phrase) ? EXIT_DONE : NoLine();
 }
 
-int NeedNewPassword(const std::optional<std::string> &given, std::string *password) {
-  *password = given.value_or("");
+int NeedNewPassword(const std::optional<std::string> &given, std::string &password) {
+  password = given.value_or("");
   if (!given) {
     if (!IsTerminal())
       return UsageFailure("the new password is needed: give --new-password or BHCTL_NEW_PASSWORD");
     std::string again;
-    if (!ReadHidden("New password: ", password) || !ReadHidden("The same again: ", &again))
+    if (!ReadHidden("New password: ", password) || !ReadHidden("The same again: ", again))
       return NoLine();
-    if (again != *password) return UsageFailure("they are not the same");
+    if (again != password) return UsageFailure("they are not the same");
   }
-  if (IsNewPassword(*password)) return EXIT_DONE;
+  if (IsNewPassword(password)) return EXIT_DONE;
   return UsageFailure("a new password must have 1 to " + std::to_string(MAX_NEW_PASSWORD) +
                       " characters of plain ASCII: the appliance would not look at more");
 }

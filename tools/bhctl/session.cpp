@@ -42,10 +42,10 @@ Mac InventMac() {
   return mac;
 }
 
-int DiscoverOne(Options options, Session *session) {
+int DiscoverOne(Options options, Session &session) {
   options.timeout = std::min<std::chrono::microseconds>(options.timeout, DISCOVERY);
   std::vector<Answer> answers;
-  const int status = Ask(options, MakeDiscoverRequest(), &answers);
+  const int status = Ask(options, MakeDiscoverRequest(), answers);
   if (status != EXIT_DONE) return status;
   if (answers.size() > 1) {
     PrintError(std::to_string(answers.size()) + " appliances answer, choose one with --mac");
@@ -53,9 +53,9 @@ int DiscoverOne(Options options, Session *session) {
   }
   const Answer &answer = answers.front();
   const DiscoverInfo info = ReadDiscoverInfo(answer.body);
-  *session = {answer.mac, answer.interface,           answer.src_mac, DiscoverKey(info),
-              info,       options.src_mac.has_value()};
-  if (answer.state == ACP_STATE_OK && session->key != 0) return EXIT_DONE;
+  session = {answer.mac, answer.interface,           answer.src_mac, DiscoverKey(info),
+             info,       options.src_mac.has_value()};
+  if (answer.state == ACP_STATE_OK && session.key != 0) return EXIT_DONE;
   const std::string why = answer.state == ACP_STATE_OK ? "" : ": " + StateName(answer.state);
   PrintError(MacText(answer.mac) + " issues no key" + why);
   return EXIT_REFUSED;
@@ -77,7 +77,7 @@ std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint3
   return encoded;
 }
 
-int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session *session) {
+int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session &session) {
   for (const Secret &password : passwords) {
     if (IsPassword(password)) continue;
     PrintError(std::string(password.name) + " can have at most " +
@@ -85,13 +85,13 @@ int OpenSession(const Options &options, const std::vector<Secret> &passwords, Se
     return EXIT_USAGE;
   }
   int status = DiscoverOne(options, session);
-  for (int keys = 1; status == EXIT_DONE && !CanSend(passwords, session->key); ++keys) {
+  for (int keys = 1; status == EXIT_DONE && !CanSend(passwords, session.key); ++keys) {
     if (keys == MAX_KEYS) {
-      PrintError(MacText(session->mac) + " issues no key that the password can be sent under");
+      PrintError(MacText(session.mac) + " issues no key that the password can be sent under");
       return EXIT_REFUSED;
     }
     std::this_thread::sleep_for(NEXT_SECOND);
-    Options again = SessionOptions(options, *session);
+    Options again = SessionOptions(options, session);
     again.src_mac = InventMac();
     status = DiscoverOne(again, session);
   }

@@ -41,7 +41,7 @@ std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint3
 // under which each of `passwords` can be encoded; as long as the appliance's key is not such a one,
 // discovers again as another requester. Returns EXIT_DONE, or says on standard error what went
 // wrong and returns another ExitStatus.
-int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session *session);
+int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session &session);
 
 // `options` for Ask() within the session: to its appliance alone, as its requester.
 Options SessionOptions(const Options &options, const Session &session);

@@ -29,24 +29,24 @@ constexpr const char *EMERGENCY = "it runs its emergency system, where nothing b
 constexpr const char *EXPLANATION =
     "The appliance will not be reached at its present address any more";
 
-int ReadAddress(const Options &options, const char *name, std::optional<uint32_t> *address) {
+int ReadAddress(const Options &options, const char *name, std::optional<uint32_t> &address) {
   const std::string *text = Given(options, name);
   if (text == nullptr) return EXIT_DONE;
-  *address = ParseAddress(*text);
-  if (*address) return EXIT_DONE;
+  address = ParseAddress(*text);
+  if (address) return EXIT_DONE;
   return UsageFailure(std::string(name) + " must be an IPv4 address, not '" + SafeText(*text) +
                       "'");
 }
 
-int ReadAddresses(const Options &options, Settings *settings) {
+int ReadAddresses(const Options &options, Settings &settings) {
   std::optional<uint32_t> netmask;
-  int status = ReadAddress(options, "--ip", &settings->address);
-  if (status == EXIT_DONE) status = ReadAddress(options, "--netmask", &netmask);
-  if (status == EXIT_DONE) status = ReadAddress(options, "--gateway", &settings->gateway);
+  int status = ReadAddress(options, "--ip", settings.address);
+  if (status == EXIT_DONE) status = ReadAddress(options, "--netmask", netmask);
+  if (status == EXIT_DONE) status = ReadAddress(options, "--gateway", settings.gateway);
   if (status != EXIT_DONE) return status;
-  if (settings->address.has_value() != netmask.has_value())
+  if (settings.address.has_value() != netmask.has_value())
     return UsageFailure("--ip and --netmask go together");
-  settings->netmask = netmask.value_or(0);
+  settings.netmask = netmask.value_or(0);
   return EXIT_DONE;
 }
 
@@ -54,47 +54,47 @@ bool IsControl(char character) {
   return static_cast<unsigned char>(character) < ' ' || character == '\x7F';
 }
 
-int ReadName(const Options &options, const char *option, std::string *name) {
+int ReadName(const Options &options, const char *option, std::string &name) {
   const std::string *text = Given(options, option);
   if (text == nullptr) return EXIT_DONE;
-  *name = *text;
-  if (!name->empty() && name->size() <= MAX_NAME && name->front() != '-' &&
-      std::none_of(name->begin(), name->end(), IsControl))
+  name = *text;
+  if (!name.empty() && name.size() <= MAX_NAME && name.front() != '-' &&
+      std::none_of(name.begin(), name.end(), IsControl))
     return EXIT_DONE;
   return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(MAX_NAME) +
                       " bytes, none of them a control character, and not begin with '-'");
 }
 
-int ReadTime(const Options &options, Settings *settings) {
+int ReadTime(const Options &options, Settings &settings) {
   const std::string *text = Given(options, "--time");
   if (text == nullptr) return EXIT_DONE;
-  settings->now = *text == "now";
-  if (settings->now) return EXIT_DONE;
-  settings->time = ParseDateTime(*text);
-  if (settings->time && settings->time->year >= FIRST_YEAR) return EXIT_DONE;
+  settings.now = *text == "now";
+  if (settings.now) return EXIT_DONE;
+  settings.time = ParseDateTime(*text);
+  if (settings.time && settings.time->year >= FIRST_YEAR) return EXIT_DONE;
   return UsageFailure("--time must be now or \"YYYY-MM-DD HH:MM:SS\" from " +
                       std::to_string(FIRST_YEAR) + " on, not '" + SafeText(*text) + "'");
 }
 
-int ReadTimezone(const Options &options, Settings *settings) {
+int ReadTimezone(const Options &options, Settings &settings) {
   const std::string *text = Given(options, "--timezone");
   if (text == nullptr) return EXIT_DONE;
   int32_t minutes = 0;
   const char *end = text->data() + text->size();
   const auto [after, error] = std::from_chars(text->data(), end, minutes);
-  settings->timezone = minutes;
+  settings.timezone = minutes;
   if (error == std::errc() && after == end && minutes >= -MAX_OFFSET && minutes <= MAX_OFFSET)
     return EXIT_DONE;
   return UsageFailure("--timezone must be a number of minutes from -" + std::to_string(MAX_OFFSET) +
                       " to " + std::to_string(MAX_OFFSET) + ", not '" + SafeText(*text) + "'");
 }
 
-int ReadSettings(const Options &options, Settings *settings) {
-  settings->dhcp = Given(options, "--dhcp") != nullptr;
-  settings->initialised = Given(options, "--initialised") != nullptr;
+int ReadSettings(const Options &options, Settings &settings) {
+  settings.dhcp = Given(options, "--dhcp") != nullptr;
+  settings.initialised = Given(options, "--initialised") != nullptr;
   int status = ReadAddresses(options, settings);
-  if (status == EXIT_DONE) status = ReadName(options, "--hostname", &settings->host_name);
-  if (status == EXIT_DONE) status = ReadName(options, "--workgroup", &settings->workgroup);
+  if (status == EXIT_DONE) status = ReadName(options, "--hostname", settings.host_name);
+  if (status == EXIT_DONE) status = ReadName(options, "--workgroup", settings.workgroup);
   if (status == EXIT_DONE) status = ReadTime(options, settings);
   if (status == EXIT_DONE) status = ReadTimezone(options, settings);
   if (status == EXIT_DONE && options.arguments.empty())
@@ -168,14 +168,14 @@ int ShowDone(const Options &chosen, const Session &session, const Settings &sett
   return EXIT_DONE;
 }
 
-int AskChange(const Options &chosen, const Session &session, Settings *settings) {
-  if (settings->now) settings->time = LocalTime();
+int AskChange(const Options &chosen, const Session &session, Settings &settings) {
+  if (settings.now) settings.time = LocalTime();
   Answer answer;
-  const int status = AskOne(chosen, MakeChangeRequest(*settings), &answer);
+  const int status = AskOne(chosen, MakeChangeRequest(settings), answer);
   if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
   if (status != EXIT_DONE) return status;
   if (answer.state != ACP_STATE_OK) return ShowRefused(chosen, session, answer.state);
-  return ShowDone(chosen, session, *settings);
+  return ShowDone(chosen, session, settings);
 }
 
 // Fields that the mask does not name stay zero.
@@ -208,20 +208,20 @@ Request MakeChangeRequest(const Settings &settings) {
 int Set(const Options &options) {
   Settings settings;
   Credentials credentials;
-  int status = ReadSettings(options, &settings);
+  int status = ReadSettings(options, settings);
   if (status == EXIT_DONE && ChangesAddress(settings))
     status = CheckConfirmable(options, QuestionText(settings));
-  if (status == EXIT_DONE) status = ReadCredentials(options, &credentials);
+  if (status == EXIT_DONE) status = ReadCredentials(options, credentials);
   if (status != EXIT_DONE) return status;
   Session session;
-  status = OpenSession(options, SecretsOf(credentials), &session);
+  status = OpenSession(options, SecretsOf(credentials), session);
   if (status != EXIT_DONE) return status;
   const Options chosen = SessionOptions(options, session);
   status = CheckSystem(session, settings);
   if (status == EXIT_DONE && ChangesAddress(settings))
     status = Confirm(chosen, session, QuestionText(settings), EXPLANATION);
   if (status == EXIT_DONE) status = AuthorizeOrTell(chosen, session, credentials);
-  return status == EXIT_DONE ? AskChange(chosen, session, &settings) : status;
+  return status == EXIT_DONE ? AskChange(chosen, session, settings) : status;
 }
 
 }  // namespace bhctl

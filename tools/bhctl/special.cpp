@@ -144,68 +144,67 @@ const Special *ChooseRow(const Options &options) {
   return nullptr;
 }
 
-int ReadPath(const char *name, Call *call) {
-  if (call->operand.empty() || call->operand.size() > MAX_REQUEST_TEXT)
+int ReadPath(const char *name, Call &call) {
+  if (call.operand.empty() || call.operand.size() > MAX_REQUEST_TEXT)
     return UsageFailure(std::string(name) + " must have 1 to " + std::to_string(MAX_REQUEST_TEXT) +
                         " bytes");
-  call->text.assign(call->operand.begin(), call->operand.end());
+  call.text.assign(call.operand.begin(), call.operand.end());
   return EXIT_DONE;
 }
 
 // A group's or nobody's address would leave the appliance unreachable.
-int ReadMac(Call *call) {
-  const std::optional<Mac> mac = ParseMac(call->operand);
+int ReadMac(Call &call) {
+  const std::optional<Mac> mac = ParseMac(call.operand);
   if (!mac || (mac->front() & 1) != 0 || *mac == Mac())
-    return UsageFailure("not a MAC address of one interface: '" + SafeText(call->operand) + "'");
-  call->operand = MacText(*mac);
-  call->text.assign(call->operand.begin(), call->operand.end());
+    return UsageFailure("not a MAC address of one interface: '" + SafeText(call.operand) + "'");
+  call.operand = MacText(*mac);
+  call.text.assign(call.operand.begin(), call.operand.end());
   return EXIT_DONE;
 }
 
-int ReadSecret(Call *call) {
+int ReadSecret(Call &call) {
   std::string text;
-  const bool phrase = call->row->operand == PASS_PHRASE;
-  const int status =
-      phrase ? NeedPassPhrase(call->options, &text) : NeedPassword(call->options, &text);
-  call->secret = phrase ? PassPhrase(text) : AdminPassword(text);
+  const bool phrase = call.row->operand == PASS_PHRASE;
+  const int status = phrase ? NeedPassPhrase(call.options, text) : NeedPassword(call.options, text);
+  call.secret = phrase ? PassPhrase(text) : AdminPassword(text);
   return status;
 }
 
-int ReadOperand(Call *call) {
-  const char *name = OperandName(call->row->operand);
+int ReadOperand(Call &call) {
+  const char *name = OperandName(call.row->operand);
   for (const char *other : {"PATH", "DEVICE", "MAC"}) {
-    const std::string *given = Given(call->options, other);
+    const std::string *given = Given(call.options, other);
     if (given != nullptr && (name == nullptr || std::string_view(name) != other))
       return UsageFailure("unexpected argument '" + SafeText(*given) + "'");
   }
-  if (call->row->operand == PASS_PHRASE || call->row->operand == PASSWORD) return ReadSecret(call);
+  if (call.row->operand == PASS_PHRASE || call.row->operand == PASSWORD) return ReadSecret(call);
   if (name == nullptr) return EXIT_DONE;
-  const std::string *given = Given(call->options, name);
+  const std::string *given = Given(call.options, name);
   if (given == nullptr) return UsageFailure(std::string(name) + " is required");
-  call->operand = *given;
-  return call->row->operand == MAC ? ReadMac(call) : ReadPath(name, call);
+  call.operand = *given;
+  return call.row->operand == MAC ? ReadMac(call) : ReadPath(name, call);
 }
 
-int ReadCall(const Options &options, Call *call) {
-  call->row = ChooseRow(options);
-  if (call->row == nullptr) return EXIT_USAGE;
-  call->options = options;
-  if (options.timeout.count() == 0) call->options.timeout = call->row->timeout;
-  if ((call->row->properties & ENABLED) != 0) call->credentials = CredentialsOf(options);
+int ReadCall(const Options &options, Call &call) {
+  call.row = ChooseRow(options);
+  if (call.row == nullptr) return EXIT_USAGE;
+  call.options = options;
+  if (options.timeout.count() == 0) call.options.timeout = call.row->timeout;
+  if ((call.row->properties & ENABLED) != 0) call.credentials = CredentialsOf(options);
   const int status = ReadOperand(call);
-  if (status != EXIT_DONE || (call->row->properties & ASKS) == 0) return status;
-  return CheckConfirmable(options, CommandText(*call));
+  if (status != EXIT_DONE || (call.row->properties & ASKS) == 0) return status;
+  return CheckConfirmable(options, CommandText(call));
 }
 
-int OpenCallSession(Call *call) {
-  std::vector<Secret> secrets = SecretsOf(call->credentials);
-  if (call->secret) secrets.push_back(*call->secret);
-  const int status = OpenSession(call->options, secrets, &call->session);
+int OpenCallSession(Call &call) {
+  std::vector<Secret> secrets = SecretsOf(call.credentials);
+  if (call.secret) secrets.push_back(*call.secret);
+  const int status = OpenSession(call.options, secrets, call.session);
   if (status != EXIT_DONE) return status;
-  call->options = SessionOptions(call->options, call->session);
-  if (call->secret) call->text = EncodePassword(*call->secret, call->session.key).value();
-  if ((call->row->properties & ASKS) == 0) return EXIT_DONE;
-  return Confirm(call->options, call->session, CommandText(*call), call->row->description);
+  call.options = SessionOptions(call.options, call.session);
+  if (call.secret) call.text = EncodePassword(*call.secret, call.session.key).value();
+  if ((call.row->properties & ASKS) == 0) return EXIT_DONE;
+  return Confirm(call.options, call.session, CommandText(call), call.row->description);
 }
 
 std::string RefusalHint(const Call &call, uint32_t state) {
@@ -270,13 +269,13 @@ const char *OperandName(Operand operand) {
 
 int RunSpecial(const Options &options) {
   Call call;
-  int status = ReadCall(options, &call);
-  if (status == EXIT_DONE) status = OpenCallSession(&call);
+  int status = ReadCall(options, call);
+  if (status == EXIT_DONE) status = OpenCallSession(call);
   if (status == EXIT_DONE) status = AuthorizeOrTell(call.options, call.session, call.credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
   const Request request = MakeSpecialRequest(call.row->code, call.row->extra, call.text);
-  status = AskOne(call.options, request, &answer);
+  status = AskOne(call.options, request, answer);
   if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
   if (status != EXIT_DONE) return status;
   if (!IsRefused(call, answer.state)) return ShowDone(call, answer.state);

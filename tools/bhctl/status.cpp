@@ -18,7 +18,7 @@ constexpr const char *RAID_TYPE_NAMES[] = {"none", "disk", "usb", "jbod", "raid1
 
 // How an answer in state ACP_STATE_OK is shown.
 struct View {
-  void (*add_json)(const Answer &answer, Json *object);
+  void (*add_json)(const Answer &answer, Json &object);
   void (*print)(const Answer &answer);
 };
 
@@ -27,7 +27,7 @@ void Show(const Options &options, const View &view, const Answer &answer, bool w
     ShowRefusal(options, answer.mac, answer.state, "");
   } else if (options.json) {
     Json object = {{"mac", MacText(answer.mac)}, {"state", StateName(answer.state)}};
-    view.add_json(answer, &object);
+    view.add_json(answer, object);
     PrintJson(object);
   } else {
     if (with_heading) PrintLine(MacText(answer.mac));
@@ -38,7 +38,7 @@ void Show(const Options &options, const View &view, const Answer &answer, bool w
 int AskAndShow(const Options &options, const Request &request, const View &view,
                bool with_headings) {
   std::vector<Answer> answers;
-  int status = Ask(options, request, &answers);
+  int status = Ask(options, request, answers);
   for (const Answer &answer : answers) {
     Show(options, view, answer, with_headings && answers.size() > 1);
     if (answer.state != ACP_STATE_OK) status = EXIT_REFUSED;
@@ -48,11 +48,11 @@ int AskAndShow(const Options &options, const Request &request, const View &view,
 
 // The named argument, empty when it is not given. False, with a message, when it is given but no
 // request can carry it.
-bool PathArgument(const Options &options, const char *name, std::string *path) {
+bool PathArgument(const Options &options, const char *name, std::string &path) {
   const std::string *given = Given(options, name);
   if (given == nullptr) return true;
-  *path = *given;
-  if (!path->empty() && path->size() <= MAX_REQUEST_TEXT) return true;
+  path = *given;
+  if (!path.empty() && path.size() <= MAX_REQUEST_TEXT) return true;
   PrintError(std::string(name) + " must have 1 to " + std::to_string(MAX_REQUEST_TEXT) + " bytes");
   return false;
 }
@@ -61,22 +61,22 @@ std::string BlocksText(uint32_t blocks, uint32_t block_size) {
   return SizeText(uint64_t{blocks} * block_size);
 }
 
-void AddPingJson(const Answer &answer, Json *object) {
-  (*object)["round_trip_ms"] = static_cast<double>(answer.round_trip.count()) / 1000;
+void AddPingJson(const Answer &answer, Json &object) {
+  (object)["round_trip_ms"] = static_cast<double>(answer.round_trip.count()) / 1000;
 }
 
 void PrintPing(const Answer &answer) {
   PrintLine(MacText(answer.mac) + "  " + MillisecondsText(answer.round_trip));
 }
 
-void AddDiskJson(const Answer &answer, Json *object) {
+void AddDiskJson(const Answer &answer, Json &object) {
   const DiskInfo info = ReadDiskInfo(answer.body);
   const DriveIdentity drive = IdentifyDrive(info);
-  (*object)["model"] = drive.model;
-  (*object)["serial"] = drive.serial;
-  (*object)["firmware"] = drive.firmware;
-  (*object)["sectors"] = drive.sectors;
-  (*object)["words"] = info.words;
+  (object)["model"] = drive.model;
+  (object)["serial"] = drive.serial;
+  (object)["firmware"] = drive.firmware;
+  (object)["sectors"] = drive.sectors;
+  (object)["words"] = info.words;
 }
 
 void PrintDisk(const Answer &answer) {
@@ -114,11 +114,11 @@ Json RaidEntryJson(const RaidInfoEntry &entry) {
           {"blocks_avail", entry.blocks_avail}};
 }
 
-void AddRaidJson(const Answer &answer, Json *object) {
+void AddRaidJson(const Answer &answer, Json &object) {
   Json entries = Json::array();
   for (const RaidInfoEntry &entry : ReadRaidInfo(answer.body).entries)
     if (entry.type != 0) entries.push_back(RaidEntryJson(entry));
-  (*object)["entries"] = entries;
+  (object)["entries"] = entries;
 }
 
 std::vector<std::string> RaidRow(const RaidInfoEntry &entry) {
@@ -147,16 +147,16 @@ void PrintRaid(const Answer &answer) {
     PrintTable(rows);
 }
 
-void AddPartitionJson(const Answer &answer, Json *object) {
+void AddPartitionJson(const Answer &answer, Json &object) {
   const PartitionInfo info = ReadPartitionInfo(answer.body);
-  (*object)["fs_type"] = info.fs_type;
-  (*object)["block_size"] = info.block_size;
-  (*object)["blocks"] = info.blocks;
-  (*object)["blocks_free"] = info.blocks_free;
-  (*object)["blocks_avail"] = info.blocks_avail;
-  (*object)["inodes"] = info.inodes;
-  (*object)["inodes_free"] = info.inodes_free;
-  (*object)["path"] = info.path;
+  (object)["fs_type"] = info.fs_type;
+  (object)["block_size"] = info.block_size;
+  (object)["blocks"] = info.blocks;
+  (object)["blocks_free"] = info.blocks_free;
+  (object)["blocks_avail"] = info.blocks_avail;
+  (object)["inodes"] = info.inodes;
+  (object)["inodes_free"] = info.inodes_free;
+  (object)["path"] = info.path;
 }
 
 void PrintPartition(const Answer &answer) {
@@ -179,7 +179,7 @@ int Ping(const Options &options) {
 
 int Disk(const Options &options) {
   std::string directory;
-  if (!PathArgument(options, "DIRECTORY", &directory)) return EXIT_USAGE;
+  if (!PathArgument(options, "DIRECTORY", directory)) return EXIT_USAGE;
   return AskAndShow(options, MakeDiskRequest(directory), {AddDiskJson, PrintDisk}, true);
 }
 
@@ -189,7 +189,7 @@ int Raid(const Options &options) {
 
 int Partition(const Options &options) {
   std::string path;
-  if (!PathArgument(options, "PATH", &path)) return EXIT_USAGE;
+  if (!PathArgument(options, "PATH", path)) return EXIT_USAGE;
   return AskAndShow(options, MakePartitionRequest(path), {AddPartitionJson, PrintPartition}, true);
 }
 

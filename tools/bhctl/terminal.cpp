@@ -28,22 +28,22 @@ bool IsTerminal() {
   return isatty(STDIN_FILENO) == 1;
 }
 
-bool ReadLine(std::string *line) {
+bool ReadLine(std::string &line) {
   char byte = 0;
   bool any = false;
-  while (line->size() <= MAX_LINE) {
+  while (line.size() <= MAX_LINE) {
     const ssize_t got = read(STDIN_FILENO, &byte, 1);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
     any = true;
     if (byte == '\n') break;
-    *line += byte;
+    line += byte;
   }
   return any;
 }
 
 // An interrupt ends the program only when the terminal is as it was before.
-bool ReadHidden(const char *prompt, std::string *line) {
+bool ReadHidden(const char *prompt, std::string &line) {
   termios before = {};
   if (tcgetattr(STDIN_FILENO, &before) != 0) return false;
   const Descriptor interrupt = HoldInterrupts();
@@ -51,7 +51,7 @@ bool ReadHidden(const char *prompt, std::string *line) {
   silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
   fputs(prompt, stderr);
-  pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {interrupt.fd, POLLIN, 0}};
+  pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {interrupt.Get(), POLLIN, 0}};
   while (poll(watched, 2, -1) < 0 && errno == EINTR)
     ;
   const bool read = !Interrupted(interrupt) && ReadLine(line);
@@ -73,7 +73,7 @@ int Confirm(const Options &options, const Session &session, const std::string &w
   fprintf(stderr, "%s.\n%s on %s: sure? [y/N] ", explanation.c_str(), SafeText(what).c_str(),
           ApplianceText(session).c_str());
   std::string answer;
-  if (!ReadLine(&answer)) std::fputc('\n', stderr);
+  if (!ReadLine(answer)) std::fputc('\n', stderr);
   if (answer == "y" || answer == "Y" || answer == "yes") return EXIT_DONE;
   PrintError("nothing was done");
   return EXIT_USAGE;

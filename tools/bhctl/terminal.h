@@ -14,10 +14,10 @@ namespace bhctl {
 bool IsTerminal();
 
 // A line of standard input without its line feed. False when not even an empty one is there.
-bool ReadLine(std::string *line);
+bool ReadLine(std::string &line);
 
 // The same from the terminal, after the prompt; what is typed does not show.
-bool ReadHidden(const char *prompt, std::string *line);
+bool ReadHidden(const char *prompt, std::string &line);
 
 // Whether Confirm can be asked for: on a terminal, or not at all with options.assume_yes. Returns
 // EXIT_DONE, or says so and returns EXIT_USAGE; `what` names the command.

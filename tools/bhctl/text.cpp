@@ -9,6 +9,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "lib/address.h"
+
 namespace bhctl {
 namespace {
 
@@ -122,8 +124,7 @@ std::string MacText(const Mac &mac) {
 }
 
 std::string AddressText(uint32_t address) {
-  return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xFF) + "." +
-         std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
+  return Dotted(AddressOf(address));
 }
 
 std::optional<uint32_t> ParseAddress(const std::string &text) {

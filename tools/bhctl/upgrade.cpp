@@ -83,64 +83,64 @@ int Refused(const Job &job, const char *step, uint32_t state, const std::string 
   return EXIT_REFUSED;
 }
 
-bool ReadNumber(const Options &options, const char *name, uint32_t lowest, uint32_t *number) {
+bool ReadNumber(const Options &options, const char *name, uint32_t lowest, uint32_t &number) {
   const std::string *text = Given(options, name);
   if (text == nullptr) return true;
   const std::optional<uint32_t> given = ParseU32(*text);
-  *number = given.value_or(0);
+  number = given.value_or(0);
   if (given && *given >= lowest) return true;
   PrintError(std::string(name) + " must be a number from " + std::to_string(lowest) +
              " to 0xffffffff, not '" + *text + "'");
   return false;
 }
 
-bool ReadZipPassword(const Options &options, Update *update) {
+bool ReadZipPassword(const Options &options, Update &update) {
   const std::string *text = Given(options, "--zip-password");
   if (text == nullptr) return true;
-  update->zip_password = {*text, MAX_ZIP_PASSWORD, "--zip-password"};
-  update->password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password the administrator's password"};
+  update.zip_password = {*text, MAX_ZIP_PASSWORD, "--zip-password"};
+  update.password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password the administrator's password"};
   if (!text->empty()) return true;
   PrintError("--zip-password must not be empty");
   return false;
 }
 
-int ReadArguments(const Options &options, Job *job) {
-  job->update.password = AdminPassword("");
-  if (!ReadNumber(options, "--type", 1, &job->update.type) ||
-      !ReadNumber(options, "--product", 0, &job->update.product) ||
-      !ReadZipPassword(options, &job->update))
+int ReadArguments(const Options &options, Job &job) {
+  job.update.password = AdminPassword("");
+  if (!ReadNumber(options, "--type", 1, job.update.type) ||
+      !ReadNumber(options, "--product", 0, job.update.product) ||
+      !ReadZipPassword(options, job.update))
     return EXIT_USAGE;
   std::string why;
   const std::string path = options.arguments.at("IMAGE");
-  if (!OpenImage(path, &job->image, &why)) {
+  if (!OpenImage(path, job.image, why)) {
     PrintError("cannot send " + SafeText(path) + ": " + why);
     return EXIT_USAGE;
   }
-  job->update.size = job->image.size;
-  job->update.checksum = job->image.checksum;
-  const int status = ReadCredentials(options, &job->credentials);
-  if (job->credentials.password) job->update.password.text = job->credentials.password->text;
+  job.update.size = job.image.size;
+  job.update.checksum = job.image.checksum;
+  const int status = ReadCredentials(options, job.credentials);
+  if (job.credentials.password) job.update.password.text = job.credentials.password->text;
   return status;
 }
 
-int OpenJobSession(const Options &options, Job *job) {
-  std::vector<Secret> secrets = SecretsOf(job->credentials);
-  secrets.push_back(job->update.password);
-  if (job->update.zip_password) secrets.push_back(*job->update.zip_password);
-  const int status = OpenSession(options, secrets, &job->session);
+int OpenJobSession(const Options &options, Job &job) {
+  std::vector<Secret> secrets = SecretsOf(job.credentials);
+  secrets.push_back(job.update.password);
+  if (job.update.zip_password) secrets.push_back(*job.update.zip_password);
+  const int status = OpenSession(options, secrets, job.session);
   if (status == EXIT_USAGE) return status;
   if (status != EXIT_DONE) return Fail("key", "nothing was changed", status);
-  job->options = SessionOptions(options, job->session);
+  job.options = SessionOptions(options, job.session);
   return EXIT_DONE;
 }
 
-int CheckAppliance(Job *job) {
-  const DiscoverInfo &info = job->session.info;
-  const std::string mac = MacText(job->session.mac);
-  if (Given(job->options, "--product") == nullptr) job->update.product = info.product_id;
-  if (job->update.product != info.product_id)
+int CheckAppliance(Job &job) {
+  const DiscoverInfo &info = job.session.info;
+  const std::string mac = MacText(job.session.mac);
+  if (Given(job.options, "--product") == nullptr) job.update.product = info.product_id;
+  if (job.update.product != info.product_id)
     return Fail("key",
-                "the image is for product " + HexText(job->update.product) + ", but " + mac +
+                "the image is for product " + HexText(job.update.product) + ", but " + mac +
                     " is product " + HexText(info.product_id),
                 EXIT_REFUSED);
   if (info.address == 0)
@@ -174,7 +174,7 @@ int GiveUp(const Job &job, const char *step, const std::string &why) {
   ReleaseInterrupts();
   Exchange exchange;
   const auto timeout = std::min<std::chrono::microseconds>(job.options.timeout, GIVING_UP);
-  if (Begin(job.options, MakeUpdateEndRequest(false), &exchange) != EXIT_DONE ||
+  if (Begin(job.options, MakeUpdateEndRequest(false), exchange) != EXIT_DONE ||
       !Await(exchange, timeout, Descriptor()))
     PrintError(MacText(job.session.mac) + " may still wait for the image");
   return EXIT_NO_ANSWER;
@@ -183,14 +183,14 @@ int GiveUp(const Job &job, const char *step, const std::string &why) {
 int GetCredentials(const Job &job) {
   if (!MustConfirm(job)) return EXIT_DONE;
   Refusal refusal;
-  const int status = Authorize(job.options, job.session, job.credentials, &refusal);
+  const int status = Authorize(job.options, job.session, job.credentials, refusal);
   if (status == EXIT_REFUSED) return Refused(job, "request", refusal.state, refusal.hint);
   return status == EXIT_DONE ? status : Fail("request", "nothing was changed", status);
 }
 
 int AskForUpdate(const Job &job) {
   Exchange exchange;
-  const int status = Begin(job.options, MakeUpdateRequest(job.update, job.session.key), &exchange);
+  const int status = Begin(job.options, MakeUpdateRequest(job.update, job.session.key), exchange);
   if (status != EXIT_DONE) return Fail("request", "it could not be sent", status);
   const std::optional<Answer> answer = Await(exchange, job.options.timeout, job.interrupt);
   if (!answer)
@@ -208,7 +208,7 @@ int SendImage(const Job &job) {
   receiver.interface = job.session.interface;
   receiver.patience = std::min<std::chrono::microseconds>(job.options.timeout, STANDSTILL_TIMEOUT);
   std::string why;
-  if (!Upload(job.image, receiver, job.options.json, job.interrupt, &why))
+  if (!Upload(job.image, receiver, job.options.json, job.interrupt, why))
     return GiveUp(job, "upload", why);
   return Interrupted(job.interrupt) ? GiveUp(job, "upload", "interrupted") : EXIT_DONE;
 }
@@ -225,7 +225,7 @@ int ShowDone(const Job &job) {
 // The first reply may be lost; the second one tells its news too.
 int Install(const Job &job) {
   Exchange exchange;
-  const int status = Begin(job.options, MakeUpdateEndRequest(true), &exchange);
+  const int status = Begin(job.options, MakeUpdateEndRequest(true), exchange);
   if (status != EXIT_DONE) return GiveUp(job, "end", "it could not be sent");
   ReleaseInterrupts();
   std::optional<Answer> answer = Await(exchange, job.options.timeout, Descriptor());
@@ -287,9 +287,9 @@ Request MakeUpdateEndRequest(bool uploaded) {
 
 int Upgrade(const Options &options) {
   Job job;
-  int status = ReadArguments(options, &job);
-  if (status == EXIT_DONE) status = OpenJobSession(options, &job);
-  if (status == EXIT_DONE) status = CheckAppliance(&job);
+  int status = ReadArguments(options, job);
+  if (status == EXIT_DONE) status = OpenJobSession(options, job);
+  if (status == EXIT_DONE) status = CheckAppliance(job);
   if (status != EXIT_DONE) return status;
   if (options.arguments.contains("--dry-run")) return ShowPlan(job);
   status = GetCredentials(job);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "acp/packet.h"
+#include "lib/address.h"
 #include "tools/bhctl/interrupt.h"
 #include "tools/bhctl/text.h"
 
@@ -66,21 +67,21 @@ void ShowQuarter(const Progress &progress) {
           SizeText(progress.total).c_str());
 }
 
-void Show(Progress *progress, uint64_t sent) {
-  if (progress->quiet) return;
+void Show(Progress &progress, uint64_t sent) {
+  if (progress.quiet) return;
   const Clock::time_point now = Clock::now();
-  const uint64_t quarters = sent * QUARTERS / progress->total;
-  if (progress->terminal && (now >= progress->shown + NEXT_LINE || sent == progress->total)) {
-    progress->shown = now;
-    ShowLine(*progress, sent);
-  } else if (!progress->terminal && quarters > progress->quarters) {
-    progress->quarters = quarters;
-    ShowQuarter(*progress);
+  const uint64_t quarters = sent * QUARTERS / progress.total;
+  if (progress.terminal && (now >= progress.shown + NEXT_LINE || sent == progress.total)) {
+    progress.shown = now;
+    ShowLine(progress, sent);
+  } else if (!progress.terminal && quarters > progress.quarters) {
+    progress.quarters = quarters;
+    ShowQuarter(progress);
   }
 }
 
-bool Fail(const std::string &what, std::string *why) {
-  *why = what;
+bool Fail(const std::string &what, std::string &why) {
+  why = what;
   return false;
 }
 
@@ -91,8 +92,8 @@ struct Link {
   const Descriptor *interrupt = nullptr;
 };
 
-bool Wait(const Link &link, short events, std::string *why) {
-  pollfd watched[] = {{link.socket.fd, events, 0}, {link.interrupt->fd, POLLIN, 0}};
+bool Wait(const Link &link, short events, std::string &why) {
+  pollfd watched[] = {{link.socket.Get(), events, 0}, {link.interrupt->Get(), POLLIN, 0}};
   const int ready = poll(watched, 2, static_cast<int>(link.patience.count()));
   if (Interrupted(*link.interrupt)) return Fail("interrupted", why);
   return ready != 0 || Fail("the appliance takes nothing any more", why);
@@ -101,51 +102,50 @@ bool Wait(const Link &link, short events, std::string *why) {
 int SocketError(const Descriptor &socket) {
   int error = 0;
   socklen_t size = sizeof(error);
-  return getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+  return getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
 // Bound to the interface, so that no routing table has a say in it.
-bool OpenSocket(const std::string &interface, Descriptor *socket) {
-  *socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (socket->fd < 0) return false;
-  setsockopt(socket->fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof(SEND_BUFFER));
-  return setsockopt(socket->fd, SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
+bool OpenSocket(const std::string &interface, Descriptor &socket) {
+  socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!socket.IsOpen()) return false;
+  setsockopt(socket.Get(), SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof(SEND_BUFFER));
+  return setsockopt(socket.Get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
                     static_cast<socklen_t>(interface.size())) == 0;
 }
 
 // Returns 0 or the error's number.
-int TryConnect(const Receiver &receiver, Link *link) {
-  if (!OpenSocket(receiver.interface, &link->socket)) return errno;
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
+int TryConnect(const Receiver &receiver, Link &link) {
+  if (!OpenSocket(receiver.interface, link.socket)) return errno;
+  sockaddr_in address = SocketAddress(AddressOf(receiver.address));
   address.sin_port = htons(ACP_PORT);  // the number of the datagrams' port
-  address.sin_addr.s_addr = htonl(receiver.address);
-  if (connect(link->socket.fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
+  if (connect(link.socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) ==
+      0)
     return 0;
   if (errno != EINPROGRESS) return errno;
   std::string why;
-  return Wait(*link, POLLOUT, &why) ? SocketError(link->socket) : ETIMEDOUT;
+  return Wait(link, POLLOUT, why) ? SocketError(link.socket) : ETIMEDOUT;
 }
 
-bool Connect(const Receiver &receiver, Link *link, std::string *why) {
+bool Connect(const Receiver &receiver, Link &link, std::string &why) {
   const Clock::time_point last = Clock::now() + LISTENS_SOON;
   for (;;) {
     const int error = TryConnect(receiver, link);
     if (error == 0) return true;
-    if (Interrupted(*link->interrupt)) return Fail("interrupted", why);
+    if (Interrupted(*link.interrupt)) return Fail("interrupted", why);
     if (error != ECONNREFUSED || Clock::now() >= last)
       return Fail("cannot connect to " + AddressText(receiver.address) + " port " +
                       std::to_string(ACP_PORT) + ": " + strerror(error),
                   why);
-    pollfd interrupt = {link->interrupt->fd, POLLIN, 0};
+    pollfd interrupt = {link.interrupt->Get(), POLLIN, 0};
     poll(&interrupt, 1, static_cast<int>(NEXT_TRY.count()));
   }
 }
 
-bool SendPiece(const Link &link, Bytes piece, std::string *why) {
+bool SendPiece(const Link &link, Bytes piece, std::string &why) {
   while (!piece.empty()) {
     if (!Wait(link, POLLOUT, why)) return false;
-    const ssize_t sent = send(link.socket.fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+    const ssize_t sent = send(link.socket.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
     if (sent >= 0)
       piece = piece.subspan(static_cast<size_t>(sent));
     else if (errno != EAGAIN && errno != EINTR)
@@ -154,7 +154,7 @@ bool SendPiece(const Link &link, Bytes piece, std::string *why) {
   return true;
 }
 
-bool SendImage(const Link &link, const Image &image, Progress *progress, std::string *why) {
+bool SendImage(const Link &link, const Image &image, Progress &progress, std::string &why) {
   std::vector<uint8_t> buffer(IMAGE_PIECE);
   uint32_t checksum = 0;
   for (uint32_t at = 0; at < image.size;) {
@@ -167,13 +167,13 @@ bool SendImage(const Link &link, const Image &image, Progress *progress, std::st
   return checksum == image.checksum || Fail("the file has changed meanwhile", why);
 }
 
-bool AwaitEnd(const Link &link, std::string *why) {
-  shutdown(link.socket.fd, SHUT_WR);
+bool AwaitEnd(const Link &link, std::string &why) {
+  shutdown(link.socket.Get(), SHUT_WR);
   ssize_t got = -1;
   do {
     if (!Wait(link, POLLIN, why)) return false;
     char byte = 0;
-    got = recv(link.socket.fd, &byte, sizeof(byte), 0);
+    got = recv(link.socket.Get(), &byte, sizeof(byte), 0);
   } while (got < 0 && (errno == EAGAIN || errno == EINTR));
   if (got == 0) return true;
   return Fail(got < 0 ? strerror(errno) : "no receiver of images is at the other end", why);
@@ -191,13 +191,13 @@ std::string ProgressText(uint64_t sent, uint64_t total, Milliseconds elapsed) {
 }
 
 bool Upload(const Image &image, const Receiver &receiver, bool quiet, const Descriptor &interrupt,
-            std::string *why) {
+            std::string &why) {
   Link link;
   link.patience = std::chrono::ceil<Milliseconds>(receiver.patience);
   link.interrupt = &interrupt;
-  if (!Connect(receiver, &link, why)) return false;
+  if (!Connect(receiver, link, why)) return false;
   Progress progress = {image.size, quiet, isatty(STDERR_FILENO) == 1, Clock::now()};
-  const bool sent = SendImage(link, image, &progress, why) && AwaitEnd(link, why);
+  const bool sent = SendImage(link, image, progress, why) && AwaitEnd(link, why);
   if (progress.terminal && progress.shown != Clock::time_point()) std::fputc('\n', stderr);
   return sent;
 }

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/bhctl/descriptor.h"
+#include "lib/descriptor.h"
 #include "tools/bhctl/image.h"
 
 namespace bhctl {
@@ -22,7 +22,7 @@ struct Receiver {
 // wrong; so too when there is something to read from `interrupt`. A receiver that does not listen
 // yet has 3 seconds. Progress goes to standard error unless `quiet`.
 bool Upload(const Image &image, const Receiver &receiver, bool quiet, const Descriptor &interrupt,
-            std::string *why);
+            std::string &why);
 
 // "  12.3 MB of 16.7 MB  73%  9.8 MB/s  0:01 left", without a rate while there is none.
 std::string ProgressText(uint64_t sent, uint64_t total, std::chrono::milliseconds elapsed);
