@@ -7,8 +7,6 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <tuple>
-#include <vector>
 
 #include "access/cipher.h"
 #include "access/keys.h"
@@ -32,39 +30,54 @@ string TraceOf(void (*work)()) {
 
 TEST(Cipher, FieldIsDecodedAsFarAsItsTextGoes) {
   const string full = "9F46EBD6EC5642BE 9746E3D6FC5E42B6 8F46FBD6EC4642AE 870DBC99A9030FA6";
-  const std::tuple<uint32_t, string, size_t, std::optional<string>> CASES[] = {
-      {0x80FF01C3, "C6B5C6F99EA0379A", 8, "FernGat"},
-      {0xFEDCBA98, "9044EDD4F25848B5 8D378EA5E43044DC", 15, {}},
-      {0x80FF01C3, "C6B5C6F9FBA0379A", 8, {}},  // the text's NUL does not fit
-      {0x12345678, "00658D63F1475151", 33, "\x12\x65\x33x\xAF\xD7gW"},
-      {0x12345678, "", 33, "\x12\x34\x56\x78\x22\x90\xEC\xB0"},
-      {0xFEDCBA98, "9044EDD4F25848B5 8D378EA5E43044DC", 33, "ninechars"},
-      {0xFEDCBA98, "9044EDD4F25848B5 00378EA5", 33, "ninechar"},
-      {0xFEDCBA98, "9044EDD4F25848B5 8D", 33, "ninechars\xDC\x37\x98\x8E\x30\x1C\x90"},
-      {0xFEDCBA98, full + "00C8", 33, "abcdefghijklmnopqrstuvwxyz012345"},
-      {0xFEDCBA98, full + "C8", 33, {}},
-      {0xFEDCBA98, full + "C8728EE0E43044DC", 41, "abcdefghijklmnopqrstuvwxyz0123456"},
+  const struct {
+    const char *name;
+    uint32_t key;
+    string field;
+    size_t capacity;
+    std::optional<string> text;
+  } cases[] = {
+      {"seven characters", 0x80FF01C3, "C6B5C6F99EA0379A", 8, "FernGat"},
+      {"no room for the NUL", 0x80FF01C3, "C6B5C6F9FBA0379A", 8, {}},
+      {"zero first", 0x12345678, "00658D63F1475151", 33, "\x12\x65\x33x\xAF\xD7gW"},
+      {"nothing", 0x12345678, "", 33, "\x12\x34\x56\x78\x22\x90\xEC\xB0"},
+      {"cut block", 0xFEDCBA98, "9044EDD4F25848B5 8D", 33, "ninechars\xDC\x37\x98\x8E\x30\x1C\x90"},
+      {"up to a zero", 0xFEDCBA98, full + "00C8", 33, "abcdefghijklmnopqrstuvwxyz012345"},
+      {"no room for the block", 0xFEDCBA98, full + "C8", 33, {}},
   };
-  for (const auto &[key, field, capacity, text] : CASES)
-    EXPECT_EQ(DecodePassword(Hex(field), key, capacity), text) << field << " in " << capacity;
+  for (const auto &test : cases)
+    EXPECT_EQ(DecodePassword(Hex(test.field), test.key, test.capacity), test.text) << test.name;
 }
 
 constexpr uint8_t MACS[][6] = {{2, 0xAB, 0, 0, 0, 1}, {2, 0xAB, 0, 0, 0, 2}, {2, 0xAB, 1, 0, 0, 1}};
 
 TEST(Keys, LiveHalfAnHourFromTheirIssue) {
   constexpr uint32_t START = 1700000000;
-  // When, in seconds past START, who asks how, and of which second the key is; -1: none is left.
-  const std::tuple<uint32_t, uint32_t (*)(const uint8_t *), size_t, int> CASES[] = {
-      {0, GetKey, 0, -1},     {0, IssueKey, 0, 0},       {0, IssueKey, 1, 0},
-      {100, IssueKey, 0, 0},  {100, IssueKey, 2, 100},   {1799, GetKey, 0, 0},
-      {1799, IssueKey, 1, 0}, {1800, IssueKey, 1, 1800}, {1800, GetKey, 2, 100},
-      {1800, GetKey, 0, -1},  {0, GetKey, 1, -1}};  // the clock is set back
-  for (const auto &[at, call, mac, second] : CASES) {
-    const struct timeval now = {static_cast<time_t>(START + at), 0};
+  constexpr uint32_t NONE = UINT32_MAX;
+  const struct {
+    const char *name;
+    uint32_t at;  // seconds past START
+    uint32_t (*call)(const uint8_t *);
+    size_t mac;
+    uint32_t drawn_at;  // the key
+  } cases[] = {
+      {"none yet", 0, GetKey, 0, NONE},
+      {"first", 0, IssueKey, 0, 0},
+      {"second client's of the same second", 0, IssueKey, 1, 0},
+      {"first once more", 100, IssueKey, 0, 0},
+      {"third client's", 100, IssueKey, 2, 100},
+      {"first in its last second", 1799, GetKey, 0, 0},
+      {"second after its end", 1800, IssueKey, 1, 1800},
+      {"third after the others' end", 1800, GetKey, 2, 100},
+      {"first after its end", 1800, GetKey, 0, NONE},
+      {"clock set back", 0, GetKey, 1, NONE},
+  };
+  for (const auto &test : cases) {
+    const struct timeval now = {static_cast<time_t>(START + test.at), 0};
     ASSERT_EQ(settimeofday(&now, nullptr), 0);
-    const uint32_t key = call(MACS[mac]);
-    srandom(START + static_cast<uint32_t>(second));
-    EXPECT_EQ(key, second < 0 ? 0 : static_cast<uint32_t>(random())) << at << " " << mac;
+    const uint32_t key = test.call(MACS[test.mac]);
+    srandom(START + test.drawn_at);
+    EXPECT_EQ(key, test.drawn_at == NONE ? 0 : static_cast<uint32_t>(random())) << test.name;
   }
 }
 
@@ -75,7 +88,7 @@ TEST(Keys, AnyOfThemIsRemovedWithATrace) {
     const auto is_old = [old](size_t i) { return (old >> i & 1) != 0; };
     string removed;
     for (const auto &mac : MACS)
-      EXPECT_NE(IssueKey(mac), 0U);
+      ASSERT_NE(IssueKey(mac), 0U);
     for (size_t i = 0; i < 3; ++i) {
       FindKey(MACS[i])->created = is_old(i) ? 0xFFFFFFF0 : 0xFFFFFFF1;
       if (is_old(i)) removed.insert(0, lines[i]);
@@ -101,48 +114,62 @@ int32_t ByAccount(const string &hash, const char *password) {
 }
 
 TEST(Password, HashOfEveryKindAcceptsItsOwn) {
-  const string md5 = "$1$saltsalt$9rZyqvtW7soTYM8ycZdmq";
-  const string sha = "$6$saltstring$ZyQV/43YfpEWaAFCXzRNRbLaGn17s1NTaNvY8ZAkcxNZ5TJzwuu1ga7E8ZGfT";
-  const std::tuple<const char *, int32_t, int32_t, std::vector<string>> CASES[] = {
-      {"FernGate7", 0, 0, {GOOD, md5 + "/", sha + "nZwohC4gQrkka8reviT.EmAV0"}},
-      {"FernGate7", -1, -1, {md5, "", "*0"}},
-      {"fernGate7", -1, -1, {GOOD, md5 + "/"}},
-      {"", 0, -1, {FIXED}},
-      {"", -1, 0, {"abmF1QH4PEr.E"}},  // the empty text's own
-      {"", -1, -1, {GOOD, "", "*", "!", "x", "*0", "*1"}},
-  };
-  for (const auto &[password, by_file, by_account, hashes] : CASES) {
-    for (const string &hash : hashes) {
-      EXPECT_EQ(ByFile("root:" + hash + "\n", password), by_file) << hash;
-      EXPECT_EQ(ByAccount(hash, password), by_account) << hash;
-    }
-  }
-}
-
-TEST(Password, HashOfARareKindToo) {
+  const string md5 = "$1$saltsalt$9rZyqvtW7soTYM8ycZdmq/";
+  const string sha =
+      "$6$saltstring$ZyQV/43YfpEWaAFCXzRNRbLaGn17s1NTaNvY8ZAkcxNZ5TJzwuu1ga7E8ZGfT"
+      "nZwohC4gQrkka8reviT.EmAV0";
   const string yes = "$y$j9T$F5Jx5fExrKuPp53xLKQ..1$UmDbsYVl5whkTfUYbYhw5o6po2gy/JjinqElsTQ6V06";
-  const string sun = "$md5,rounds=1$" + string(217, 'a'), at_255 = "$$yHc5sxladdPRjL28KnZvQ.";
-  const std::pair<string, int32_t> CASES[] = {{yes, 0},
-                                              {sun + at_255, 0},
-                                              {sun + at_255 + "x", -1},
-                                              {sun + "a$$qm4KrGJHRKGpRtANLmtxL1", -1}};
-  for (const auto &[hash, result] : CASES) {
-    EXPECT_EQ(ByFile("root:" + hash + "\n", "FernGate7"), result) << hash;
-    EXPECT_EQ(ByAccount(hash, "FernGate7"), result) << hash;
+  const string sun = "$md5,rounds=1$" + string(217, 'a');
+  const struct {
+    const char *name;
+    const char *password;
+    string hash;
+    int32_t by_file, by_account;
+  } cases[] = {
+      {"DES", "FernGate7", GOOD, 0, 0},
+      {"MD5", "FernGate7", md5, 0, 0},
+      {"SHA-512", "FernGate7", sha, 0, 0},
+      {"yescrypt", "FernGate7", yes, 0, 0},
+      {"255 characters", "FernGate7", sun + "$$yHc5sxladdPRjL28KnZvQ.", 0, 0},
+      {"one more in the hash", "FernGate7", sun + "$$yHc5sxladdPRjL28KnZvQ.x", -1, -1},
+      {"one more in the salt", "FernGate7", sun + "a$$qm4KrGJHRKGpRtANLmtxL1", -1, -1},
+      {"no hash", "FernGate7", "", -1, -1},
+      {"refusal of a salt", "FernGate7", "*0", -1, -1},
+      {"another password", "fernGate7", md5, -1, -1},
+      {"empty password, fixed hash", "", FIXED, 0, -1},
+      {"empty password, its own hash", "", "abmF1QH4PEr.E", -1, 0},
+      {"empty password, another hash", "", GOOD, -1, -1},
+      {"empty password, no hash", "", "", -1, -1},
+      {"empty password, refusal of a salt", "", "*0", -1, -1},
+      {"empty password, locked account", "", "!", -1, -1},
+  };
+  for (const auto &test : cases) {
+    EXPECT_EQ(ByFile("root:" + test.hash + "\n", test.password), test.by_file) << test.name;
+    EXPECT_EQ(ByAccount(test.hash, test.password), test.by_account) << test.name;
   }
 }
 
 TEST(Password, OnlyTheFirstLineOfTheFileCounts) {
-  for (const string &hash : {GOOD, FIXED}) {
-    for (const string &text : {"root:" + hash, "root: \t" + hash + "\r\n", "root:" + hash + " x\n"})
-      EXPECT_EQ(ByFile(text, hash == GOOD ? "FernGate7" : ""), 0) << text;
-    for (const string &text : {"admin:x\nroot:" + hash, "Root:" + hash, "root:\n" + hash, string(),
-                               "root:" + hash + ":0", "root:" + hash + string(300, 'x'), hash})
-      EXPECT_EQ(ByFile(text, hash == GOOD ? "FernGate7" : ""), -1) << text;
-  }
+  const struct {
+    string file;
+    int32_t result;
+  } cases[] = {
+      {"root:" + GOOD, 0},
+      {"root: \t" + GOOD + "\r\n", 0},
+      {"root:" + GOOD + " x\n", 0},
+      {"admin:x\nroot:" + GOOD, -1},
+      {"Root:" + GOOD, -1},
+      {"root:\n" + GOOD, -1},
+      {"root:" + GOOD + ":0", -1},
+      {"", -1},
+      {GOOD, -1},
+  };
+  for (const auto &test : cases)
+    EXPECT_EQ(ByFile(test.file, "FernGate7"), test.result) << test.file;
+  EXPECT_EQ(ByFile("root:\n" + FIXED, ""), -1);
   for (const char *password : {"any", "", static_cast<const char *>(nullptr)}) {
     strcpy(daemon_state.password_file, "/www/none");
-    EXPECT_EQ(CheckPassword_OLD("root", password), 0);
+    EXPECT_EQ(CheckPassword_OLD("root", password), 0) << "without a file";
     strcpy(daemon_state.password_file, "/www");  // opens, but does not read
     EXPECT_EQ(CheckPassword_OLD("root", password), -1);
   }
