@@ -31,11 +31,14 @@
 
 namespace fixture {
 
+using std::string;
+using wire::Bytes;
+
 // Replies, each as "COMMAND:STATE ".
-inline const std::string STARTED = "C080:00000000 ";
-inline const std::string REFUSED = "C070:FFFFFFFF ";
-inline const std::string INSTALLED = "C070:00000000 C071:00000000 ";
-inline const std::string FAILED = "C070:00000000 C071:FFFFFFFF ";
+inline const string STARTED = "C080:00000000 ";
+inline const string REFUSED = "C070:FFFFFFFF ";
+inline const string INSTALLED = "C070:00000000 C071:00000000 ";
+inline const string FAILED = "C070:00000000 C071:FFFFFFFF ";
 
 constexpr char CALLS[] = "/var/log/calls";
 constexpr char ERASE[] = "/run/stand-ins/eraseall";
@@ -52,20 +55,20 @@ struct Order {
   uint32_t product = 0;  // the appliance's
   uint32_t size = 1000;
   uint32_t sum = 0;
-  std::string password = "FernGate";
-  std::string zip = {};  // with an archive password the command is ACP_FIRMUP3
+  string password = "FernGate";
+  string zip = {};  // with an archive password the command is ACP_FIRMUP3
 };
 
-inline void AppendEncoded(wire::Bytes &body, std::string text) {
+inline void AppendEncoded(Bytes &body, string text) {
   for (text.resize((text.size() + 7) / 8 * 8); !text.empty(); text.erase(0, 8)) {
     body.resize(body.size() + 8);
     EncryptBlock(&*body.end() - 8, reinterpret_cast<uint8_t *>(text.data()), KEY);
   }
 }
 
-inline wire::Bytes BodyOf(const Order &order) {
+inline Bytes BodyOf(const Order &order) {
   const uint32_t product = order.product == 0 ? daemon_state.product_id : order.product;
-  wire::Bytes body;
+  Bytes body;
   for (const uint32_t number : {order.type, product, order.size, order.sum, 0U, 0U})
     wire::Append(body, number);
   AppendEncoded(body, order.password);
@@ -76,8 +79,8 @@ inline wire::Bytes BodyOf(const Order &order) {
   return body;
 }
 
-inline int Count(const std::string &path, const std::string &part) {
-  const std::string text = ReadFile(path);
+inline int Count(const string &path, const string &part) {
+  const string text = ReadFile(path);
   int count = 0;
   for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1))
     ++count;
@@ -85,7 +88,7 @@ inline int Count(const std::string &path, const std::string &part) {
 }
 
 // Of the image segment; empty without one.
-inline std::string Content() {
+inline string Content() {
   struct shmid_ds status = {};
   const int id = FindImage();
   if (id < 0 || shmctl(id, IPC_STAT, &status) != 0) return "";
@@ -97,23 +100,23 @@ inline std::vector<pid_t> Receivers() {
   return {std::begin(live), std::end(live)};
 }
 
-inline bool IsListening(const std::string &address = "0228A8C0") {
-  return ReadFile("/proc/net/tcp").find(address + ":5998 00000000:0000 0A") != std::string::npos;
+inline bool IsListening(const string &address = "0228A8C0") {
+  return ReadFile("/proc/net/tcp").find(address + ":5998 00000000:0000 0A") != string::npos;
 }
 
-enum class Sender { CLOSES, STAYS, RESETS, SAYS_NOTHING };
+enum class Sender { CLOSES, STAYS, RESETS };
 
 // Sends the data on a connection of its own. The connection, unless the sender has left.
-inline int Send(const std::string &data, Sender sender) {
-  const struct sockaddr_in address = {AF_INET, htons(22936), {inet_addr("192.168.40.2")}, {}};
+inline int Send(const string &data, Sender sender) {
+  const struct sockaddr_in server = {AF_INET, htons(22936), {inet_addr("192.168.40.2")}, {}};
+  const auto *address = reinterpret_cast<const struct sockaddr *>(&server);
   const struct linger reset = {sender == Sender::RESETS, 0};
   EXPECT_TRUE(board::WaitFor([] { return IsListening(); }));
   const int connection = socket(AF_INET, SOCK_STREAM, 0);
-  EXPECT_EQ(
-      connect(connection, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)), 0);
+  EXPECT_EQ(connect(connection, address, sizeof(server)), 0);
   setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-  if (sender != Sender::SAYS_NOTHING) send(connection, data.data(), data.size(), 0);
-  if (sender == Sender::STAYS || sender == Sender::SAYS_NOTHING) return connection;
+  send(connection, data.data(), data.size(), 0);
+  if (sender == Sender::STAYS) return connection;
   close(connection);
   return -1;
 }
@@ -129,15 +132,6 @@ inline pid_t ForkStopped(void (*work)()) {
   signal(SIGTERM, SIG_DFL);
   work();
   _exit(raise(SIGSTOP) + 3);
-}
-
-// Sends the child a signal. Its exit status, or minus the signal that ended it.
-inline int EndOf(pid_t child, int number) {
-  const ChildHold hold = HoldChildren();
-  kill(child, number);
-  const siginfo_t info = AwaitEnd(child);
-  ReleaseChildren(hold);
-  return info.si_code == CLD_EXITED ? info.si_status : -info.si_status;
 }
 
 class FirmwareTest : public testing::Test {
@@ -172,37 +166,36 @@ class FirmwareTest : public testing::Test {
     daemon_state.product_id = product;
     daemon_state.enable_state = 0;
     daemon_state.password_verified = 0;
-    const wire::Bytes mac = wire::Hex("02 0b 4a 00 00 01");
+    const Bytes mac = wire::Hex("02 0b 4a 00 00 01");
     std::copy(mac.begin(), mac.end(), daemon_state.enable_mac);
     EXPECT_NE(IssueKey(mac.data()), 0U);
     FindKey(mac.data())->key = KEY;
   }
 
   // Behind the body's `received` bytes lies what an earlier request has left: its other bytes.
-  std::string Ask(uint16_t command, uint8_t result, const wire::Bytes &body = {},
-                  size_t received = SIZE_MAX) {
+  string Ask(uint16_t command, uint8_t result, const Bytes &body = {}, size_t received = SIZE_MAX) {
     static AcpRequest request;
-    wire::Bytes packet = wire::Request(command, wire::Part(body, 0, received));
+    Bytes packet = wire::Request(command, wire::Part(body, 0, received));
     packet[28] = result;
     wire::Deliver(client, packet, request);
     std::copy(body.begin(), body.end(), request.packet + 32);
     request.peer_addr = inet_addr("192.168.40.1");
     dispatch(request);
-    std::string replies;
-    for (const wire::Bytes &frame : wire::ReplyFrames(client))
+    string replies;
+    for (const Bytes &frame : wire::ReplyFrames(client))
       replies += FormatText("%02X%02X:%08X ", frame[51], frame[50], wire::Number(frame, 70));
     return replies;
   }
-  std::string Begin(const Order &order) {
+  string Begin(const Order &order) {
     return Ask(order.zip.empty() ? 0x8080 : 0x8081, 0, BodyOf(order));
   }
-  std::string End() {
+  string End() {
     return Ask(0x8070, 0);
   }
-  std::string GiveUp() {
+  string GiveUp() {
     return Ask(0x8070, 5);
   }
-  std::string Update(Order order, const std::string &image) {
+  string Update(Order order, const string &image) {
     order.size = static_cast<uint32_t>(image.size()) + 1;
     EXPECT_EQ(Begin(order), STARTED);
     Send(image, Sender::CLOSES);

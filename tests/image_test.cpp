@@ -6,7 +6,6 @@
 #include "tests/firmware_fixture.h"
 
 using namespace fixture;
-using std::string;
 
 using ImageTest = FirmwareTest;
 
@@ -20,14 +19,6 @@ unsigned long ResidentPages() {
 }
 
 }  // namespace
-
-TEST_F(ImageTest, SegmentIsFresh) {
-  ASSERT_TRUE(CreateImage(9999));
-  memset(AttachSegment(FindImage()).get(), 0xAA, 9999);
-  ASSERT_TRUE(CreateImage(1000));
-  EXPECT_EQ(Content(), string(1256, '\0'));
-  RemoveSegment(FindImage());
-}
 
 TEST_F(ImageTest, SegmentTakesNoMemoryBeforeTheUpload) {
   constexpr uint32_t SIZE = 512 << 20;

@@ -7,7 +7,6 @@
 #include "tests/firmware_fixture.h"
 
 using namespace fixture;
-using std::string;
 
 using UpdateEnd = FirmwareTest;
 
