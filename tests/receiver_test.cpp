@@ -156,13 +156,6 @@ TEST_F(Receiver, ProcessThatHasItsNumberByNowIsSpared) {
   ReleaseChildren(hold);
 }
 
-TEST_F(Receiver, FirstOfTwoIsStoppedToo) {
-  EXPECT_EQ(Begin({}), STARTED);
-  EXPECT_EQ(Begin({}), STARTED) << "which cannot have the port";
-  EXPECT_EQ(End(), FAILED);
-  EXPECT_FALSE(IsListening());
-}
-
 TEST_F(Receiver, IsStoppedAfterARefusedRequest) {
   EXPECT_EQ(Begin({}), STARTED);
   EXPECT_EQ(Begin({.type = 5}), "C080:FFFFFFFF ");
