@@ -2,6 +2,8 @@
 
 #include "firmware/receiver.h"
 
+#include <filesystem>
+
 #include "lib/libbh.h"
 #include "tests/firmware_fixture.h"
 
@@ -74,6 +76,15 @@ TEST_F(Receiver, NoticesAClientThatVanished) {
   EXPECT_TRUE(board::WaitFor([&] { return RunCommandLine(kept_alive) == 0; }));
   EXPECT_EQ(GiveUp(), REFUSED);
   close(connection);
+}
+
+TEST_F(Receiver, KeepsNoEndOfItsStartersPipe) {
+  EXPECT_EQ(Begin({}), STARTED);
+  const string folder = FormatText("/proc/%d/fd", daemon_state.firm_down_chpid);
+  const std::filesystem::directory_iterator files(folder);
+  // It has a socket more than this process, which has one open for counting.
+  EXPECT_EQ(std::distance(begin(files), end(files)), OpenDescriptors());
+  EXPECT_EQ(GiveUp(), REFUSED);
 }
 
 TEST_F(Receiver, OldestOfManyAbandonedOnesGoes) {
