@@ -43,7 +43,7 @@ TEST(Cipher, FieldIsDecodedAsFarAsItsTextGoes) {
       {"nothing", 0x12345678, "", 33, "\x12\x34\x56\x78\x22\x90\xEC\xB0"},
       {"cut block", 0xFEDCBA98, "9044EDD4F25848B5 8D", 33, "ninechars\xDC\x37\x98\x8E\x30\x1C\x90"},
       {"up to a zero", 0xFEDCBA98, full + "00C8", 33, "abcdefghijklmnopqrstuvwxyz012345"},
-      {"no room for the block", 0xFEDCBA98, full + "C8", 33, {}},
+      {"no room for its blocks", 0xFEDCBA98, "9044EDD4F25848B5 8D378EA5E43044DC", 15, {}},
   };
   for (const auto &test : cases)
     EXPECT_EQ(DecodePassword(Hex(test.field), test.key, test.capacity), test.text) << test.name;
