@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,30 +16,42 @@
 
 namespace board {
 
-static bool CopyBytes(int from, int to) {
-  std::array<char, 65536> buffer{};
+namespace {
+
+bool CopyBytes(int from, int to) {
   ssize_t size = 0;
-  while ((size = read(from, buffer.data(), buffer.size())) > 0)
-    if (write(to, buffer.data(), static_cast<size_t>(size)) != size) return false;
+  do
+    size = sendfile(to, from, nullptr, 1 << 20);
+  while (size > 0);
   return size == 0;
 }
 
-static bool CopyLink(const std::string &from, const std::string &to) {
+bool CopyLink(const std::string &from, const std::string &to) {
   char target[PATH_MAX];
   const ssize_t length = readlink(from.c_str(), target, sizeof(target) - 1);
   if (length < 0) return false;
   target[length] = '\0';
-  return symlink(target, to.c_str()) == 0;
+  if (symlink(target, to.c_str()) == 0) return true;
+  return errno == EEXIST && unlink(to.c_str()) == 0 && symlink(target, to.c_str()) == 0;
 }
+
+int OpenNew(const std::string &path, mode_t mode) {
+  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+  const int file = open(path.c_str(), flags, mode);
+  if (file >= 0 || errno != EEXIST || unlink(path.c_str()) != 0) return file;
+  return open(path.c_str(), flags, mode);
+}
+
+}  // namespace
 
 bool CopyEntry(const std::string &from, const std::string &to) {
   struct stat info {};
   if (lstat(from.c_str(), &info) != 0) return false;
-  if (unlink(to.c_str()) != 0 && errno != ENOENT) return false;
   if (S_ISLNK(info.st_mode)) return CopyLink(from, to);
   const Descriptor source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-  const Descriptor copy(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  return source.fd >= 0 && copy.fd >= 0 && CopyBytes(source.fd, copy.fd) &&
+  if (source.fd < 0) return false;
+  const Descriptor copy(OpenNew(to, 0600));
+  return copy.fd >= 0 && CopyBytes(source.fd, copy.fd) &&
          fchmod(copy.fd, info.st_mode & 07777) == 0;
 }
 

@@ -1,6 +1,9 @@
 // The board's root directory: the host's directories with changes kept in memory, the appliance's
 // own files over them, and file systems of the board's own where a program could reach the machine.
 //
+// A change of the host's shows through an overlay. So /etc, which tests compare, is a copy: its
+// files, and those of its directories that the appliance has too.
+//
 // Everything is put together on a tmpfs over /sys, which the board has no use for: "root" becomes
 // the root, "upper" takes the changes and "work" is overlayfs' scratch. An overlay cannot span
 // mounts that lie beneath its lower directory; such a directory is made anew with its entries one
@@ -26,8 +29,9 @@ namespace board {
 
 namespace fs = std::filesystem;
 
-// Directories of the root that are the board's own, empty at first.
-static constexpr std::string_view OWN[] = {"/proc", "/sys", "/dev", "/tmp", "/run", "/mnt", "/www"};
+// Directories of the root that are the board's own. All but /etc are empty at first.
+static constexpr std::string_view OWN[] = {"/etc", "/proc", "/sys", "/dev",
+                                           "/tmp", "/run",  "/mnt", "/www"};
 
 // Directories that the appliance has and that a board has to be able to change: without root's
 // rights only what is new or stands in "upper" can be.
@@ -37,6 +41,7 @@ static constexpr struct {
 } DIRECTORIES[] = {
     {"/etc/atalk", 0755},
     {"/etc/dhcpc", 0755},
+    {"/etc/init.d", 0755},
     {"/etc/tmp", 0755},
     {"/etc/rc0.d", 0755},
     {"/etc/rc1.d", 0755},
@@ -80,6 +85,8 @@ static constexpr const char *DEVICES[] = {"null", "zero", "full", "random", "ura
 // Where files of the host are bound to their place on the board.
 static constexpr const char *PRODUCTS[][2] = {{"bh_servd", "/usr/sbin"}, {"bhctl", "/usr/bin"}};
 
+static constexpr int MAX_DEPTH = 4;  // of directories whose entries are copied one by one
+
 static constexpr off_t LARGE_FILE = 1 << 20;  // from here on a file is bound, not copied
 
 bool IsOwn(std::string_view path) {
@@ -120,6 +127,10 @@ static bool Overlay(const std::string &path) {
          mount("board", target.c_str(), "overlay", 0, options.c_str()) == 0;
 }
 
+static bool MakeDirectory(const std::string &path, mode_t mode) {
+  return mkdir(path.c_str(), 0755) == 0 ? chmod(path.c_str(), mode & 07777) == 0 : errno == EEXIST;
+}
+
 static void ComposeDirectory(const std::string &path, int depth);
 
 static void ComposeEntry(const std::string &path, int depth) {
@@ -127,19 +138,20 @@ static void ComposeEntry(const std::string &path, int depth) {
   if (lstat(path.c_str(), &info) != 0) return;
   const std::string target = "root" + path;
   if (S_ISDIR(info.st_mode)) {
-    if (access(path.c_str(), R_OK | X_OK) != 0 || !Overlay(path)) ComposeDirectory(path, depth + 1);
+    const bool overlaid = (!IsOwn(path) || access(target.c_str(), F_OK) != 0) &&
+                          access(path.c_str(), R_OK | X_OK) == 0 && Overlay(path);
+    if (!overlaid && MakeDirectory(target, info.st_mode)) ComposeDirectory(path, depth + 1);
   } else if (S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size < LARGE_FILE)) {
     CopyEntry(path, target);
-  } else if (S_ISREG(info.st_mode) && Touch(target, 0600)) {
+  } else if (S_ISREG(info.st_mode) && !IsOwn(path) && Touch(target, 0600)) {
     Bind(path, target) && MakeReadOnly(target);
   }
 }
 
-// A directory that cannot be overlaid as a whole: made anew, its entries by themselves. What cannot
-// be read or bound is left out; what is needed of it is found missing later, by name.
+// A directory that cannot or may not be overlaid as a whole: its entries one by one. What cannot be
+// read or bound is left out; what is needed of it is found missing later, by name.
 static void ComposeDirectory(const std::string &path, int depth) {
-  if (depth > 0 && !MakeDirectories("root", path, "")) return;
-  if (depth > 4) return;
+  if (depth > MAX_DEPTH) return;
   std::error_code error;
   for (const fs::directory_entry &entry : fs::directory_iterator(depth == 0 ? "/" : path, error))
     if (depth > 0 || !IsOwn(entry.path().string())) ComposeEntry(entry.path().string(), depth);
@@ -320,6 +332,7 @@ std::string BuildRoot(const Config &config) {
   if (why.empty()) why = StageDirectories(directories);
   if (why.empty()) why = ProbeOverlay();
   if (why.empty()) ComposeDirectory("", 0);
+  if (why.empty()) ComposeDirectory("/etc", 1);
   if (why.empty()) why = CopyAppliance(config.rootfs, directories);
   if (why.empty()) why = SetProductId(config.product_id);
   if (why.empty()) why = MakeLogs();

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/reboot.h>
 #include <sys/sem.h>
 #include <sys/time.h>
@@ -65,18 +66,37 @@ class BoardTest : public testing::Test {
 };
 
 TEST_F(BoardTest, KeepsItsFilesToItself) {
-  const std::string hosts = fixture::ReadFile("/etc/hosts");
-  EXPECT_EQ(Shell("echo 10.9.8.7 elsewhere > /etc/hosts; echo new > /etc/board-test; "
-                  "rm -f /etc/nsswitch.conf; cat /etc/hosts /etc/board-test"),
-            "10.9.8.7 elsewhere\nnew\n");
-  EXPECT_EQ(fixture::ReadFile("/etc/hosts"), hosts);
-  EXPECT_FALSE(fs::exists("/etc/board-test"));
-  EXPECT_TRUE(board::Exists(*board_, "/etc/board-test"));
+  Shell("echo new > /etc/board-test; echo new > /usr/share/man/man1/board-test");
+  for (const char *path : {"/etc/board-test", "/usr/share/man/man1/board-test"}) {
+    EXPECT_EQ(board::ReadFile(*board_, path), "new\n") << path;
+    EXPECT_FALSE(fs::exists(path)) << path;
+  }
+  Shell("rm -f /etc/nsswitch.conf");
   EXPECT_FALSE(board::Exists(*board_, "/etc/nsswitch.conf"));
   EXPECT_TRUE(board::WriteFile(*board_, "/var/run/board-test", "by way of a link"));
   EXPECT_EQ(Shell("cat /run/board-test"), "by way of a link");
   EXPECT_FALSE(fs::exists("/run/board-test"));
   EXPECT_EQ(Shell("echo 1 2> /dev/null > /proc/sys/kernel/panic || echo refused"), "refused\n");
+}
+
+// The /etc that is changed here is that of this process's own namespace.
+TEST_F(BoardTest, HasACopyOfTheMachinesEtc) {
+  ASSERT_EQ(mount("test", "/etc", "tmpfs", 0, nullptr), 0);
+  fixture::WriteFile("/etc/machine", "before");
+  fixture::WriteFile("/etc/samba/machine", "before");
+  std::optional<board::Board> other = BootOne({});
+  fixture::WriteFile("/etc/machine", "after");
+  fixture::WriteFile("/etc/samba/machine", "after");
+  fixture::WriteFile("/etc/later", "");
+  EXPECT_EQ(umount2("/etc", MNT_DETACH), 0);
+  ASSERT_TRUE(other);
+  EXPECT_EQ(board::ReadFile(*other, "/etc/machine"), "before");
+  EXPECT_EQ(board::ReadFile(*other, "/etc/samba/machine"), "before");
+  EXPECT_FALSE(board::Exists(*other, "/etc/later"));
+  EXPECT_EQ(
+      board::Run(*other, {.argv = {"getent", "ahostsv4", "brackenhold"}}).output.substr(0, 12),
+      "192.168.40.2");
+  board::Halt(*other);
 }
 
 TEST_F(BoardTest, TwoDoNotSeeEachOther) {
