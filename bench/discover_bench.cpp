@@ -114,7 +114,7 @@ void MeasureNetwork(benchmark::State &state, const std::vector<board::Board> &bo
 void DiscoverNetwork(benchmark::State &state) {
   std::string why;
   const Clock::time_point start = Clock::now();
-  std::vector<board::Board> boards = board::BootAll(board::Network(BOARDS), &why);
+  std::vector<board::Board> boards = board::BootAll(board::Network(BOARDS), why);
   state.counters["boot_s"] = std::chrono::duration<double>(Clock::now() - start).count();
   if (boards.empty()) return state.SkipWithError(why.c_str());
   MeasureNetwork(state, boards);

@@ -11,7 +11,7 @@
 int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   std::string why;
-  if (!board::EnterNamespaces(&why)) {
+  if (!board::EnterNamespaces(why)) {
     fprintf(stderr, "%s\n", why.c_str());
     return 1;
   }

@@ -58,7 +58,7 @@ double ChildrenTime() {
 
 std::optional<board::Board> BootFor(benchmark::State &state) {
   std::string why;
-  std::optional<board::Board> board = board::Boot({}, &why);
+  std::optional<board::Board> board = board::Boot({}, why);
   if (!board) state.SkipWithError(why.c_str());
   return board;
 }

@@ -339,7 +339,7 @@ bool Compare(const std::vector<Figure> &start, const std::vector<Figure> &end) {
 bool Start(Appliance &appliance) {
   string why;
   std::optional<board::Board> board;
-  if (board::EnterNamespaces(&why)) board = board::Boot({}, &why);
+  if (board::EnterNamespaces(why)) board = board::Boot({}, why);
   if (!board) {
     fprintf(stderr, "%s\n", why.c_str());
     return false;

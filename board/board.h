@@ -3,12 +3,12 @@
 // machine, and nothing of it outlives the thread that booted it.
 //
 //   std::string why;
-//   if (!board::EnterNamespaces(&why)) ...;                        // once, first thing in main
-//   std::optional<board::Board> board = board::Boot({}, &why);
+//   if (!board::EnterNamespaces(why)) ...;                        // once, first thing in main
+//   std::optional<board::Board> board = board::Boot({}, why);
 //   board::Result result = board::Run(*board, {.argv = {"/bin/hostname"}});
 //   board::Halt(*board);
 //
-//   std::vector<board::Board> boards = board::BootAll(board::Network(32), &why);
+//   std::vector<board::Board> boards = board::BootAll(board::Network(32), why);
 //   ...;  // the client's interface, which reaches all of them, is board::BRIDGE
 //   board::HaltAll(boards);
 
@@ -61,14 +61,14 @@ struct Board {
 // Puts this process in a user, network and mount namespace of its own: the place where boards are
 // booted and where their wires end. To be called once, before any thread is started. On failure
 // `why` says in a sentence what is missing and how to allow it.
-bool EnterNamespaces(std::string *why);
+bool EnterNamespaces(std::string &why);
 
 // Boots a board; it is up, with carrier on every interface, when this returns. It dies with the
 // calling thread. Requires EnterNamespaces.
-std::optional<Board> Boot(const Config &config, std::string *why);
+std::optional<Board> Boot(const Config &config, std::string &why);
 
 // Boots all of them side by side, or none: then nothing is returned.
-std::vector<Board> BootAll(const std::vector<Config> &configs, std::string *why);
+std::vector<Board> BootAll(const std::vector<Config> &configs, std::string &why);
 
 // Up to MAX_NETWORK appliances on one bridge, BRIDGE, at which the client is 192.168.40.1/23. Each
 // is as `like`, with a host name of its own (brackenhold-1, -2, ...), and a MAC and an address

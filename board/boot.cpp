@@ -72,50 +72,50 @@ void PrintHelp(FILE *to) {
     fprintf(to, "  %-18s %s\n", line.option, line.text);
 }
 
-bool AddFile(const std::string &argument, Options *options) {
+bool AddFile(const std::string &argument, Options &options) {
   const size_t sign = argument.find('=');
   if (sign == std::string::npos || argument[0] != '/') {
     fprintf(stderr, "boot: --file wants /PATH=TEXT, not %s\n", argument.c_str());
     return false;
   }
-  options->files.emplace_back(argument.substr(0, sign), argument.substr(sign + 1));
+  options.files.emplace_back(argument.substr(0, sign), argument.substr(sign + 1));
   return true;
 }
 
-bool SetBoards(const std::string &argument, Options *options) {
+bool SetBoards(const std::string &argument, Options &options) {
   char *end = nullptr;
   const long count = strtol(argument.c_str(), &end, 10);
-  options->boards = static_cast<int>(count);
+  options.boards = static_cast<int>(count);
   if (*end == '\0' && count >= 1 && count <= board::MAX_NETWORK) return true;
   fprintf(stderr, "boot: --boards wants 1 to %d, not %s\n", board::MAX_NETWORK, argument.c_str());
   return false;
 }
 
-bool TakeOption(int letter, Options *options) {
+bool TakeOption(int letter, Options &options) {
   const std::string argument = optarg == nullptr ? "" : optarg;
   switch (letter) {
     case 'a':
     case 'n':
-      options->address = argument;
+      options.address = argument;
       return true;
     case 'p':
-      options->config.product_id = argument;
+      options.config.product_id = argument;
       return true;
     case 'i':
-      options->interfaces.push_back(argument);
+      options.interfaces.push_back(argument);
       return true;
     case 'f':
       return AddFile(argument, options);
     case 'b':
       return SetBoards(argument, options);
     case 'r':
-      return options->daemon = true;
+      return options.daemon = true;
     case 'd':
-      return options->demo = true;
+      return options.demo = true;
     case 'e':
-      return options->enter = true;
+      return options.enter = true;
     case 'h':
-      return options->help = true;
+      return options.help = true;
     default:
       PrintHelp(stderr);
       return false;
@@ -123,40 +123,40 @@ bool TakeOption(int letter, Options *options) {
 }
 
 // The n-th interface's address and MAC differ from the first one's in their number.
-void AddInterfaces(Options *options) {
-  if (!options->interfaces.empty()) options->config.interfaces.clear();
+void AddInterfaces(Options &options) {
+  if (!options.interfaces.empty()) options.config.interfaces.clear();
   int number = 0;
-  for (const std::string &name : options->interfaces) {
+  for (const std::string &name : options.interfaces) {
     board::Interface interface;
     const std::string digits = std::to_string(number);
     interface.name = name;
     interface.mac = "02:0b:4a:00:00:1" + digits;
     interface.address = "192.168.4" + digits + ".2/24";
     interface.client = "192.168.4" + digits + ".1/24";
-    options->config.interfaces.push_back(interface);
-    number++;
+    options.config.interfaces.push_back(interface);
+    ++number;
   }
-  if (options->address) options->config.interfaces[0].address = *options->address;
+  if (options.address) options.config.interfaces[0].address = *options.address;
 }
 
-bool ReadOptions(int argc, char **argv, Options *options) {
+bool ReadOptions(int argc, char **argv, Options &options) {
   for (int letter = 0; (letter = getopt_long(argc, argv, "+", OPTIONS, nullptr)) != -1;)
     if (!TakeOption(letter, options)) return false;
-  if (options->interfaces.size() > 10) {
+  if (options.interfaces.size() > 10) {
     fputs("boot: a board has at most 10 interfaces\n", stderr);
     return false;
   }
-  if (options->boards > 0 &&
-      (options->interfaces.size() > 1 || !options->address.value_or("").empty())) {
+  if (options.boards > 0 &&
+      (options.interfaces.size() > 1 || !options.address.value_or("").empty())) {
     fputs("boot: --boards gives each board one interface and its address\n", stderr);
     return false;
   }
   AddInterfaces(options);
-  options->command.assign(argv + optind, argv + argc);
+  options.command.assign(argv + optind, argv + argc);
   return true;
 }
 
-int Status(const board::Result &result) {
+int ExitStatus(const board::Result &result) {
   return result.exit_code >= 0 ? result.exit_code : 128 + result.signal;
 }
 
@@ -170,7 +170,7 @@ int RunHere(const board::Board &board, const std::vector<std::string> &command) 
     here.foreground = true;
   }
   here.in = STDIN_FILENO;
-  return Status(board::Wait(board::Spawn(board, here)));
+  return ExitStatus(board::Wait(board::Spawn(board, here)));
 }
 
 bool IsServed(const board::Board &board, int interfaces) {
@@ -185,14 +185,15 @@ bool StartDaemon(const Boards &boards, int number) {
   std::vector<pid_t> starts;
   starts.reserve(boards.size());
   for (const board::Board &board : boards)
-    starts.push_back(
-        board::Spawn(board, {.argv = {"bh_servd", "-i", name}, .out = said.fd, .err = said.fd}));
-  for (size_t i = 0; i < boards.size(); i++) {
+    starts.push_back(board::Spawn(
+        board, {.argv = {"bh_servd", "-i", name}, .out = said.Get(), .err = said.Get()}));
+  for (size_t i = 0; i < boards.size(); ++i) {
     const board::Result result = board::Wait(starts[i]);
     if (result.exit_code == 0 && board::WaitFor([&] { return IsServed(boards[i], number); }))
       continue;
     fprintf(stderr, "boot: bh_servd has not started on %s of %s (exit status %d)\n%s", name.c_str(),
-            boards[i].config.host_name.c_str(), Status(result), board::ReadAll(said.fd).c_str());
+            boards[i].config.host_name.c_str(), ExitStatus(result),
+            board::ReadAll(said.Get()).c_str());
     return false;
   }
   return true;
@@ -200,18 +201,18 @@ bool StartDaemon(const Boards &boards, int number) {
 
 bool StartDaemons(const Boards &boards) {
   const int count = static_cast<int>(boards[0].config.interfaces.size());
-  for (int number = 1; number <= count; number++)
+  for (int number = 1; number <= count; ++number)
     if (!StartDaemon(boards, number)) return false;
   return true;
 }
 
-bool Bridged(const Boards &boards) {
+bool AreBridged(const Boards &boards) {
   return !boards[0].config.interfaces[0].bridge.empty();
 }
 
 // The caller's interface that leads to the boards.
-std::string Near(const Boards &boards) {
-  return Bridged(boards) ? boards[0].config.interfaces[0].bridge : boards[0].wires[0];
+std::string ClientInterface(const Boards &boards) {
+  return AreBridged(boards) ? boards[0].config.interfaces[0].bridge : boards[0].wires[0];
 }
 
 // At the caller's end bhctl is on the path, and in a shell `board` runs its arguments on the board,
@@ -223,7 +224,7 @@ void SetClientEnvironment(const Boards &boards) {
   for (const board::Board &board : boards)
     inits += std::to_string(board.init) + ' ';
   std::string function = "() { ";
-  if (Bridged(boards))
+  if (AreBridged(boards))
     function +=
         "local all=(none $BH_BOARD_PID) n=${1:?which board}; shift; "
         "BH_BOARD_PID=${all[n]} ";
@@ -258,7 +259,7 @@ int RunAtClient(const Boards &boards, const std::vector<std::string> &command) {
   if (client < 0) return 1;
   if (client == 0) ExecAtClient(boards, command);
   signal(SIGINT, SIG_IGN);
-  const int status = Status(board::Wait(client));
+  const int status = ExitStatus(board::Wait(client));
   signal(SIGINT, SIG_DFL);
   return status;
 }
@@ -268,19 +269,20 @@ std::string Describe(const board::Board &board) {
   return board.config.host_name + ", " + (address.empty() ? "no address" : address);
 }
 
-void SayWhatIsUp(const Boards &boards) {
+void PrintBoards(const Boards &boards) {
   const char *name = boards[0].config.interfaces[0].name.c_str();
-  if (Bridged(boards))
-    printf("%zu boards are up, on %s here:\n  %s, to\n  %s\n", boards.size(), Near(boards).c_str(),
-           Describe(boards[0]).c_str(), Describe(boards.back()).c_str());
+  if (AreBridged(boards))
+    printf("%zu boards are up, on %s here:\n  %s, to\n  %s\n", boards.size(),
+           ClientInterface(boards).c_str(), Describe(boards[0]).c_str(),
+           Describe(boards.back()).c_str());
   else
     printf("A board is up: %s on %s, wired to %s here.\n", Describe(boards[0]).c_str(), name,
-           Near(boards).c_str());
+           ClientInterface(boards).c_str());
 }
 
 int Demo(const Boards &boards) {
-  const std::string near = Near(boards);
-  SayWhatIsUp(boards);
+  const std::string near = ClientInterface(boards);
+  PrintBoards(boards);
   if (!StartDaemon(boards, 1)) return 1;
   printf("bh_servd serves %s. Asking with: bhctl -i %s discover\n",
          boards[0].config.interfaces[0].name.c_str(), near.c_str());
@@ -290,7 +292,7 @@ int Demo(const Boards &boards) {
     return 1;
   }
   if (isatty(STDIN_FILENO) == 0) return 0;
-  const std::string board = Bridged(boards) ? "board 1" : "board";
+  const std::string board = AreBridged(boards) ? "board 1" : "board";
   printf(
       "This shell is at the other end of the wire. Try `bhctl -i %s raid`, and\n"
       "`%s` or `%s cat /var/log/syslog` to be on the board. `exit` switches all off.\n",
@@ -331,10 +333,10 @@ int Use(const Boards &boards, const Options &options) {
 int BootAndRun(const Options &options) {
   std::string why;
   Boards boards;
-  if (board::EnterNamespaces(&why))
+  if (board::EnterNamespaces(why))
     boards = board::BootAll(options.boards > 0 ? board::Network(options.boards, options.config)
                                                : std::vector<board::Config>{options.config},
-                            &why);
+                            why);
   if (boards.empty()) {
     fprintf(stderr, "boot: %s\n", why.c_str());
     return NO_BOARD;
@@ -348,7 +350,7 @@ int BootAndRun(const Options &options) {
 
 int main(int argc, char **argv) {
   Options options;
-  if (!ReadOptions(argc, argv, &options)) return USAGE;
+  if (!ReadOptions(argc, argv, options)) return USAGE;
   if (options.help) {
     PrintHelp(stdout);
     return 0;

@@ -13,6 +13,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+
+#include "board/internal.h"
 
 namespace wire {
 
@@ -33,14 +36,15 @@ struct sockaddr_in Address(in_addr_t address, uint16_t port) {
 }
 
 int OpenCapture(const std::string &interface) {
-  const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL));
+  board::Descriptor capture(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
   struct sockaddr_ll link = {};
   link.sll_family = AF_PACKET;
   link.sll_protocol = htons(ETH_P_ALL);
   link.sll_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
   const int size = 16 << 20;
-  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
-  return bind(fd, reinterpret_cast<struct sockaddr *>(&link), sizeof(link)) == 0 ? fd : -1;
+  setsockopt(capture.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+  const auto *address = reinterpret_cast<struct sockaddr *>(&link);
+  return bind(capture.Get(), address, sizeof(link)) == 0 ? capture.Release() : -1;
 }
 
 void DrainCapture(Client &client) {
@@ -51,8 +55,8 @@ void DrainCapture(Client &client) {
   }
 }
 
-void PutU32(FILE *file, uint32_t number) {
-  fwrite(&number, sizeof(number), 1, file);
+void PutU32(std::ofstream &file, uint32_t number) {
+  file.write(reinterpret_cast<const char *>(&number), sizeof(number));
 }
 
 }  // namespace
@@ -190,17 +194,15 @@ std::vector<Bytes> ReplyFrames(Client &client) {
 
 void SavePcap(Client &client, const std::string &path) {
   DrainCapture(client);
-  FILE *file = fopen(path.c_str(), "we");
-  if (file == nullptr) return;
+  std::ofstream file(path, std::ios::binary);
   for (const uint32_t word : {0xA1B2C3D4U, 0x00040002U, 0U, 0U, 65535U, 1U})
     PutU32(file, word);
   for (const Bytes &frame : client.frames) {
     const uint32_t length = static_cast<uint32_t>(frame.size());
     for (const uint32_t word : {0U, 0U, length, length})
       PutU32(file, word);
-    fwrite(frame.data(), 1, frame.size(), file);
+    file.write(reinterpret_cast<const char *>(frame.data()), length);
   }
-  fclose(file);
 }
 
 }  // namespace wire

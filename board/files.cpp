@@ -49,10 +49,10 @@ bool CopyEntry(const std::string &from, const std::string &to) {
   if (lstat(from.c_str(), &info) != 0) return false;
   if (S_ISLNK(info.st_mode)) return CopyLink(from, to);
   const Descriptor source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-  if (source.fd < 0) return false;
+  if (!source.IsOpen()) return false;
   const Descriptor copy(OpenNew(to, 0600));
-  return copy.fd >= 0 && CopyBytes(source.fd, copy.fd) &&
-         fchmod(copy.fd, info.st_mode & 07777) == 0;
+  return copy.IsOpen() && CopyBytes(source.Get(), copy.Get()) &&
+         fchmod(copy.Get(), info.st_mode & 07777) == 0;
 }
 
 bool MakeDirectories(const std::string &base, const std::string &path, const std::string &model) {
@@ -69,8 +69,10 @@ bool MakeDirectories(const std::string &base, const std::string &path, const std
   }
 }
 
+namespace {
+
 // Relative to `directory`, with it as the root that links and ".." stay within.
-static int OpenInRoot(int directory, const std::string &path, int flags, mode_t mode) {
+int OpenInRoot(int directory, const std::string &path, int flags, mode_t mode) {
   struct open_how how {};
   how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
   how.mode = (flags & O_CREAT) != 0 ? mode : 0;
@@ -78,9 +80,11 @@ static int OpenInRoot(int directory, const std::string &path, int flags, mode_t 
   return static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof(how)));
 }
 
+}  // namespace
+
 int OpenFile(const Board &board, const std::string &path, int flags, mode_t mode) {
   const Descriptor root(open(board.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  return root.fd < 0 ? -1 : OpenInRoot(root.fd, path, flags, mode);
+  return !root.IsOpen() ? -1 : OpenInRoot(root.Get(), path, flags, mode);
 }
 
 std::string ReadFile(const Board &board, const std::string &path) {
@@ -88,26 +92,26 @@ std::string ReadFile(const Board &board, const std::string &path) {
   std::string text;
   std::array<char, 4096> buffer{};
   ssize_t size = 0;
-  while (file.fd >= 0 && (size = read(file.fd, buffer.data(), buffer.size())) > 0)
+  while (file.IsOpen() && (size = read(file.Get(), buffer.data(), buffer.size())) > 0)
     text.append(buffer.data(), static_cast<size_t>(size));
   return text;
 }
 
 bool WriteFile(const Board &board, const std::string &path, std::string_view text) {
   const Descriptor file(OpenFile(board, path, O_WRONLY | O_CREAT | O_TRUNC));
-  return file.fd >= 0 &&
-         write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  return file.IsOpen() &&
+         write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 bool Exists(const Board &board, const std::string &path) {
   const Descriptor file(OpenFile(board, path, O_PATH));
-  return file.fd >= 0;
+  return file.IsOpen();
 }
 
 bool Remove(const Board &board, const std::string &path) {
   const size_t slash = path.rfind('/');
   const Descriptor directory(OpenFile(board, path.substr(0, slash + 1), O_PATH | O_DIRECTORY));
-  return directory.fd >= 0 && unlinkat(directory.fd, path.c_str() + slash + 1, 0) == 0;
+  return directory.IsOpen() && unlinkat(directory.Get(), path.c_str() + slash + 1, 0) == 0;
 }
 
 }  // namespace board

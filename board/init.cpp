@@ -37,22 +37,22 @@ namespace board {
 
 // --- pid 1
 
-static int OpenLogSocket() {
-  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+namespace {
+
+Descriptor OpenLogSocket() {
+  Descriptor log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   struct sockaddr_un address {};
   address.sun_family = AF_UNIX;
   std::string_view("/dev/log").copy(address.sun_path, sizeof(address.sun_path) - 1);
   const int size = 4 << 20;
-  setsockopt(log, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));  // as much as is allowed
+  setsockopt(log.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));  // as much as is allowed
   const bool ready =
-      bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0 &&
+      bind(log.Get(), reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0 &&
       chmod("/dev/log", 0666) == 0;
-  if (ready) return log;
-  close(log);
-  return -1;
+  return ready ? std::move(log) : Descriptor();
 }
 
-static void StoreLogLines(int log, int file) {
+void StoreLogLines(int log, int file) {
   std::array<char, 8192> line{};
   ssize_t size = 0;
   while ((size = recv(log, line.data(), line.size() - 1, 0)) > 0) {
@@ -64,20 +64,20 @@ static void StoreLogLines(int log, int file) {
   }
 }
 
-// Answers /dev/log and reaps what is left to pid 1, for good.
-[[noreturn]] static void Live(int log) {
-  const int file = open(SYSLOG, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+// Reads /dev/log and reaps orphans, for good.
+[[noreturn]] void LogAndReap(const Descriptor &log) {
+  const Descriptor file(open(SYSLOG, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
   sigset_t child;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);
   sigprocmask(SIG_BLOCK, &child, nullptr);
-  const int children = signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
-  std::array<struct pollfd, 2> ready{{{log, POLLIN, 0}, {children, POLLIN, 0}}};
+  const Descriptor children(signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK));
+  std::array<struct pollfd, 2> ready{{{log.Get(), POLLIN, 0}, {children.Get(), POLLIN, 0}}};
   for (;;) {
     poll(ready.data(), ready.size(), -1);
-    StoreLogLines(log, file);
+    StoreLogLines(log.Get(), file.Get());
     struct signalfd_siginfo info {};
-    while (read(children, &info, sizeof(info)) > 0)
+    while (read(children.Get(), &info, sizeof(info)) > 0)
       continue;
     while (waitpid(-1, nullptr, WNOHANG) > 0)
       continue;
@@ -86,7 +86,7 @@ static void StoreLogLines(int log, int file) {
 
 // The keeper of the mount table: a process whose root is /run/mount-view. Its table is
 // /proc/mounts.
-static bool StartMountView() {
+bool StartMountView() {
   const pid_t keeper = fork();
   if (keeper == 0) {
     if (chroot("/run/mount-view") != 0 || chdir("/") != 0) _exit(1);
@@ -97,15 +97,14 @@ static bool StartMountView() {
   return keeper > 0 && symlink(table.c_str(), "/proc/mounts") == 0;
 }
 
-// Nothing of the caller stays with pid 1: no terminal or pipe whose end it would hold open, no
-// handler.
-static void LetGoOfCaller(int keep) {
+// Pid 1 keeps nothing of the caller's but `keep`. A terminal or pipe would stay open with it.
+void LetGoOfCaller(int keep) {
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (int fd = 0; fd < 3; fd++)
+  for (int fd = 0; fd < 3; ++fd)
     dup2(null, fd);
   close_range(3, static_cast<unsigned>(keep) - 1, 0);
   close_range(static_cast<unsigned>(keep) + 1, ~0U, 0);
-  for (int number = 1; number < NSIG; number++)
+  for (int number = 1; number < NSIG; ++number)
     signal(number, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
@@ -113,7 +112,7 @@ static void LetGoOfCaller(int keep) {
   umask(022);
 }
 
-static std::string BootSelf(const Config &config, int caller, int *log) {
+std::string BootSelf(const Config &config, int caller, Descriptor &log) {
   char byte = 'n';
   if (sethostname(config.host_name.c_str(), config.host_name.size()) != 0)
     return Failure("sethostname");
@@ -121,37 +120,41 @@ static std::string BootSelf(const Config &config, int caller, int *log) {
   if (send(caller, &byte, 1, MSG_NOSIGNAL) != 1) _exit(1);
   std::string why = BuildRoot(config);
   if (!why.empty()) return why;
-  *log = OpenLogSocket();
-  if (*log < 0) return Failure("/dev/log");
+  log = OpenLogSocket();
+  if (!log.IsOpen()) return Failure("/dev/log");
   if (!StartMountView()) return Failure("/proc/mounts");
   if (recv(caller, &byte, 1, 0) != 1) _exit(1);
-  why = RaiseInterfaces(config);
+  why = BringUpInterfaces(config);
   for (const Interface &interface : config.interfaces)
     if (why.empty() && !WaitForCarrier(interface.name)) why = interface.name + " has no carrier";
   return why;
 }
 
-[[noreturn]] static void RunInit(const Config &config, int caller) {
+[[noreturn]] void RunInit(const Config &config, int caller) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  caller = fcntl(caller, F_DUPFD_CLOEXEC, 3);
-  LetGoOfCaller(caller);
-  int log = -1;
-  const std::string why = BootSelf(config, caller, &log);
+  Descriptor kept(fcntl(caller, F_DUPFD_CLOEXEC, 3));
+  LetGoOfCaller(kept.Get());
+  Descriptor log;
+  const std::string why = BootSelf(config, kept.Get(), log);
   const std::string answer = why.empty() ? "r" : "e" + why;
-  if (send(caller, answer.data(), answer.size(), MSG_NOSIGNAL) < 0 || !why.empty()) _exit(1);
-  close(caller);
-  Live(log);
+  if (send(kept.Get(), answer.data(), answer.size(), MSG_NOSIGNAL) < 0 || !why.empty()) _exit(1);
+  kept.Close();
+  LogAndReap(log);
 }
+
+}  // namespace
 
 // --- the caller's side
 
-static std::string Canonical(const std::string &path) {
+namespace {
+
+std::string Canonical(const std::string &path) {
   std::error_code error;
   return std::filesystem::weakly_canonical(path, error).string();
 }
 
-// The config with its defaults filled in and its paths absolute.
-static Config Complete(Config config) {
+// Fills in the defaults and makes the paths absolute.
+Config WithDefaults(Config config) {
   if (config.rootfs.empty()) config.rootfs = BOARD_ROOTFS;
   if (config.products.empty()) config.products = ProgramDirectory();
   config.rootfs = Canonical(config.rootfs);
@@ -169,7 +172,7 @@ static Config Complete(Config config) {
   return config;
 }
 
-static pid_t CloneInit() {
+pid_t CloneInit() {
   struct clone_args arguments {};
   arguments.flags = CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWPID;
   arguments.exit_signal = SIGCHLD;
@@ -177,7 +180,7 @@ static pid_t CloneInit() {
   return static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof(arguments)));
 }
 
-static std::string Receive(int init) {
+std::string Receive(int init) {
   std::array<char, 2048> text{};
   struct pollfd ready {
     init, POLLIN, 0
@@ -191,12 +194,12 @@ static std::string Receive(int init) {
 // The caller's ends of the sockets to the first processes of boards that are booting.
 using Inits = std::deque<Descriptor>;
 
-// So many boards at a time keep a few processors busy, and none of them waits long for its turn.
+// Boards booted at a time: enough for a few processors, and none waits long for its turn.
 constexpr size_t SIDE_BY_SIDE = 32;
 
-static std::string Start(const Config &config, std::vector<Board> *boards, Inits *inits) {
+std::string Start(const Config &config, std::vector<Board> &boards, Inits &inits) {
   Board board;
-  board.config = Complete(config);
+  board.config = WithDefaults(config);
   const std::string shim = board.config.products + "/libshim.so";
   if (access(shim.c_str(), R_OK) != 0) return Failure(shim);
   if (std::string why = board.config.powerpc.empty() ? "" : CheckPowerpc(board.config);
@@ -205,63 +208,65 @@ static std::string Start(const Config &config, std::vector<Board> *boards, Inits
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
     return Failure("socketpair");
-  inits->emplace_back(pair[0]);
+  inits.emplace_back(pair[0]);
+  const Descriptor far_end(pair[1]);
   board.init = CloneInit();
-  if (board.init == 0) RunInit(board.config, pair[1]);
+  if (board.init == 0) RunInit(board.config, far_end.Get());
   std::string why = board.init < 0 ? Failure("cannot clone a board's namespaces") : "";
-  close(pair[1]);
   board.root = "/proc/" + std::to_string(board.init) + "/root";
-  if (why.empty()) boards->push_back(board);
+  if (why.empty()) boards.push_back(board);
   return why;
 }
 
-// Each board goes ahead by itself; what the caller has to do is done for all of them at once.
-static std::string BootFromOutside(std::vector<Board> *boards, const Inits &inits) {
+// The boards boot side by side. The caller does its part for all of them at once.
+std::string BootFromOutside(std::vector<Board> &boards, const Inits &inits) {
   for (const Descriptor &init : inits)
-    if (const std::string answer = Receive(init.fd); answer != "n") return answer.substr(1);
+    if (const std::string answer = Receive(init.Get()); answer != "n") return answer.substr(1);
   std::string why = MakeWires(boards);
   if (!why.empty()) return why;
   for (const Descriptor &init : inits)
-    if (send(init.fd, "w", 1, MSG_NOSIGNAL) != 1) return Failure("the board has died");
+    if (send(init.Get(), "w", 1, MSG_NOSIGNAL) != 1) return Failure("the board has died");
   for (const Descriptor &init : inits)
-    if (const std::string answer = Receive(init.fd); answer != "r") return answer.substr(1);
-  for (const Board &board : *boards)
+    if (const std::string answer = Receive(init.Get()); answer != "r") return answer.substr(1);
+  for (const Board &board : boards)
     if (std::string late = AwaitWires(board); !late.empty()) return late;
   return "";
 }
 
-static std::string BootGroup(std::span<const Config> configs, std::vector<Board> *boards) {
+std::string BootGroup(std::span<const Config> configs, std::vector<Board> &boards) {
   std::vector<Board> group;
   Inits inits;
   std::string why;
   for (const Config &config : configs)
-    if (why.empty()) why = Start(config, &group, &inits);
-  if (why.empty()) why = BootFromOutside(&group, inits);
-  boards->insert(boards->end(), group.begin(), group.end());
+    if (why.empty()) why = Start(config, group, inits);
+  if (why.empty()) why = BootFromOutside(group, inits);
+  boards.insert(boards.end(), group.begin(), group.end());
   return why;
 }
 
-std::vector<Board> BootAll(const std::vector<Config> &configs, std::string *why) {
+}  // namespace
+
+std::vector<Board> BootAll(const std::vector<Config> &configs, std::string &why) {
   std::vector<Board> boards;
   std::span<const Config> rest = configs;
-  why->clear();
-  while (why->empty() && !rest.empty()) {
+  why.clear();
+  while (why.empty() && !rest.empty()) {
     const size_t count = std::min(rest.size(), SIDE_BY_SIDE);
-    *why = BootGroup(rest.first(count), &boards);
+    why = BootGroup(rest.first(count), boards);
     rest = rest.subspan(count);
   }
-  if (!why->empty()) HaltAll(boards);
+  if (!why.empty()) HaltAll(boards);
   return boards;
 }
 
-std::optional<Board> Boot(const Config &config, std::string *why) {
+std::optional<Board> Boot(const Config &config, std::string &why) {
   const std::vector<Board> boards = BootAll({config}, why);
   return boards.empty() ? std::nullopt : std::make_optional(boards[0]);
 }
 
 std::vector<Config> Network(int count, const Config &like) {
   std::vector<Config> configs(static_cast<size_t>(count), like);
-  for (int i = 0; i < count; i++) {
+  for (int i = 0; i < count; ++i) {
     Config &config = configs[static_cast<size_t>(i)];
     Interface &interface = config.interfaces[0];
     std::array<char, 32> text{};
@@ -281,14 +286,14 @@ Board Attach(pid_t init) {
   Board board;
   board.init = init;
   board.root = "/proc/" + std::to_string(init) + "/root";
-  board.config = Complete({});
+  board.config = WithDefaults({});
   return board;
 }
 
 void Halt(Board &board) {
   if (board.init <= 0) return;
   kill(board.init, SIGKILL);
-  CollectChildren(board.init);
+  ReapChildren(board.init);
   waitpid(board.init, nullptr, 0);
   ReleaseWires(board);
   board = Board{};

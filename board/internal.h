@@ -3,26 +3,66 @@
 #ifndef BH_BOARD_INTERNAL_H_
 #define BH_BOARD_INTERNAL_H_
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "board/board.h"
 
 namespace board {
 
-// Closes its descriptor at the end of its scope.
-struct Descriptor {
-  int fd = -1;
-  explicit Descriptor(int from) : fd(from) {}
-  ~Descriptor() {
-    if (fd >= 0) close(fd);
+// Owns a file descriptor and closes it at the end of its scope.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor &&other) noexcept : fd_(other.Release()) {}
+  Descriptor &operator=(Descriptor &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
   }
   Descriptor(const Descriptor &) = delete;
   Descriptor &operator=(const Descriptor &) = delete;
+  ~Descriptor() {
+    Close();
+  }
+
+  // The number, less than 0 for none.
+  int Get() const {
+    return fd_;
+  }
+  bool IsOpen() const {
+    return fd_ >= 0;
+  }
+  // Hands the number over to the caller, who closes it.
+  int Release() {
+    return std::exchange(fd_, -1);
+  }
+  // Closes it now. Returns what close() does, 0 for none.
+  int Close() {
+    return IsOpen() ? close(Release()) : 0;
+  }
+
+ private:
+  int fd_ = -1;
 };
+
+// The two ends of a pipe, which no program inherits.
+struct Pipe {
+  Descriptor reader, writer;
+};
+
+// False, with errno, when there is none to be had.
+inline bool OpenPipe(Pipe &pipe) {
+  int ends[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  pipe = {Descriptor(ends[0]), Descriptor(ends[1])};
+  return true;
+}
 
 // "what: error text of errno"
 std::string Failure(std::string_view what);
@@ -33,7 +73,7 @@ std::string Failure(std::string_view what);
 bool WriteText(const std::string &path, std::string_view text);
 
 // Brings an interface of this process's network namespace up.
-bool Raise(const std::string &interface);
+bool BringUp(const std::string &interface);
 
 // Brings `lo` up, switches IPv6 off and lets replies with foreign source addresses through, in the
 // network namespace that this process is in. `proc` is where procfs is mounted.
@@ -75,7 +115,7 @@ std::string InstallPowerpcProgram(const std::string &program, const std::string 
 
 // At the caller: one veth pair an interface, its far end on the board, and the bridges that the
 // near ends belong to. Fills in the boards' `wires`.
-std::string MakeWires(std::vector<Board> *boards);
+std::string MakeWires(std::vector<Board> &boards);
 
 // At the caller, when the board's ends are up: waits until frames pass on each of its wires.
 std::string AwaitWires(const Board &board);
@@ -85,7 +125,7 @@ std::string AwaitWires(const Board &board);
 void ReleaseWires(const Board &board);
 
 // On the board: gives the interfaces their addresses and brings them up.
-std::string RaiseInterfaces(const Config &config);
+std::string BringUpInterfaces(const Config &config);
 
 // What a file holds, from its start.
 std::string ReadAll(int file);
@@ -99,8 +139,8 @@ bool WaitForCarrier(const std::string &name);
 
 // --- spawn.cpp
 
-// Collects the caller's children on the board, which are dying with it.
-void CollectChildren(pid_t init);
+// Reaps the caller's children on the board, which are ending with it.
+void ReapChildren(pid_t init);
 
 }  // namespace board
 

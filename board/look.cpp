@@ -10,13 +10,15 @@
 
 namespace board {
 
+namespace {
+
 // The board's process table, as the board's own kernel has it.
-static std::string ProcessTable(const Board &board) {
+std::string ProcessTable(const Board &board) {
   return board.root + "/run/kernel-proc";
 }
 
 // "PID (NAME) STATE PARENT ...", and the name may hold anything.
-static Process ParseProcess(const std::string &line) {
+Process ParseProcess(const std::string &line) {
   Process process;
   const size_t name_end = line.rfind(") ");
   if (name_end == std::string::npos) return process;
@@ -24,6 +26,8 @@ static Process ParseProcess(const std::string &line) {
   std::istringstream(line.substr(name_end + 2)) >> process.state >> process.parent;
   return process;
 }
+
+}  // namespace
 
 std::vector<Process> Processes(const Board &board) {
   std::vector<Process> processes;

@@ -55,7 +55,7 @@ std::optional<std::string> BuiltInPassword(const std::string &number) {
 }
 
 // Returns 0 or the exit status.
-int ReadOptions(int argc, char **argv, Options *options) {
+int ReadOptions(int argc, char **argv, Options &options) {
   std::optional<std::string> password;
   int option = 0;
   opterr = 0;
@@ -68,7 +68,7 @@ int ReadOptions(int argc, char **argv, Options *options) {
     if (password->empty()) return FailUsage("the password must not be empty");
   }
   if (argc - optind != 2) return FailUsage("a directory and an image are needed");
-  *options = {password.value_or(GetZipPassword(0)), argv[optind], argv[optind + 1]};
+  options = {password.value_or(GetZipPassword(0)), argv[optind], argv[optind + 1]};
   return 0;
 }
 
@@ -134,7 +134,7 @@ int MakeImageElsewhere(const Options &options) {
 
 int main(int argc, char **argv) {
   Options options;
-  const int status = ReadOptions(argc, argv, &options);
+  const int status = ReadOptions(argc, argv, options);
   if (status != 0) return status;
   std::error_code ignored;
   if (!fs::is_directory(options.directory, ignored))

@@ -28,8 +28,8 @@ std::string Failure(std::string_view what) {
 
 bool WriteText(const std::string &path, std::string_view text) {
   const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  return file.fd >= 0 &&
-         write(file.fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  return file.IsOpen() &&
+         write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 std::string ProgramDirectory() {
@@ -40,13 +40,13 @@ std::string ProgramDirectory() {
   return program.substr(0, program.rfind('/'));
 }
 
-bool Raise(const std::string &interface) {
+bool BringUp(const std::string &interface) {
   const Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   struct ifreq request {};
   interface.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
-  if (ioctl(socket_fd.fd, SIOCGIFFLAGS, &request) != 0) return false;
+  if (ioctl(socket_fd.Get(), SIOCGIFFLAGS, &request) != 0) return false;
   request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-  return ioctl(socket_fd.fd, SIOCSIFFLAGS, &request) == 0;
+  return ioctl(socket_fd.Get(), SIOCSIFFLAGS, &request) == 0;
 }
 
 bool PrepareNetwork(const std::string &proc) {
@@ -55,12 +55,14 @@ bool PrepareNetwork(const std::string &proc) {
     if (access(ipv6.c_str(), F_OK) == 0 && !WriteText(ipv6, "1")) return false;
     if (!WriteText(proc + "/sys/net/ipv4/conf/" + which + "/rp_filter", "0")) return false;
   }
-  return Raise("lo");
+  return BringUp("lo");
 }
+
+namespace {
 
 // Every id of this process's user namespace as itself: the file /proc/self/uid_map has lines of
 // {first id inside, first id outside, count}.
-static std::string IdentityMap(const char *own_map) {
+std::string IdentityMap(const char *own_map) {
   std::ifstream file(own_map);
   std::ostringstream map;
   unsigned long inside = 0;
@@ -73,7 +75,7 @@ static std::string IdentityMap(const char *own_map) {
 
 // Whoever has unshared its user namespace has no rights left in the one above, so that the full map
 // is written by a child that stayed there. It starts when it reads "+".
-static pid_t StartMapWriter(int start) {
+pid_t StartMapWriter(int start) {
   const std::string directory = "/proc/" + std::to_string(getpid());
   const std::string uids = IdentityMap("/proc/self/uid_map");
   const std::string gids = IdentityMap("/proc/self/gid_map");
@@ -86,13 +88,13 @@ static pid_t StartMapWriter(int start) {
   _exit(done || !unshared ? 0 : errno);
 }
 
-static bool WriteOwnMap(uid_t uid, gid_t gid) {
+bool WriteOwnMap(uid_t uid, gid_t gid) {
   return WriteText("/proc/self/setgroups", "deny") &&
          WriteText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") &&
          WriteText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-static std::string WhyNoNamespace() {
+std::string WhyNoNamespace() {
   if (errno == ENOSPC)
     return Failure(
         "no further user namespace: raise the sysctl "
@@ -105,42 +107,49 @@ static std::string WhyNoNamespace() {
 }
 
 // As root: unshare, and have all ids mapped by the child.
-static bool EnterAsRoot(std::string *why) {
-  int pipe_fds[2];
-  if (pipe2(pipe_fds, O_CLOEXEC) != 0) return *why = Failure("pipe"), false;
-  const Descriptor read_end(pipe_fds[0]);
-  const Descriptor write_end(pipe_fds[1]);
-  const pid_t writer = StartMapWriter(read_end.fd);
-  if (writer < 0) return *why = Failure("fork"), false;
+bool EnterAsRoot(std::string &why) {
+  Pipe start;
+  const pid_t writer = OpenPipe(start) ? StartMapWriter(start.reader.Get()) : -1;
+  if (writer < 0) {
+    why = Failure("cannot start a child");
+    return false;
+  }
   const bool unshared = unshare(CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS) == 0;
-  if (!unshared) *why = WhyNoNamespace();
+  if (!unshared) why = WhyNoNamespace();
   int status = 0;
-  if (write(write_end.fd, unshared ? "+" : "-", 1) != 1) return *why = Failure("pipe"), false;
+  if (write(start.writer.Get(), unshared ? "+" : "-", 1) != 1) {
+    why = Failure("pipe");
+    return false;
+  }
   waitpid(writer, &status, 0);
   if (!unshared) return false;
   errno = WIFEXITED(status) ? WEXITSTATUS(status) : EIO;
   if (errno != 0)
-    *why = Failure(
+    why = Failure(
         "root may not map its ids into a user namespace here (the "
         "capabilities SETUID and SETGID are missing)");
   return errno == 0;
 }
 
-static bool EnterAsUser(std::string *why) {
+bool EnterAsUser(std::string &why) {
   const uid_t uid = geteuid();
   const gid_t gid = getegid();
   const bool entered =
       unshare(CLONE_NEWUSER | CLONE_NEWNET | CLONE_NEWNS) == 0 && WriteOwnMap(uid, gid);
-  if (!entered) *why = WhyNoNamespace();
+  if (!entered) why = WhyNoNamespace();
   return entered;
 }
 
-bool EnterNamespaces(std::string *why) {
+}  // namespace
+
+bool EnterNamespaces(std::string &why) {
   if (!(geteuid() == 0 ? EnterAsRoot(why) : EnterAsUser(why))) return false;
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    return *why = WhyNoNamespace(), false;
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    why = WhyNoNamespace();
+    return false;
+  }
   if (PrepareNetwork("/proc")) return true;
-  *why = Failure("the network of a namespace cannot be set up (is /proc/sys read-only here?)");
+  why = Failure("the network of a namespace cannot be set up (is /proc/sys read-only here?)");
   return false;
 }
 

@@ -17,16 +17,20 @@
 
 namespace board {
 
-static constexpr char EMULATOR[] = "/usr/bin/qemu-ppc-static";
-static constexpr char LIBRARIES[] = "/usr/powerpc-linux-gnu/lib";
-static constexpr char PLACE[] = "/run/powerpc";  // EMULATE is in it
+namespace {
 
-static std::string WriteScript(const std::string &path, const std::string &arguments) {
+constexpr char EMULATOR[] = "/usr/bin/qemu-ppc-static";
+constexpr char LIBRARIES[] = "/usr/powerpc-linux-gnu/lib";
+constexpr char PLACE[] = "/run/powerpc";  // EMULATE is in it
+
+std::string WriteScript(const std::string &path, const std::string &arguments) {
   std::ofstream script(path);
   script << "#!/bin/sh\nexec " << EMULATOR << " -L " << PLACE << ' ' << arguments << " \"$@\"\n"
          << std::flush;
   return script && chmod(path.c_str(), 0755) == 0 ? "" : Failure("cannot write " + path);
 }
+
+}  // namespace
 
 std::string CheckPowerpc(const Config &config) {
   const std::array<std::string, 3> needed = {EMULATOR, LIBRARIES, config.powerpc + "/libshim.so"};

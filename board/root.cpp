@@ -29,13 +29,15 @@ namespace board {
 
 namespace fs = std::filesystem;
 
+namespace {
+
 // Directories of the root that are the board's own. All but /etc are empty at first.
-static constexpr std::string_view OWN[] = {"/etc", "/proc", "/sys", "/dev",
-                                           "/tmp", "/run",  "/mnt", "/www"};
+constexpr std::string_view OWN[] = {"/etc", "/proc", "/sys", "/dev",
+                                    "/tmp", "/run",  "/mnt", "/www"};
 
 // Directories that the appliance has and that a board has to be able to change: without root's
 // rights only what is new or stands in "upper" can be.
-static constexpr struct {
+constexpr struct {
   const char *path;
   mode_t mode;
 } DIRECTORIES[] = {
@@ -80,43 +82,47 @@ static constexpr struct {
     {"/usr/share/man/man8", 0755},
 };
 
-static constexpr const char *DEVICES[] = {"null", "zero", "full", "random", "urandom", "tty"};
+constexpr const char *DEVICES[] = {"null", "zero", "full", "random", "urandom", "tty"};
 
 // Where files of the host are bound to their place on the board.
-static constexpr const char *PRODUCTS[][2] = {{"bh_servd", "/usr/sbin"}, {"bhctl", "/usr/bin"}};
+constexpr const char *PRODUCTS[][2] = {{"bh_servd", "/usr/sbin"}, {"bhctl", "/usr/bin"}};
 
-static constexpr int MAX_DEPTH = 4;  // of directories whose entries are copied one by one
+constexpr int MAX_DEPTH = 4;  // of directories whose entries are copied one by one
 
-static constexpr off_t LARGE_FILE = 1 << 20;  // from here on a file is bound, not copied
+constexpr off_t LARGE_FILE = 1 << 20;  // from here on a file is bound, not copied
+
+}  // namespace
 
 bool IsOwn(std::string_view path) {
   const std::string_view top = path.substr(0, path.find('/', 1));
   return std::find(std::begin(OWN), std::end(OWN), top) != std::end(OWN);
 }
 
+namespace {
+
 // Where a directory of the appliance lies on the board: the host's /sbin may be a link to
 // /usr/sbin, as its /var/run is one to /run.
-static std::string Resolve(const std::string &directory) {
+std::string Resolve(const std::string &directory) {
   std::error_code error;
   return IsOwn(directory) ? directory : fs::weakly_canonical(directory, error).string();
 }
 
-static bool MakeReadOnly(const std::string &mount_point) {
+bool MakeReadOnly(const std::string &mount_point) {
   struct mount_attr attributes {};
   attributes.attr_set = MOUNT_ATTR_RDONLY;
   return mount_setattr(AT_FDCWD, mount_point.c_str(), 0, &attributes, sizeof(attributes)) == 0;
 }
 
-static bool Bind(const std::string &from, const std::string &to) {
+bool Bind(const std::string &from, const std::string &to) {
   return mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
 }
 
-static bool Touch(const std::string &path, mode_t mode) {
+bool Touch(const std::string &path, mode_t mode) {
   const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode));
-  return file.fd >= 0 && fchmod(file.fd, mode) == 0;
+  return file.IsOpen() && fchmod(file.Get(), mode) == 0;
 }
 
-static bool Overlay(const std::string &path) {
+bool Overlay(const std::string &path) {
   static int number = 0;
   const std::string work = "work/" + std::to_string(number++);
   if (!MakeDirectories("root", path, "") || !MakeDirectories("upper", path, "")) return false;
@@ -127,13 +133,13 @@ static bool Overlay(const std::string &path) {
          mount("board", target.c_str(), "overlay", 0, options.c_str()) == 0;
 }
 
-static bool MakeDirectory(const std::string &path, mode_t mode) {
+bool MakeDirectory(const std::string &path, mode_t mode) {
   return mkdir(path.c_str(), 0755) == 0 ? chmod(path.c_str(), mode & 07777) == 0 : errno == EEXIST;
 }
 
-static void ComposeDirectory(const std::string &path, int depth);
+void ComposeDirectory(const std::string &path, int depth);
 
-static void ComposeEntry(const std::string &path, int depth) {
+void ComposeEntry(const std::string &path, int depth) {
   struct stat info {};
   if (lstat(path.c_str(), &info) != 0) return;
   const std::string target = "root" + path;
@@ -150,7 +156,7 @@ static void ComposeEntry(const std::string &path, int depth) {
 
 // A directory that cannot or may not be overlaid as a whole: its entries one by one. What cannot be
 // read or bound is left out; what is needed of it is found missing later, by name.
-static void ComposeDirectory(const std::string &path, int depth) {
+void ComposeDirectory(const std::string &path, int depth) {
   if (depth > MAX_DEPTH) return;
   std::error_code error;
   for (const fs::directory_entry &entry : fs::directory_iterator(depth == 0 ? "/" : path, error))
@@ -158,7 +164,7 @@ static void ComposeDirectory(const std::string &path, int depth) {
 }
 
 // The directories that the appliance has: those of `rootfs`, and the empty ones.
-static std::vector<std::string> ApplianceDirectories(const std::string &rootfs) {
+std::vector<std::string> ApplianceDirectories(const std::string &rootfs) {
   std::vector<std::string> directories;
   std::error_code error;
   for (const fs::directory_entry &entry : fs::recursive_directory_iterator(rootfs, error))
@@ -169,13 +175,13 @@ static std::vector<std::string> ApplianceDirectories(const std::string &rootfs) 
   return directories;
 }
 
-static std::string StageDirectory(const std::string &directory) {
+std::string StageDirectory(const std::string &directory) {
   const bool own = IsOwn(directory);
   if (MakeDirectories(own ? "root" : "upper", directory, own ? "/none" : "")) return "";
   return Failure("cannot make " + directory);
 }
 
-static std::string StageDirectories(const std::vector<std::string> &directories) {
+std::string StageDirectories(const std::vector<std::string> &directories) {
   std::string why;
   for (const std::string &directory : directories)
     if (why.empty()) why = StageDirectory(Resolve(directory));
@@ -186,8 +192,7 @@ static std::string StageDirectories(const std::vector<std::string> &directories)
   return why;
 }
 
-static std::string CopyAppliance(const std::string &rootfs,
-                                 const std::vector<std::string> &directories) {
+std::string CopyAppliance(const std::string &rootfs, const std::vector<std::string> &directories) {
   for (const std::string &directory : directories) {
     const std::string place = "root" + Resolve(directory);
     if (!MakeDirectories("root", Resolve(directory), "")) return Failure("cannot make " + place);
@@ -201,7 +206,7 @@ static std::string CopyAppliance(const std::string &rootfs,
   return "";
 }
 
-static std::string BindProducts(const Config &config) {
+std::string BindProducts(const Config &config) {
   const bool native = config.powerpc.empty();
   if (std::string why = native ? "" : InstallPowerpc(config, "root"); !why.empty()) return why;
   for (const auto &[name, directory] : PRODUCTS) {
@@ -221,7 +226,7 @@ static std::string BindProducts(const Config &config) {
 }
 
 // The speed limit of rebuilding arrays would be the machine's.
-static bool MakeRaidLimit(const std::string &place) {
+bool MakeRaidLimit(const std::string &place) {
   return mount("board", place.c_str(), "tmpfs", 0, "mode=755") == 0 &&
          mkdir((place + "/raid").c_str(), 0755) == 0 &&
          Touch(place + "/raid/speed_limit_max", 0644);
@@ -229,7 +234,7 @@ static bool MakeRaidLimit(const std::string &place) {
 
 // The fresh procfs is read-only: much of it would be the machine's, and root's ids are its own
 // here. Only what belongs to the board's namespaces may be written.
-static std::string MountProc() {
+std::string MountProc() {
   const std::string proc = "root/run/kernel-proc";
   if (mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0)
     return Failure(
@@ -250,7 +255,7 @@ static std::string MountProc() {
   return "";
 }
 
-static std::string MakeDevices() {
+std::string MakeDevices() {
   for (const std::string name : DEVICES)
     if (!Touch("root/dev/" + name, 0666) || !Bind("/dev/" + name, "root/dev/" + name))
       return Failure("/dev/" + name);
@@ -269,7 +274,7 @@ static std::string MakeDevices() {
 
 // /mnt is shared with a copy of itself below /run/mount-view, so that a process whose root is there
 // finds the appliance's own mounts, and no others, in its mount table.
-static std::string MountStorage() {
+std::string MountStorage() {
   const std::string view = "root/run/mount-view";
   const bool made = mount("root", view.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
                     mount(nullptr, "root/mnt", nullptr, MS_SHARED, nullptr) == 0 &&
@@ -277,7 +282,7 @@ static std::string MountStorage() {
   return made ? "" : Failure("/run/mount-view");
 }
 
-static std::string SetProductId(const std::string &id) {
+std::string SetProductId(const std::string &id) {
   if (id.empty()) return "";
   std::ifstream in("root/proc/brackenhold");
   std::string text;
@@ -288,14 +293,14 @@ static std::string SetProductId(const std::string &id) {
   return (out << text << std::flush) ? "" : "cannot write /proc/brackenhold";
 }
 
-static std::string MakeLogs() {
+std::string MakeLogs() {
   for (const char *log : {CALL_LOG, SYSLOG})
     if (!Touch("root" + std::string(log), 0666)) return Failure(log);
   const std::string clock = "root/run/board-clock";
   return Touch(clock, 0666) && truncate(clock.c_str(), sizeof(int64_t)) == 0 ? "" : Failure(clock);
 }
 
-static std::string StartStaging() {
+std::string StartStaging() {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       mount("board", "/sys", "tmpfs", 0, "mode=755") != 0 || chdir("/sys") != 0 ||
       mkdir("root", 0755) != 0 || mount("board", "root", "tmpfs", 0, "mode=755") != 0 ||
@@ -305,7 +310,7 @@ static std::string StartStaging() {
   return "";
 }
 
-static std::string EnterRoot() {
+std::string EnterRoot() {
   if (chdir("root") != 0 || syscall(SYS_pivot_root, ".", ".") != 0 ||
       umount2(".", MNT_DETACH) != 0 || chdir("/") != 0)
     return Failure("pivot_root");
@@ -313,7 +318,7 @@ static std::string EnterRoot() {
 }
 
 // Tells a kernel without overlays from a directory that cannot be overlaid.
-static std::string ProbeOverlay() {
+std::string ProbeOverlay() {
   if (mkdir("work/lower", 0755) == 0 && mkdir("work/upper", 0755) == 0 &&
       mkdir("work/work", 0755) == 0 &&
       mount("board", "work/lower", "overlay", 0,
@@ -324,6 +329,8 @@ static std::string ProbeOverlay() {
       "a board needs overlay mounts in a user namespace (Linux 5.11 or later with the "
       "module overlay)");
 }
+
+}  // namespace
 
 std::string BuildRoot(const Config &config) {
   const std::vector<std::string> directories = ApplianceDirectories(config.rootfs);

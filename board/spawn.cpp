@@ -1,8 +1,7 @@
 // Processes on a board, started from outside it.
 //
-// A process cannot move into another pid namespace, only its children can be born there. So a
-// helper enters the board's namespaces, has a child as if its own parent, the caller, had it, and
-// is gone.
+// A process cannot move into another pid namespace; only its children can start there. So a helper
+// enters the board's namespaces, starts a child whose parent is the caller, and exits.
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -29,34 +28,36 @@
 
 namespace board {
 
-static int OpenPid(pid_t process) {
-  return static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+namespace {
+
+Descriptor OpenPid(pid_t process) {
+  return Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
 }
 
-[[noreturn]] static void Fail(const std::string &what) {
+[[noreturn]] void Fail(const std::string &what) {
   const std::string line = "board: " + Failure(what) + "\n";
   if (write(STDERR_FILENO, line.data(), line.size()) < 0) _exit(126);
   _exit(127);
 }
 
-static void EnterNamespaces(pid_t init) {
-  const Descriptor target(OpenPid(init));
-  if (target.fd < 0 || setns(target.fd, CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC | CLONE_NEWUTS |
-                                            CLONE_NEWPID) != 0)
+void EnterBoard(pid_t init) {
+  const Descriptor target = OpenPid(init);
+  if (!target.IsOpen() || setns(target.Get(), CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC |
+                                                  CLONE_NEWUTS | CLONE_NEWPID) != 0)
     Fail("cannot enter the board");
 }
 
-// Children on boards that have not been waited for. A board is gone only when they are collected:
-// Halt does so, and keeps how they ended for a later Wait.
+// Children on boards that Wait has not been called for. A board is gone only when they are reaped.
+// Halt does so and keeps how they ended for a later Wait.
 struct Child {
   pid_t process;
   pid_t init;
-  int pidfd;
+  Descriptor pidfd;
   std::optional<Result> end;
 };
-static std::vector<Child> children;
+std::vector<Child> children;
 
-static Result Collect(idtype_t type, int id) {
+Result Reap(idtype_t type, int id) {
   Result result;
   siginfo_t info{};
   while (waitid(type, static_cast<id_t>(id), &info, WEXITED) != 0)
@@ -65,41 +66,39 @@ static Result Collect(idtype_t type, int id) {
   return result;
 }
 
-void CollectChildren(pid_t init) {
+}  // namespace
+
+void ReapChildren(pid_t init) {
   for (Child &child : children) {
     if (child.init != init || child.end) continue;
-    child.end = Collect(P_PIDFD, child.pidfd);
-    close(child.pidfd);
+    child.end = Reap(P_PIDFD, child.pidfd.Get());
+    child.pidfd.Close();
   }
 }
 
 Result Wait(pid_t process) {
   const auto child = std::find_if(children.begin(), children.end(),
                                   [&](const Child &one) { return one.process == process; });
-  if (child == children.end()) return Collect(P_PID, process);
-  Result result;
-  if (child->end) {
-    result = *child->end;
-  } else {
-    result = Collect(P_PIDFD, child->pidfd);
-    close(child->pidfd);
-  }
+  if (child == children.end()) return Reap(P_PID, process);
+  Result result = child->end ? *child->end : Reap(P_PIDFD, child->pidfd.Get());
   children.erase(child);
   return result;
 }
 
-// Dies with the caller, also when that has died before this. A change of user undoes it.
-static void DieWith(int caller) {
+namespace {
+
+// Has the kernel kill this process when the caller ends. A change of user undoes it.
+void DieWithCaller(const Descriptor &caller) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   struct pollfd gone {
-    caller, POLLIN, 0
+    caller.Get(), POLLIN, 0
   };
   if (poll(&gone, 1, 0) != 0) _exit(1);
 }
 
 // Returns 0 in the process on the board; its number is then written to `report`.
-static pid_t BirthOnBoard(pid_t init, int report) {
-  EnterNamespaces(init);
+pid_t CloneOntoBoard(pid_t init, int report) {
+  EnterBoard(init);
   struct clone_args arguments {};
   arguments.flags = CLONE_PARENT;
   const auto process = static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof(arguments)));
@@ -108,31 +107,34 @@ static pid_t BirthOnBoard(pid_t init, int report) {
   _exit(write(report, &process, sizeof(process)) == sizeof(process) ? 0 : 1);
 }
 
-static pid_t ForkFor(const Board &board, int *caller) {
-  int pipe_fds[2];
+// As Fork. `caller` becomes the calling process, for DieWithCaller.
+pid_t ForkOntoBoard(const Board &board, Descriptor &caller) {
+  Pipe report;
   fflush(nullptr);
-  if (pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
-  const Descriptor read_end(pipe_fds[0]);
-  *caller = OpenPid(getpid());
+  if (!OpenPipe(report)) return -1;
+  caller = OpenPid(getpid());
   const pid_t helper = fork();
-  if (helper == 0) return BirthOnBoard(board.init, pipe_fds[1]);
-  close(pipe_fds[1]);
-  close(*caller);
+  if (helper == 0) return CloneOntoBoard(board.init, report.writer.Get());
+  report.writer.Close();
   pid_t process = -1;
-  if (read(read_end.fd, &process, sizeof(process)) != sizeof(process)) process = -1;
+  if (read(report.reader.Get(), &process, sizeof(process)) != sizeof(process)) process = -1;
   if (helper > 0) waitpid(helper, nullptr, 0);
   if (process > 0) children.push_back({process, board.init, OpenPid(process), std::nullopt});
   return process;
 }
 
+}  // namespace
+
 pid_t Fork(const Board &board) {
-  int caller = -1;
-  const pid_t process = ForkFor(board, &caller);
-  if (process == 0) DieWith(caller);
+  Descriptor caller;
+  const pid_t process = ForkOntoBoard(board, caller);
+  if (process == 0) DieWithCaller(caller);
   return process;
 }
 
-static void SetEnvironment(const Board &board, const Command &command) {
+namespace {
+
+void SetEnvironment(const Board &board, const Command &command) {
   const char *options = getenv("ASAN_OPTIONS");
   const std::string asan =
       std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0:handle_segv=2";
@@ -149,36 +151,36 @@ static void SetEnvironment(const Board &board, const Command &command) {
   }
 }
 
-// Without a descriptor the place keeps what it has.
-static void Place(int fd, int place) {
-  if (fd >= 0 && dup2(fd, place) < 0) Fail("dup2");
+// Without a descriptor the number keeps what it has.
+void Duplicate(int fd, int number) {
+  if (fd >= 0 && dup2(fd, number) < 0) Fail("dup2");
 }
 
-static void PlaceDescriptors(const Command &command) {
+void RedirectStandardStreams(const Command &command) {
   const int in = command.in >= 0 ? command.in : open("/dev/null", O_RDONLY);
   const int err = command.err >= 0 ? fcntl(command.err, F_DUPFD_CLOEXEC, 3) : -1;
   const int out = command.out >= 0 ? fcntl(command.out, F_DUPFD_CLOEXEC, 3) : -1;
-  Place(in, STDIN_FILENO);
-  Place(out, STDOUT_FILENO);
-  Place(err, STDERR_FILENO);
+  Duplicate(in, STDIN_FILENO);
+  Duplicate(out, STDOUT_FILENO);
+  Duplicate(err, STDERR_FILENO);
   close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
-// Job control wants a process group that has a number on the board.
-static void TakeTerminal() {
+// Job control needs a process group that has a number on the board.
+void TakeTerminal() {
   setpgid(0, 0);
   signal(SIGTTOU, SIG_IGN);
   tcsetpgrp(STDIN_FILENO, getpgrp());
   signal(SIGTTOU, SIG_DFL);
 }
 
-[[noreturn]] static void Exec(const Board &board, const Command &command, int caller) {
+[[noreturn]] void Exec(const Board &board, const Command &command, const Descriptor &caller) {
   if (command.uid != 0 && (setresgid(command.uid, command.uid, command.uid) != 0 ||
                            setresuid(command.uid, command.uid, command.uid) != 0))
     Fail("setresuid");
-  DieWith(caller);
+  DieWithCaller(caller);
   SetEnvironment(board, command);
-  PlaceDescriptors(command);
+  RedirectStandardStreams(command);
   if (command.foreground && isatty(STDIN_FILENO) != 0) TakeTerminal();
   if (chdir(command.directory.c_str()) != 0) Fail(command.directory);
   std::vector<char *> argv;
@@ -190,41 +192,47 @@ static void TakeTerminal() {
   Fail("cannot run " + command.argv[0]);
 }
 
+}  // namespace
+
 pid_t Spawn(const Board &board, const Command &command) {
-  int caller = -1;
-  const pid_t process = ForkFor(board, &caller);
+  Descriptor caller;
+  const pid_t process = ForkOntoBoard(board, caller);
   if (process == 0) Exec(board, command, caller);
   return process;
 }
 
+namespace {
+
 // Reads what is there; false at the end of the pipe.
-static bool Drain(int pipe_end, std::string *output) {
+bool Drain(const Descriptor &pipe_end, std::string &output) {
   std::array<char, 4096> buffer{};
   for (;;) {
-    const ssize_t size = read(pipe_end, buffer.data(), buffer.size());
+    const ssize_t size = read(pipe_end.Get(), buffer.data(), buffer.size());
     if (size < 0) return errno == EAGAIN || errno == EINTR;
     if (size == 0) return false;
-    output->append(buffer.data(), static_cast<size_t>(size));
+    output.append(buffer.data(), static_cast<size_t>(size));
   }
 }
 
+}  // namespace
+
 Result Run(const Board &board, const Command &command) {
-  int pipe_fds[2];
-  if (pipe2(pipe_fds, O_CLOEXEC) != 0) return {};
-  const Descriptor read_end(pipe_fds[0]);
-  fcntl(read_end.fd, F_SETFL, O_NONBLOCK);
+  Pipe pipe;
+  if (!OpenPipe(pipe)) return {};
+  fcntl(pipe.reader.Get(), F_SETFL, O_NONBLOCK);
   Command captured = command;
-  captured.out = captured.err = pipe_fds[1];
+  captured.out = pipe.writer.Get();
+  captured.err = pipe.writer.Get();
   const pid_t process = Spawn(board, captured);
-  close(pipe_fds[1]);
-  const Descriptor running(OpenPid(process));
+  pipe.writer.Close();
+  const Descriptor running = OpenPid(process);
   std::string output;
-  std::array<struct pollfd, 2> ready{{{running.fd, POLLIN, 0}, {read_end.fd, POLLIN, 0}}};
+  std::array<struct pollfd, 2> ready{{{running.Get(), POLLIN, 0}, {pipe.reader.Get(), POLLIN, 0}}};
   while (process > 0 && ready[0].revents == 0) {
     poll(ready.data(), ready.size(), -1);
-    if (!Drain(read_end.fd, &output)) ready[1].fd = -1;
+    if (!Drain(pipe.reader, output)) ready[1].fd = -1;
   }
-  Drain(read_end.fd, &output);
+  Drain(pipe.reader, output);
   Result result = Wait(process);
   result.output = output;
   return result;
@@ -233,7 +241,7 @@ Result Run(const Board &board, const Command &command) {
 int RunItself(const std::vector<std::string> &arguments) {
   std::string why;
   std::optional<Board> board;
-  if (EnterNamespaces(&why)) board = Boot({}, &why);
+  if (EnterNamespaces(why)) board = Boot({}, why);
   if (!board) {
     fprintf(stderr, "%s: %s\n", arguments[0].c_str(), why.c_str());
     return 1;

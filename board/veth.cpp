@@ -27,8 +27,10 @@ std::string ReadAll(int file) {
   return text;
 }
 
+namespace {
+
 // An ordinary user's PATH often lacks the directories that network tools are in.
-[[noreturn]] static void ExecTool(const std::vector<std::string> &argv) {
+[[noreturn]] void ExecTool(const std::vector<std::string> &argv) {
   std::vector<char *> arguments;
   arguments.reserve(argv.size() + 1);
   for (const std::string &argument : argv)
@@ -42,50 +44,53 @@ std::string ReadAll(int file) {
   _exit(127);
 }
 
+}  // namespace
+
 std::string RunTool(const std::vector<std::string> &argv, std::string_view input) {
   const Descriptor in(memfd_create("input", MFD_CLOEXEC));
   const Descriptor err(memfd_create("errors", MFD_CLOEXEC));
-  if (in.fd < 0 || err.fd < 0 || write(in.fd, input.data(), input.size()) < 0)
+  if (!in.IsOpen() || !err.IsOpen() || write(in.Get(), input.data(), input.size()) < 0)
     return Failure("memfd_create");
-  lseek(in.fd, 0, SEEK_SET);
+  lseek(in.Get(), 0, SEEK_SET);
   const pid_t child = fork();
   if (child < 0) return Failure("fork");
   if (child == 0) {
-    dup2(in.fd, STDIN_FILENO);
-    dup2(err.fd, STDERR_FILENO);
+    dup2(in.Get(), STDIN_FILENO);
+    dup2(err.Get(), STDERR_FILENO);
     ExecTool(argv);
   }
   int status = 0;
   if (waitpid(child, &status, 0) != child) return Failure("waitpid");
   if (status == 0) return "";
-  return argv[0] + " failed: " + ReadAll(err.fd);
+  return argv[0] + " failed: " + ReadAll(err.Get());
 }
+
+namespace {
 
 // The ends get numbers that differ from each other: the kernel reports the carrier of a link at
 // once only when its own number is not its peer's, and otherwise up to a second later.
 constexpr int FIRST_WIRE_INDEX = 1001;
 
-static std::string AddressLine(const std::string &address, const std::string &device) {
+std::string AddressLine(const std::string &address, const std::string &device) {
   if (address.empty()) return "";
   return "address add " + address + " dev " + device + " brd +\n";
 }
 
 // The bridges at this caller, and how many wires each has.
-static std::map<std::string, int> bridges;
+std::map<std::string, int> bridges;
 
 // A bridge of ports that come and go would change its MAC with them and leave it unknown to those
 // who have just asked for it. It is up before it has ports: when the first one brings it a carrier,
 // the kernel reports that at once, while a bridge that is raised with a carrier has to wait up to a
 // second for it. It has no use for the groups of multicast that it could listen for.
-static std::string BridgeLines(const std::string &bridge, const std::string &client) {
+std::string BridgeLines(const std::string &bridge, const std::string &client) {
   return "link add name " + bridge +
          " up address 02:0b:4a:00:00:01 type bridge stp_state 0 forward_delay 0 mcast_snooping "
          "0\n" +
          AddressLine(client, bridge);
 }
 
-static std::string WireLines(const Interface &interface, const std::string &wire, int index,
-                             pid_t init) {
+std::string WireLines(const Interface &interface, const std::string &wire, int index, pid_t init) {
   const bool bridged = !interface.bridge.empty();
   std::string lines;
   if (bridged && bridges[interface.bridge]++ == 0)
@@ -96,10 +101,12 @@ static std::string WireLines(const Interface &interface, const std::string &wire
   return bridged ? lines : lines + AddressLine(interface.client, wire);
 }
 
-std::string MakeWires(std::vector<Board> *boards) {
+}  // namespace
+
+std::string MakeWires(std::vector<Board> &boards) {
   static int next = 0;
   std::string batch;
-  for (Board &board : *boards) {
+  for (Board &board : boards) {
     for (const Interface &interface : board.config.interfaces) {
       board.wires.push_back("wire" + std::to_string(next));
       batch += WireLines(interface, board.wires.back(), FIRST_WIRE_INDEX + next++, board.init);
@@ -111,17 +118,17 @@ std::string MakeWires(std::vector<Board> *boards) {
 // A wire shows its carrier a moment before its bridge forwards to it; both happen under the
 // kernel's network lock, which raising an interface that is up waits for.
 std::string AwaitWires(const Board &board) {
-  for (size_t i = 0; i < board.wires.size(); i++) {
+  for (size_t i = 0; i < board.wires.size(); ++i) {
     const std::string &bridge = board.config.interfaces[i].bridge;
     if (!WaitForCarrier(board.wires[i])) return board.wires[i] + " has no carrier";
-    if (!bridge.empty() && (!Raise(bridge) || !WaitForCarrier(bridge)))
+    if (!bridge.empty() && (!BringUp(bridge) || !WaitForCarrier(bridge)))
       return bridge + " has no carrier";
   }
   return "";
 }
 
 void ReleaseWires(const Board &board) {
-  for (size_t i = 0; i < board.wires.size(); i++) {
+  for (size_t i = 0; i < board.wires.size(); ++i) {
     WaitFor([&] { return if_nametoindex(board.wires[i].c_str()) == 0; });
     const std::string &bridge = board.config.interfaces[i].bridge;
     if (bridge.empty() || --bridges[bridge] > 0) continue;
@@ -130,7 +137,7 @@ void ReleaseWires(const Board &board) {
   }
 }
 
-std::string RaiseInterfaces(const Config &config) {
+std::string BringUpInterfaces(const Config &config) {
   std::string batch;
   for (const Interface &interface : config.interfaces) {
     batch += AddressLine(interface.address, interface.name);
@@ -144,7 +151,7 @@ bool WaitForCarrier(const std::string &name) {
   return WaitFor([&] {
     struct ifreq request {};
     name.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
-    return ioctl(socket_fd.fd, SIOCGIFFLAGS, &request) == 0 &&
+    return ioctl(socket_fd.Get(), SIOCGIFFLAGS, &request) == 0 &&
            (request.ifr_flags & IFF_RUNNING) != 0;
   });
 }

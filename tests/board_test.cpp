@@ -44,7 +44,7 @@ class BoardTest : public testing::Test {
     static bool entered = false;
     std::string why;
     if (!entered) {
-      ASSERT_TRUE(board::EnterNamespaces(&why)) << why;
+      ASSERT_TRUE(board::EnterNamespaces(why)) << why;
       entered = true;
     }
     board_ = BootOne({});
@@ -55,7 +55,7 @@ class BoardTest : public testing::Test {
   }
   static std::optional<board::Board> BootOne(const board::Config &config) {
     std::string why;
-    std::optional<board::Board> board = board::Boot(config, &why);
+    std::optional<board::Board> board = board::Boot(config, why);
     EXPECT_TRUE(board) << why;
     return board;
   }
@@ -163,7 +163,7 @@ Started StartBoot(uid_t uid, const std::string &arguments, const char *limit = n
   std::string why;
   dup2(pipe_fds[1], STDOUT_FILENO);
   dup2(pipe_fds[1], STDERR_FILENO);
-  if (limit != nullptr && board::EnterNamespaces(&why)) std::ofstream(limit) << 0;
+  if (limit != nullptr && board::EnterNamespaces(why)) std::ofstream(limit) << 0;
   if (uid != 0 && setresuid(uid, uid, uid) != 0) _exit(126);
   const std::string line = "exec '" + BootProgram() + "' " + arguments;
   execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);

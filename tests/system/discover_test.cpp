@@ -98,7 +98,7 @@ TEST_F(Discover, ReplyFollowsItsSourcesAndOutlivesThem) {
 
 TEST(DiscoverNetwork, FindsEveryApplianceWithOneBroadcast) {
   std::string why;
-  std::vector<board::Board> boards = board::BootAll(board::Network(32), &why);
+  std::vector<board::Board> boards = board::BootAll(board::Network(32), why);
   ASSERT_EQ(boards.size(), 32U) << why;
   for (const board::Board &each : boards)
     board::Spawn(each, {.argv = {"sh", "-c", "exec bh_servd --nofork > /dev/null"}});

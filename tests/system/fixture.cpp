@@ -33,7 +33,7 @@ void SystemTest::BootBoard(const board::Config &config) {
     board::Halt(board);
   }
   std::string why;
-  const auto booted = board::Boot(config, &why);
+  const auto booted = board::Boot(config, why);
   ASSERT_TRUE(booted) << why;
   board = *booted;
   client = wire::Open(board.wires[0]);

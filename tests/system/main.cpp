@@ -10,7 +10,7 @@
 int main(int argc, char **argv) {
   testing::InitGoogleTest(&argc, argv);
   std::string why;
-  if (!testing::GTEST_FLAG(list_tests) && !board::EnterNamespaces(&why)) {
+  if (!testing::GTEST_FLAG(list_tests) && !board::EnterNamespaces(why)) {
     fprintf(stderr, "%s\n", why.c_str());
     return 1;
   }
