@@ -54,21 +54,21 @@ int Sleep() {
 
 // Runs `work` in a child, which exits with its result.
 pid_t Start(const std::function<int()> &work) {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t child = ForkChild();
   if (child == 0) _exit(work());
-  ReleaseChildren(hold);
+  block.Release();
   return child;
 }
 
 // Ends it by `number`, unless that is 0. Its wait status.
 int StatusOf(const std::function<int()> &work, int number = 0) {
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t child = Start(work);
   if (number != 0) kill(child, number);
   int status = -1;
   EXPECT_EQ(WaitForChild(child, &status), child);
-  ReleaseChildren(hold);
+  block.Release();
   return status;
 }
 
@@ -78,7 +78,7 @@ int WaitAgain() {
 }
 
 int ChildsWait() {
-  HoldChildren();
+  static const ChildSignalBlock block;
   return AwaitEnd(Start(WaitAgain)).si_status;
 }
 
@@ -86,7 +86,7 @@ int ChildsWait() {
 
 TEST_F(Daemon, NoHandlerRunsUnderAHold) {
   ASSERT_EQ(libbh_lock(), 0);
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   pid_t children[3] = {};
   for (pid_t &child : children) {
     child = Start([] { return kill(getppid(), SIGUSR1); });
@@ -94,7 +94,7 @@ TEST_F(Daemon, NoHandlerRunsUnderAHold) {
   }
   daemon_state.cmd_chpid = children[1];
   EXPECT_EQ(libbh_checklock(), 0) << "SIGUSR1 has given the lock back already";
-  ReleaseChildren(hold);  // one signal of each kind is pending for the three of them
+  block.Release();  // one signal of each kind is pending for the three of them
   EXPECT_EQ(libbh_checklock(), 1);
   EXPECT_EQ(daemon_state.cmd_chpid, 0);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
@@ -103,11 +103,11 @@ TEST_F(Daemon, NoHandlerRunsUnderAHold) {
 TEST_F(Daemon, WorkerLeavesTheServiceSocketToTheServer) {
   const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   daemon_state.sock = sock;
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t worker = ForkWorker();
   if (worker == 0) _exit(fcntl(sock, F_GETFD) == -1 ? 0 : 1);
   EXPECT_EQ(AwaitEnd(worker).si_status, 0) << "the worker has it too";
-  ReleaseChildren(hold);
+  block.Release();
   EXPECT_EQ(close(sock), 0) << "the server has lost it";
   daemon_state.sock = -1;
 }
@@ -147,10 +147,10 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
 
 TEST_F(Daemon, PidFileIsRemovedUnlessItNamesALivingServer) {
   const pid_t living = Start(Sleep);
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t ended = Start([] { return 0; });
   WaitForChild(ended, nullptr);
-  ReleaseChildren(hold);
+  block.Release();
   const struct {
     const char *name;
     string content;
@@ -254,7 +254,7 @@ TEST_F(Daemon, CrashWithAStuckLogEndsTheServer) {
   closelog();  // it may be connected already
   EXPECT_EQ(unlink("/dev/log"), 0);
   EXPECT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)), 0);
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   const pid_t server = Start([]() -> int {
     ClaimServer();
     WritePidFile("eth0", getpid());
@@ -265,7 +265,7 @@ TEST_F(Daemon, CrashWithAStuckLogEndsTheServer) {
   recv(log, &byte, 1, MSG_PEEK);  // it is in syslog from here on
   kill(server, SIGSEGV);
   EXPECT_EQ(AwaitEnd(server).si_status, SIGALRM);
-  ReleaseChildren(hold);
+  block.Release();
   EXPECT_FALSE(Exists(PID_FILE));
   close(log);
 }

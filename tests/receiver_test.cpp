@@ -162,10 +162,10 @@ TEST_F(Receiver, ProcessThatHasItsNumberByNowIsSpared) {
   const pid_t stranger = ForkStopped([] {});
   daemon_state.firm_down_chpid = stranger;
   EXPECT_EQ(GiveUp(), REFUSED);
-  const ChildHold hold = HoldChildren();
+  ChildSignalBlock block;
   kill(stranger, SIGCONT);
   EXPECT_EQ(AwaitEnd(stranger).si_status, 3);
-  ReleaseChildren(hold);
+  block.Release();
 }
 
 TEST_F(Receiver, IsStoppedAfterARefusedRequest) {

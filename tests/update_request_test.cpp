@@ -5,7 +5,7 @@
 
 using namespace fixture;
 
-using UpdateRequest = FirmwareTest;
+using UpdateAdmission = FirmwareTest;
 
 namespace {
 
@@ -42,7 +42,7 @@ void EnableAnotherClient() {
 
 }  // namespace
 
-TEST_F(UpdateRequest, AdmittedOneChoosesTheTarget) {
+TEST_F(UpdateAdmission, AdmittedOneChoosesTheTarget) {
   const Order for_array = {.type = 6, .size = 0x800000, .zip = "zip-word"};
   const struct {
     const char *name;
@@ -81,7 +81,7 @@ TEST_F(UpdateRequest, AdmittedOneChoosesTheTarget) {
     EXPECT_NE(Count(TRACE, lines), 0) << lines;
 }
 
-TEST_F(UpdateRequest, RefusedOneTellsWhy) {
+TEST_F(UpdateAdmission, RefusedOneTellsWhy) {
   const Order nothing_right = {.type = 3, .product = 0x11, .password = "fernGate"};
   const Order long_password = {.password = "FernGateLong", .zip = "zip-word"};
   const struct {
@@ -126,7 +126,7 @@ TEST_F(UpdateRequest, RefusedOneTellsWhy) {
     EXPECT_NE(Count(TRACE, lines), 0) << lines;
 }
 
-TEST_F(UpdateRequest, LockOfAnotherProcessComesFirst) {
+TEST_F(UpdateAdmission, LockOfAnotherProcessComesFirst) {
   const pid_t locker = ForkStopped([] { libbh_lock(); });
   for (const uint32_t product : {FIRST, ZEPH}) {
     Reset(product);
@@ -139,7 +139,7 @@ TEST_F(UpdateRequest, LockOfAnotherProcessComesFirst) {
   EXPECT_EQ(Count(TRACE, "ACP_FIRMUP2_REPLY NOW_LOCKING==libbh_lock() >>>>>>>>\n"), 1);
 }
 
-TEST_F(UpdateRequest, MayEndAnywhere) {
+TEST_F(UpdateAdmission, MayEndAnywhere) {
   const Bytes first = BodyOf({.zip = "zip-word"});
   const Bytes zeph = BodyOf({.product = ZEPH});
   for (size_t length = 0; length <= first.size(); ++length) {
@@ -155,7 +155,7 @@ TEST_F(UpdateRequest, MayEndAnywhere) {
 }
 
 // It counts with what stands behind it, up to a zero.
-TEST_F(UpdateRequest, PasswordBeforeAnArchivePasswordHasThirtyTwoBytes) {
+TEST_F(UpdateAdmission, PasswordBeforeAnArchivePasswordHasThirtyTwoBytes) {
   Bytes body = wire::Part(BodyOf({}), 0, 32);
   body.resize(24 + 32, 0x11);
   body.push_back(0);
