@@ -74,7 +74,7 @@ TEST(Convert, BodyNumbersFollowTheTable) {
 // The bytes end where the packet does, for the sanitizer to see.
 TEST(Convert, NothingOutsideOfThePacketIsTouched) {
   const Bytes whole = wire::Request(0x8080, Bytes(36));
-  for (const size_t size : {31, 33, 38, 67}) {
+  for (const size_t size : {31U, 33U, 38U, 67U}) {
     Bytes packet = wire::Part(whole, 0, size);
     SwapAcpHeader(packet, Conversion::TO_HOST);
     SwapAcpHeader(packet, Conversion::TO_WIRE);

@@ -18,7 +18,6 @@
 #include "daemon/state.h"
 #include "daemon/trace.h"
 #include "lib/libbh.h"
-#include "lib/shell.h"
 #include "tests/files.h"
 
 using fixture::AwaitEnd;
@@ -129,7 +128,6 @@ TEST_F(Daemon, ExitHappensAtTheNextWait) {
   } cases[] = {
       {"no wait", [] { return 2; }, 2, true},
       {"wait", WaitAgain, 0, false},
-      {"library's wait for a shell", [] { return RunShell("exit 2"); }, 0, false},
       {"library's sleep", [] { return libbh_sleep(0) + 2; }, 0, false},
       {"child's wait", ChildsWait, 2, true},
   };
