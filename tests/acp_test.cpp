@@ -82,15 +82,27 @@ TEST(Convert, NothingOutsideOfThePacketIsTouched) {
   }
 }
 
-TEST(Frame, ChecksumOfZeroIsSentAsItsOtherForm) {
-  Bytes packet(28, 0xEE);
-  wire::Append(packet, Hex("21 57"));
-  EXPECT_EQ(MakeIpUdpHeader(packet.data(), inet_addr("192.168.40.2"), 0xFFFFFFFF, htons(22936),
-                            htons(40000), 2, 0xFFFF),
-            30);
-  EXPECT_EQ(wire::Part(packet, 0, 28),
-            Hex("45 00 00 1e ff ff 00 00 40 11 92 25 c0 a8 28 02 ff ff ff ff 59 98 9c 40 00 0a "
-                "ff ff"));
+TEST(Frame, HeadersOfAnOddPayloadAndOfAZeroChecksum) {
+  const struct {
+    const char *name;
+    const char *payload;
+    const char *headers;
+  } cases[] = {
+      {"odd payload", "41 42 43 44 45",
+       "45 00 00 21 ff ff 00 00 40 11 92 22 c0 a8 28 02 ff ff ff ff 59 98 9c 40 00 0d 57 ca"},
+      {"checksum of zero", "21 57",
+       "45 00 00 1e ff ff 00 00 40 11 92 25 c0 a8 28 02 ff ff ff ff 59 98 9c 40 00 0a ff ff"},
+  };
+  for (const auto &test : cases) {
+    SCOPED_TRACE(test.name);
+    Bytes packet(28, 0xEE);
+    wire::Append(packet, Hex(test.payload));
+    const uint16_t total =
+        MakeIpUdpHeader(packet.data(), inet_addr("192.168.40.2"), 0xFFFFFFFF, htons(22936),
+                        htons(40000), static_cast<uint16_t>(packet.size() - 28), 0xFFFF);
+    EXPECT_EQ(total, packet.size());
+    EXPECT_EQ(wire::Part(packet, 0, 28), Hex(test.headers));
+  }
 }
 
 TEST(SendPacket, RefusesWhatDoesNotFitAFrame) {
