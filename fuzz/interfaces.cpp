@@ -4,8 +4,10 @@
 #include "fuzz/input.h"
 #include "lib/libbh.h"
 
+namespace {
+
 // Returns the lines of the interface's own.
-static HeapText Split(const std::string &name, size_t longest) {
+HeapText Split(const std::string &name, size_t longest) {
   char *own = nullptr;
   char *rest = nullptr;
   const int32_t result = libbh_SplitInterfaces(name.c_str(), &own, &rest);
@@ -17,7 +19,7 @@ static HeapText Split(const std::string &name, size_t longest) {
   return lines;
 }
 
-static void CutIntoLines(const char *cursor, size_t capacity) {
+void CutIntoLines(const char *cursor, size_t capacity) {
   std::string line(capacity, '\0');
   while (*cursor != '\0') {
     const char *const before = cursor;
@@ -25,6 +27,8 @@ static void CutIntoLines(const char *cursor, size_t capacity) {
     Require(cursor > before && length >= 0 && strlen(line.data()) < capacity);
   }
 }
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string_view text = InputText(data, size);

@@ -14,9 +14,12 @@
 #include "fuzz/input.h"
 
 using board::fuzz_stubs;
-static constexpr size_t PREFIX = 5;
 
-static DaemonState StartState() {
+namespace {
+
+constexpr size_t PREFIX = 5;
+
+DaemonState StartState() {
   open_trace_file("/dev/null");
   daemon_state.ifname = "eth0";
   PutFile("/etc/passwords", "root:*\n");
@@ -24,7 +27,7 @@ static DaemonState StartState() {
 }
 
 // Without a password file every password is accepted.
-static void Grant(uint8_t flags, const uint8_t *mac) {
+void Grant(uint8_t flags, const uint8_t *mac) {
   static constexpr uint32_t PRODUCTS[] = {0x10, 0x2001, 5, 0x2002};
   memcpy(daemon_state.enable_mac, mac, MAC_SIZE);
   daemon_state.enable_state = (flags & 1) != 0 ? 0 : -1;
@@ -38,7 +41,7 @@ static void Grant(uint8_t flags, const uint8_t *mac) {
 }
 
 // Takes a datagram off what is left, and gives its length. What lies behind it is not to be read.
-static size_t Receive(const uint8_t *data, size_t left) {
+size_t Receive(const uint8_t *data, size_t left) {
   if (left < ACP_HEADER_SIZE) return left;
   const int told = (data[0] | data[1] << 8) + (data[10] | data[11] << 8);
   const size_t longest = std::min(left, RECEIVE_BUFFER);
@@ -51,6 +54,8 @@ static size_t Receive(const uint8_t *data, size_t left) {
   dispatch(request);
   return size;
 }
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const DaemonState start = StartState();

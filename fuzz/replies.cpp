@@ -6,7 +6,9 @@
 
 using namespace bhctl;
 
-static void ShowBody(Bytes body) {
+namespace {
+
+void ShowBody(Bytes body) {
   const DiscoverInfo info = ReadDiscoverInfo(body);
   const PartitionInfo partition = ReadPartitionInfo(body);
   ReadDiskInfo(body);
@@ -18,6 +20,8 @@ static void ShowBody(Bytes body) {
   UsedText(partition.blocks, partition.blocks_free, partition.blocks_avail);
   SizeText(uint64_t{partition.blocks} * partition.block_size);
 }
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::vector<uint8_t> datagram(data, data + size);  // not a byte more is there

@@ -6,13 +6,15 @@
 #include "fuzz/input.h"
 #include "lib/libbh.h"
 
-static void ReadLease() {
+namespace {
+
+void ReadLease() {
   DhcpLease lease = {};
   libbh_ReadDhcpLease("eth0", &lease);
   Require(strnlen(lease.domain, sizeof(lease.domain)) <= 64);
 }
 
-static void ReadRoutes() {
+void ReadRoutes() {
   RouteEntry *list = nullptr;
   Require(libbh_GetRouteTable(&list) == 0 || list == nullptr);
   for (const RouteEntry *route = list; route != nullptr; route = route->next)
@@ -20,28 +22,45 @@ static void ReadRoutes() {
   libbh_FreeRouteList(list);
 }
 
-static void ReadCrontab() {
+void ReadCrontab() {
   NtpConfig config = {};
   libbh_GetNtpConfig(&config);
   config.enabled = 0;  // the time server is not asked
-  if (config.server != nullptr) Require(strlen(config.server) <= 255);
-  if (config.server != nullptr) libbh_SetNtpConfig(0, &config);
+  if (config.server != nullptr) {
+    Require(strlen(config.server) <= 255);
+    libbh_SetNtpConfig(0, &config);
+  }
   libbh_FreeNtpConfig(&config);
 }
 
+struct Table {
+  const char *name;
+  const char *path;
+  void (*read)();
+};
+constexpr Table TABLES[] = {
+    {"lease", "/etc/dhcpc/dhcpcd-eth0.info", ReadLease},
+    {"route", "/proc/net/route", ReadRoutes},
+    {"crontab", "/etc/crontab", ReadCrontab},
+};
+
 // The kernel's tables make way for one that can be written; the crontab's writer wants the lock.
-static bool Prepare() {
+bool Prepare() {
   return rename("/proc/net", "/proc/kernel-net") == 0 && mkdir("/proc/net", 0755) == 0 &&
          libbh_lock() == 0;
 }
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const bool prepared = Prepare();
   Require(prepared);
   std::string_view text = InputText(data, size);
   const std::string table = TakeLine(text);
-  if (table == "lease") PutFile("/etc/dhcpc/dhcpcd-eth0.info", text), ReadLease();
-  if (table == "route") PutFile("/proc/net/route", text), ReadRoutes();
-  if (table == "crontab") PutFile("/etc/crontab", text), ReadCrontab();
+  for (const Table &one : TABLES) {
+    if (table != one.name) continue;
+    PutFile(one.path, text);
+    one.read();
+  }
   return 0;
 }

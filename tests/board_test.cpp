@@ -15,7 +15,6 @@
 #include <fstream>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "board/board.h"
@@ -34,7 +33,7 @@ std::string ThisProgram() {
 // What this program does when a test runs it on a board.
 int SetClockAndPowerOff() {
   const struct timeval wanted { 981173106, 250000 };
-  return settimeofday(&wanted, nullptr) + reboot(RB_POWER_OFF);
+  return settimeofday(&wanted, nullptr) == 0 && reboot(RB_POWER_OFF) == 0 ? 0 : 1;
 }
 
 // Boards booted by this process, which enters its namespaces once.
@@ -200,7 +199,13 @@ TEST(BootTest, RunsACommandForRootAndForOthers) {
 }
 
 TEST(BootTest, SaysWhyThereIsNoBoard) {
-  const std::tuple<const char *, const char *, int, const char *> cases[] = {
+  struct Row {
+    const char *arguments;
+    const char *limit;  // of the kernel, set to 0; null: none
+    int exit_code;
+    const char *output;  // a part of it
+  };
+  const Row rows[] = {
       {"-- true", "/proc/sys/user/max_user_namespaces", 125, "user.max_user_namespaces"},
       {"--address 1.2.3/99 -- true", nullptr, 125, "1.2.3/99"},
       {"--file noslash -- true", nullptr, 2, "--file wants /PATH=TEXT"},
@@ -208,10 +213,11 @@ TEST(BootTest, SaysWhyThereIsNoBoard) {
       {"--boards 501", nullptr, 2, "--boards wants 1 to 500, not 501"},
       {"--boards 2 -- bash -c 'board 2 hostname'", nullptr, 0, "brackenhold-2\n"},
   };
-  for (const auto &[arguments, limit, exit_code, text] : cases) {
-    const board::Result result = EndOf(StartBoot(0, arguments, limit));
-    EXPECT_EQ(result.exit_code, exit_code) << text;
-    EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.arguments);
+    const board::Result result = EndOf(StartBoot(0, row.arguments, row.limit));
+    EXPECT_EQ(result.exit_code, row.exit_code);
+    EXPECT_NE(result.output.find(row.output), std::string::npos) << result.output;
   }
 }
 

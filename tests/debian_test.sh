@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The Debian packages install on a board, where the init script starts and stops the daemon, which goes
-# on as the new one when its package is replaced; purged they leave nothing. Wants the build folder.
+# The Debian packages install on a board. There the init script starts and stops the daemon, and a
+# new package restarts it. Purged packages leave nothing. Wants the build folder.
 set -euo pipefail
 build=$1 init=/etc/init.d/bh_servd pid_file=/var/run/bh_servd-eth0.pid
 if [ $# -eq 1 ]; then

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Sanitizers in the user's own flags take the place of the daemon's own C++ runtime and of the checks
-# of buffers, and C programs are linked with them. Wants the build folder, the generator, the C and
-# the C++ compiler.
+# Sanitizers in the user's own flags replace the daemon's own C++ runtime and the checks of buffers,
+# and C programs are linked with them. Wants the build folder, the generator, the C and the C++
+# compiler.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 folder=$1/flags-test generator=$2 c=$3 cxx=$4 status=0
@@ -24,7 +24,9 @@ wants() {  # the facts, then what CMake is told
   cmake -S . -B "$folder" -G "$generator" -Wno-dev -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_C_COMPILER="$c" -DCMAKE_CXX_COMPILER="$cxx" "${@:2}" >/dev/null
   shown=$(facts | sort -u | paste -sd ' ')
-  [ "$shown" = "$1" ] || { echo "CXXFLAGS=${CXXFLAGS:-} ${*:2}: wanted '$1', got '$shown'"; status=1; }
+  [ "$shown" = "$1" ] && return
+  echo "CXXFLAGS=${CXXFLAGS:-} ${*:2}: wanted '$1', got '$shown'"
+  status=1
 }
 
 wants '-D_FORTIFY_SOURCE=3 -nodefaultlibs' -DCMAKE_CXX_FLAGS=-g0

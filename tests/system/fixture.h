@@ -60,6 +60,8 @@ class ServingTest : public SystemTest {
   void SetUp() override;
 };
 
+constexpr char PID_FILE[] = "/var/run/bh_servd-eth0.pid";
+
 // Commands.
 constexpr uint16_t PING = 0x8040, DISCOVER = 0x8020, DISK = 0x8090, SPECIAL = 0x80A0;
 

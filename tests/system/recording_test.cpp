@@ -22,7 +22,7 @@ std::vector<Row> ReadRows() {
   std::ifstream file(WIRE_RECORDING);
   int line = 0;
   for (std::string text; std::getline(file, text);) {
-    line++;
+    ++line;
     const char kind = text.empty() ? '#' : text[0];
     if (kind == '#') continue;
     if (kind == ' ')
@@ -40,7 +40,7 @@ std::vector<int> Pattern(const std::string &text) {
   for (std::string word; words >> word;) {
     const size_t sign = word.find('x');
     const int times = sign == word.npos ? 1 : std::stoi(word.substr(sign + 1));
-    for (int i = 0; i < times; i++)
+    for (int i = 0; i < times; ++i)
       for (size_t at = 0; at < std::min(sign, word.size()); at += 2)
         pattern.push_back(word[at] == '?' ? ANY : std::stoi(word.substr(at, 2), nullptr, 16));
   }

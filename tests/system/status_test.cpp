@@ -1,8 +1,6 @@
-// Ping, disk, RAID and partition queries over the wire, and bhctl's rendering of them.
+// Disk, RAID and partition queries over the wire.
 
 #include <algorithm>
-#include <tuple>
-#include <utility>
 
 #include "tests/system/fixture.h"
 
@@ -53,7 +51,11 @@ TEST_F(Status, DiskWordsOfTheNamedDrive) {
   for (int i = 0; i < 32; ++i)
     wire::Append(hdb, Hex("b0 a0 01 00 02 00 03 00 04 00 05 00 06 00 07 00"));
   const std::string unterminated = "/proc/ide/hdb/" + std::string(50, '/');
-  const std::pair<Bytes, Bytes> cases[] = {
+  struct Row {
+    Bytes body;
+    Bytes words;
+  };
+  const Row rows[] = {
       {{}, hda},
       {Text("/proc/ide/hdb", 63), hda},
       {Text("/proc/ide/hdb", 64), hdb},
@@ -64,14 +66,17 @@ TEST_F(Status, DiskWordsOfTheNamedDrive) {
       {Text("/tmp/fifo", 64), Bytes(512)},
       {Text("/tmp/dir", 64), Bytes(512)},
   };
-  for (const auto &[body, words] : cases) {
-    const Bytes reply = Ask(Request(DISK, body));
-    EXPECT_EQ(Part(reply, 32), words) << testing::PrintToString(body);
-  }
+  for (const Row &row : rows)
+    EXPECT_EQ(Part(Ask(Request(DISK, row.body)), 32), row.words)
+        << testing::PrintToString(row.body);
 }
 
 TEST_F(Status, RaidListFollowsTheDiskConfiguration) {
-  const std::pair<const char *, const char *> cases[] = {
+  struct Row {
+    const char *config;
+    const char *entries;
+  };
+  const Row rows[] = {
       {"array1=\"raid5\"\narray2=\"off\"\n", "5 0 /mnt/array1\n2 0 /mnt/usbdisk2\n"},
       {"array1=\"off\"\narray2=\"raid1\"\n", "4 0 /mnt/array2\n2 0 /mnt/usbdisk2\n"},
       {"array1=\"raid1\"\narray2=\"jbod\"\ndisk1=\"normal\"\ndisk2=\"Normal\"\ndisk4=normal\n",
@@ -79,11 +84,12 @@ TEST_F(Status, RaidListFollowsTheDiskConfiguration) {
       {"", "2 0 /mnt/usbdisk2\n"},
   };
   ASSERT_EQ(OnBoard({"mount", "-t", "tmpfs", "usb", "/mnt/usbdisk2"}).exit_code, 0);
-  for (const auto &[config, entries] : cases) {
-    board::WriteFile(board, "/etc/korvo/diskinfo", config);
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.config);
+    board::WriteFile(board, "/etc/korvo/diskinfo", row.config);
     const Bytes reply = Ask(Request(RAID));
-    ASSERT_EQ(reply.size(), 768U);
-    EXPECT_EQ(Entries(reply), entries);
+    EXPECT_EQ(reply.size(), 768U);
+    EXPECT_EQ(Entries(reply), row.entries);
   }
   EXPECT_NE(Trace().find("GetRaidInfo : found usb2\n"), std::string::npos);
 
@@ -99,16 +105,20 @@ TEST_F(Status, RaidListFollowsTheDiskConfiguration) {
 TEST_F(Status, PartitionOfAPath) {
   const std::string deep = "/mnt/" + std::string(80, 'd');
   OnBoard({"mkdir", deep});
-  const std::pair<Bytes, std::string> cases[] = {
-      // the path is empty: of no file system
+  struct Row {
+    Bytes body;
+    std::string path;  // empty: of no file system
+  };
+  const Row rows[] = {
       {Text("/mnt", 64), "/mnt"},           {Text("/mnt"), "/mnt"},  // no NUL in the body
       {Text(deep, 90), deep.substr(0, 63)}, {Text("%n%n%n%n", 64), ""}, {{}, ""},
   };
-  for (const auto &[body, path] : cases) {
-    const Bytes reply = Ask(Request(PARTITION, body));
+  for (const Row &row : rows) {
+    SCOPED_TRACE(testing::PrintToString(row.body));
+    const Bytes reply = Ask(Request(PARTITION, row.body));
     ASSERT_EQ(reply.size(), 124U);
-    EXPECT_EQ(Number(reply, 28), path.empty() ? 0xFFFFFFFF : 0) << path;
-    EXPECT_EQ(TextAt(reply, 60), path);
+    EXPECT_EQ(Number(reply, 28), row.path.empty() ? 0xFFFFFFFF : 0);
+    EXPECT_EQ(TextAt(reply, 60), row.path);
   }
   const std::string trace = Trace();
   for (const char *lines :
@@ -120,33 +130,28 @@ TEST_F(Status, PartitionOfAPath) {
 #if !defined(__SANITIZE_ADDRESS__)  // its allocator does not pass the shim
 
 TEST_F(Status, WithoutMemoryForAReplyNoneIsSent) {
-  const std::tuple<uint16_t, const char *, std::string> cases[] = {
+  struct Row {
+    uint16_t command;
+    const char *fault;
+    const char *trace;
+  };
+  const Row rows[] = {
       {PING, "bh_servd/calloc=32:0", "ACP_Ping_Reply fail to allocate Memory\n"},
       {DISK, "bh_servd/calloc=544:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
       {RAID, "bh_servd/calloc=768:0", "ACP_Info_HDD_Reply fail to allocate Memory\n"},
       {DISCOVER, "bh_servd/calloc=320:0", "ACP_Discover_Reply fail to allocate Memory\r\n"},
       {PARTITION, "bh_servd/calloc=124:0", "ACP_Partition_Reply fail to allocate Memory\r\n"},
   };
-  for (const auto &[command, fail, trace] : cases) {
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.fault);
     StopDaemon();
-    EXPECT_EQ(OnBoard({"bh_servd", "-d", "-a", "/var/log/trace"}, fail).exit_code, 0);
+    EXPECT_EQ(OnBoard({"bh_servd", "-d", "-a", "/var/log/trace"}, row.fault).exit_code, 0);
     ASSERT_TRUE(AwaitServers(1));
-    wire::Send(client, Request(command));
-    EXPECT_TRUE(board::WaitFor([&, &end = trace] { return Trace().ends_with(end); })) << Trace();
-    const Bytes other = Ask(Request(command == RAID ? DISK : RAID));
-    EXPECT_EQ(other.size(), command == RAID ? 544U : 768U) << fail;
+    wire::Send(client, Request(row.command));
+    EXPECT_TRUE(board::WaitFor([&] { return Trace().ends_with(row.trace); })) << Trace();
+    const bool other_is_disk = row.command == RAID;
+    EXPECT_EQ(Ask(Request(other_is_disk ? DISK : RAID)).size(), other_is_disk ? 544U : 768U);
   }
 }
 
 #endif
-
-TEST_F(Status, BhctlShowsWhatTheApplianceAnswers) {
-  ExpectBhctl("ping", "02:0b:4a:00:00:10");
-  ExpectBhctl("ping --json", "\"mac\":\"02:0b:4a:00:00:10\"");
-  ExpectBhctl("disk", "exit 0");
-  ExpectBhctl("raid", "exit 0");
-  ExpectBhctl("partition /tmp", "/tmp");
-  ExpectBhctl("partition /none", "ACP_STATE_FAILURE\nexit 1");
-  StopDaemon();
-  ExpectBhctl("ping --timeout 0.2", "exit 3");
-}

@@ -33,11 +33,12 @@ TEST_F(Upgrade, ClientInstallsAnImageOnFlash) {
 TEST_F(Upgrade, StopRequestAroundTheWritingCountsAfterTheLastReply) {
   const string image = ClientFile("image");
   for (const string step : {"start", "stop"}) {
+    SCOPED_TRACE(step);
     board::WriteFile(board, "/run/stand-ins/fw_update.sh",
                      "[ $1 != " + step + " ] || bh_servd -t eth0");
     ExpectBhctl("upgrade " + image + " --type 1 --password admin", "exit 0");
-    EXPECT_TRUE(AwaitServers(0)) << step;
-    EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n")) << step;
+    EXPECT_TRUE(AwaitServers(0));
+    EXPECT_TRUE(AwaitSyslog("<24>kv_serv_exit() exit kv_servd. code=15\n"));
     board::WriteFile(board, board::SYSLOG, "");
     StartDaemon();
   }
