@@ -90,7 +90,7 @@ void Complain(Appliance &appliance, const Bytes &request, std::string_view what)
   const int code = request.size() > ACP_HEADER_SIZE ? request[ACP_HEADER_SIZE] : 0;
   printf("request 0x%02x%02x, first byte 0x%02x: %.*s\n", request[9], request[8], code,
          static_cast<int>(what.size()), what.data());
-  appliance.wrong++;
+  ++appliance.wrong;
 }
 
 // The next reply to what has been sent last.
@@ -106,7 +106,7 @@ Bytes Await(Appliance &appliance, const Bytes &request) {
 Bytes Ask(Appliance &appliance, Bytes request) {
   Put(request, 18, appliance.requester);
   wire::Send(appliance.client, request);
-  appliance.answered++;
+  ++appliance.answered;
   return Await(appliance, request);
 }
 
@@ -119,7 +119,7 @@ void Expect(Appliance &appliance, uint32_t state, const Bytes &request) {
 // meanwhile.
 void Discover(Appliance &appliance, int requesters) {
   for (int i = 0; i < requesters; ++i) {
-    appliance.requester++;
+    ++appliance.requester;
     appliance.discovered = Ask(appliance, Request(ACP_DISCOVER));
   }
 }
@@ -296,7 +296,7 @@ std::vector<Figure> CountProcesses(const Appliance &appliance) {
   Figure own = {"children", 0};
   Figure dead = {"zombies on the board", 0};
   for (const board::Process &process : board::Processes(appliance.board)) {
-    all.number++;
+    ++all.number;
     own.number += process.parent == appliance.server ? 1 : 0;
     dead.number += process.state == 'Z' ? 1 : 0;
   }

@@ -181,7 +181,7 @@ bool IsServed(const board::Board &board, int interfaces) {
 // asked.
 bool StartDaemon(const Boards &boards, int number) {
   const std::string &name = boards[0].config.interfaces[static_cast<size_t>(number) - 1].name;
-  const board::Descriptor said(memfd_create("said", MFD_CLOEXEC));
+  const Descriptor said(memfd_create("said", MFD_CLOEXEC));
   std::vector<pid_t> starts;
   starts.reserve(boards.size());
   for (const board::Board &board : boards)

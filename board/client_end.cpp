@@ -36,7 +36,7 @@ struct sockaddr_in Address(in_addr_t address, uint16_t port) {
 }
 
 int OpenCapture(const std::string &interface) {
-  board::Descriptor capture(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
+  Descriptor capture(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
   struct sockaddr_ll link = {};
   link.sll_family = AF_PACKET;
   link.sll_protocol = htons(ETH_P_ALL);

@@ -84,8 +84,8 @@ unsigned long CountNotes(int file, off_t end) {
   off_t at = 0;
   ssize_t length = 0;
   while ((length = pread(file, bytes, sizeof(bytes), at)) > 0) {
-    for (ssize_t i = 0; i < length && at + i < end; i++)
-      if (bytes[i] == '\n') lines++;
+    for (ssize_t i = 0; i < length && at + i < end; ++i)
+      if (bytes[i] == '\n') ++lines;
     at += length;
   }
   return lines - 1;
@@ -124,12 +124,12 @@ bool HasPlans() {
 
 bool FailsByVariable(const char *call, const char *argument) {
   ReadPlans();
-  for (size_t i = 0; i < plan_count; i++) {
+  for (size_t i = 0; i < plan_count; ++i) {
     Plan &plan = plans[i];
     if (strcmp(plan.call, call) != 0) continue;
     if (plan.argument != nullptr && (argument == nullptr || strcmp(plan.argument, argument) != 0))
       continue;
-    plan.seen++;
+    ++plan.seen;
     if (plan.nth != 0 && plan.seen != plan.nth) continue;
     errno = plan.error;
     return true;

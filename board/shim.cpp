@@ -145,7 +145,7 @@ void LogIoctl(unsigned long request, const char *subject, const uint8_t *bytes, 
   char line[256];
   int used =
       snprintf(line, sizeof(line), "ioctl %#lx %.128s%s", request, subject, size == 0 ? "" : " ");
-  for (size_t i = 0; i < size && i < 16; i++)
+  for (size_t i = 0; i < size && i < 16; ++i)
     used += snprintf(line + used, sizeof(line) - static_cast<size_t>(used), "%02x", bytes[i]);
   snprintf(line + used, sizeof(line) - static_cast<size_t>(used), "\n");
   LogCall(line);

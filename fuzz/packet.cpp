@@ -43,9 +43,13 @@ void Grant(uint8_t flags, const uint8_t *mac) {
 // Takes a datagram off what is left, and gives its length. What lies behind it is not to be read.
 size_t Receive(const uint8_t *data, size_t left) {
   if (left < ACP_HEADER_SIZE) return left;
-  const int told = (data[0] | data[1] << 8) + (data[10] | data[11] << 8);
+  const auto number = [data](size_t at) {
+    return static_cast<size_t>(data[at] | data[at + 1] << 8);
+  };
+  const size_t told =
+      number(offsetof(ACPHeader, header_size)) + number(offsetof(ACPHeader, option_size));
   const size_t longest = std::min(left, RECEIVE_BUFFER);
-  const size_t size = std::clamp(static_cast<size_t>(told), ACP_HEADER_SIZE, longest);
+  const size_t size = std::clamp(told, ACP_HEADER_SIZE, longest);
   alignas(8) static AcpRequest request = {.sock = -1, .peer_addr = 0x0128A8C0};
   ASAN_UNPOISON_MEMORY_REGION(request.packet, RECEIVE_BUFFER);
   memcpy(request.packet, data, size);
