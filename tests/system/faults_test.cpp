@@ -162,7 +162,7 @@ class Faults : public SystemTest {
         Serve();
       }
       if (test.locks) Ask(Special(0x0B));
-      EXPECT_TRUE(board::WaitFor([&] { return IsTidy(); }));
+      EXPECT_TRUE(board::WaitFor([&] { return IsTidy(); })) << Leftovers();
       if (!test.after.empty()) Ask(test.after);
     }
     ExpectAlive();

@@ -145,6 +145,10 @@ std::string SystemTest::Trace() {
   return board::ReadFile(board, TRACE_FILE);
 }
 
+std::string SystemTest::Leftovers() {
+  return OnBoard({"sh", "-c", "ps -eo pid,ppid,stat,args; cat /proc/sysvipc/sem"}).output;
+}
+
 bool SystemTest::AwaitSyslog(const std::string &text) {
   return board::WaitFor([&] { return Syslog().find(text) != std::string::npos; });
 }

@@ -46,6 +46,7 @@ class SystemTest : public testing::Test {
 
   std::string Syslog();  // "<priority>message" a line
   std::string Trace();
+  std::string Leftovers();  // processes and semaphores of the board, for failure messages
   bool AwaitSyslog(const std::string &text);
 
   board::Board board;

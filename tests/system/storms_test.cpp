@@ -37,9 +37,6 @@ class Storms : public SystemTest, public testing::WithParamInterface<int> {
   ptrdiff_t Processes() {
     return std::ssize(board::Processes(board));
   }
-  string ProcessNames() {
-    return OnBoard({"ps", "-eo", "pid,ppid,stat,args"}).output;
-  }
   std::vector<Bytes> Requests() {  // the first has the others accepted
     TakeKey();
     if (HasFatalFailure()) return std::vector<Bytes>(1);
@@ -65,7 +62,7 @@ class Storms : public SystemTest, public testing::WithParamInterface<int> {
     const pid_t storm = StartStorm(number, once);
     EXPECT_TRUE(board::WaitFor([&] {
       return !board::Exists(board, PID_FILE) && Processes() == idle + 1;
-    })) << ProcessNames();
+    })) << Leftovers();
     board::Wait(storm);
     EXPECT_EQ(Trace().find("exit kv_servd."), Trace().rfind("exit kv_servd."));
   }
