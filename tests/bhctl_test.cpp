@@ -231,18 +231,18 @@ string DiscoverBody() {
          "2023/12/31 23:59:59 long" + Hex("02BB00000002 000000");
 }
 
-Sighting Seen(uint8_t mac, const string &body, uint32_t state = ACP_STATE_OK) {
-  return Sightings({{{mac}, {}, "", state, ReplyBody(ACP_DISCOVER_REPLY, body), {}}}).front();
+Appliance Seen(uint8_t mac, const string &body, uint32_t state = ACP_STATE_OK) {
+  return AppliancesOf({{{mac}, {}, "", state, ReplyBody(ACP_DISCOVER_REPLY, body), {}}}).front();
 }
 
-string Shown(const vector<Sighting> &sightings, bool json, bool with_changes) {
+string Shown(const vector<Appliance> &appliances, bool json, bool with_changes) {
   testing::internal::CaptureStdout();
-  ShowSightings(sightings, json, with_changes);
+  ShowAppliances(appliances, json, with_changes);
   return testing::internal::GetCapturedStdout();
 }
 
 TEST(BhctlDiscover, ShowsEveryFieldOfAnAnswer) {
-  const vector<Sighting> seen = {Seen(2, DiscoverBody())};
+  const vector<Appliance> seen = {Seen(2, DiscoverBody())};
   const string table = Shown(seen, false, false);
   EXPECT_EQ(table.substr(table.find("\n192")),
             "\n192.168.12.11  255.255.254.0  host-of-16-bytes  Bracken?[1m?  1.10 (" + Letters(31) +
@@ -282,8 +282,8 @@ TEST(BhctlDiscover, MarksWhatCameWentAndMoved) {
   const string body = Field(Hex("0200000A"), 288);
   const string nearer = Field(Hex("03000009"), 288);
   const string named = Field(body.substr(0, 16) + "n", 288);
-  const vector<Sighting> before = {Seen(1, body), Seen(2, body), Seen(3, body), Seen(4, body)};
-  const vector<Sighting> now = Compare(
+  const vector<Appliance> before = {Seen(1, body), Seen(2, body), Seen(3, body), Seen(4, body)};
+  const vector<Appliance> now = Compare(
       before, {Seen(5, body), Seen(4, body), Seen(2, nearer), Seen(3, named), Seen(6, body, 9)});
   const struct {
     uint8_t mac;
@@ -329,7 +329,7 @@ TEST(BhctlSpecial, WhatLosesDataAsksFirst) {
     properties[string(row.name).append(" ").append(row.word)] = row.properties;
   for (const char *risky : {"reboot ", "shutdown ", "boot disk", "config load", "web-reset ",
                             "set-mac ", "raid create raid5", "test disk", "test usb", "remove "})
-    EXPECT_TRUE(properties.at(risky) & ASKS) << risky;
+    EXPECT_TRUE(properties.at(risky) & NEEDS_CONFIRMATION) << risky;
   for (const char *harmless : {"enable ", "blink ", "config save", "lock take", "checksum "})
     EXPECT_EQ(properties.at(harmless), 0U) << harmless;
 }
@@ -337,7 +337,7 @@ TEST(BhctlSpecial, WhatLosesDataAsksFirst) {
 TEST(BhctlPassword, IsHashedAsTheAccountDatabaseDoes) {
   EXPECT_EQ(HashPassword("FernGate", "ab"), "abcHKXPavTczo");
   EXPECT_EQ(HashPassword("a b~", "./"), "./PT/GPNImiiI");
-  const string salt = InventSalt();
+  const string salt = RandomSalt();
   EXPECT_EQ(HashPassword("FernGate", salt).substr(0, 2), salt);
 }
 
@@ -381,7 +381,7 @@ TEST(BhctlUpgrade, ImagesFitTheProtocolAndHaveAChecksum) {
       {"abcdefgh", 8, 0xC6C8CACC, ""},
       {string(65536, 1) + "abcde", 65541, 0x06A2A364, ""},  // more than a piece
       {"", 0, 0, "empty"},
-      {"", 4294967040, 0, "larger than the 4294967039 bytes that the protocol has room for"},
+      {"", 4294967040, 0, "larger than 4294967039 bytes, the protocol's limit"},
   };
   for (const auto &each : cases) {
     SCOPED_TRACE(each.size);
@@ -534,7 +534,7 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
     string arguments;
     const char *message;
   } cases[] = {
-      {"", "a command is needed"},
+      {"", "a command is required"},
       {"--json partitoin /", "unknown command 'partitoin', did you mean 'partition'?\n"},
       {"-i lo ping ping", "unexpected argument 'ping'"},
       {"-i lo raid --colour", "unknown option '--colour'"},
@@ -547,7 +547,7 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
       {"-i lo ping --timeout 0", "--timeout must be greater than 0"},
       {"-i lo ping --timeout 86401", "--timeout must be greater than 0"},
       {"ping -i ''", "--interface needs a name"},
-      {"-i lo ping --password a --password-stdin", "exclude each other"},
+      {"-i lo ping --password a --password-stdin", "cannot be combined"},
       {"-i lo upgrade x", "--type is required"},
       {"-i lo upgrade x --type 0x2 --product 4294967296", "--product must be a number from 0"},
       {"-i lo upgrade x --type 2 --zip-password ''", "--zip-password must not be empty"},
@@ -557,15 +557,15 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
       {"-i lo upgrade " + image + "--zip-password a --password 123456789", "at most 8 bytes"},
       {"-i lo upgrade " + image + "--password-stdin", "no password on standard input"},
       {"-i lo boot disc --yes", "SYSTEM must be one of emergency, disk, not 'disc'"},
-      {"-i lo boot disk", "boot disk asks before it is done: give --yes"},
+      {"-i lo boot disk", "boot disk needs confirmation: give --yes"},
       {"-i lo raid create raid6 --yes", "KIND must be one of normal, jbod, raid1, raid5, not"},
       {"-i lo test ups /dev/sda", "unexpected argument '/dev/sda'"},
-      {"-i lo set-mac 03:00:00:00:00:01 --yes", "not a MAC address of one interface"},
+      {"-i lo set-mac 03:00:00:00:00:01 --yes", "not a unicast MAC address"},
       {"-i lo enable --pass-phrase " + Letters(33), "the pass phrase can have at most 32 bytes"},
-      {"-i lo passwd --password a --new-password 123456789", "1 to 8 characters"},
-      {"-i lo set", "nothing is given to be set"},
-      {"-i lo set --ip 10.0.0.1", "--ip and --netmask go together"},
-      {"-i lo set --ip 10.0.0.1 --netmask 255.0.0.0", "set --ip 10.0.0.1 asks before it is done"},
+      {"-i lo passwd --password a --new-password 123456789", "1 to 8 ASCII characters"},
+      {"-i lo set", "nothing to change"},
+      {"-i lo set --ip 10.0.0.1", "--ip and --netmask must be given together"},
+      {"-i lo set --ip 10.0.0.1 --netmask 255.0.0.0", "set --ip 10.0.0.1 needs confirmation"},
       {"-i lo set --hostname " + Letters(17), "--hostname must have 1 to 16 bytes"},
       {"-i lo set --time '2000-12-31 00:00:00'", "--time must be now or"},
       {"-i bh-no-such-if set --time 2100-03-01T23:59:59 --timezone -840", "no such interface"},

@@ -1,5 +1,5 @@
-// The request brings the new password as the account database stores it. Beside the old password,
-// which proves who asks, it has room for 16 bytes of that: the shortest form of crypt(3) fits.
+// The request carries the hash that the account database will store, and the old password as proof.
+// It has 16 bytes for the hash, so only the traditional DES form of crypt(3) fits.
 
 #include "tools/bhctl/change_password.h"
 
@@ -35,7 +35,7 @@ int ReadPasswords(const Options &options, Secret &old_password, Secret &hash) {
     new_password = *given;
   if (status == EXIT_DONE) status = NeedNewPassword(new_password, text);
   if (status != EXIT_DONE) return status;
-  hash = {HashPassword(text, InventSalt()), HASH_CAPACITY, "the hash"};
+  hash = {HashPassword(text, RandomSalt()), HASH_CAPACITY, "the hash"};
   if (!hash.text.empty()) return EXIT_DONE;
   PrintError("this machine cannot hash the new password");
   return EXIT_NO_ANSWER;
@@ -73,7 +73,7 @@ int Passwd(const Options &options) {
   status = OpenSession(options, secrets, session);
   if (status != EXIT_DONE) return status;
   const Options chosen = SessionOptions(options, session);
-  status = AuthorizeOrTell(chosen, session, credentials);
+  status = AuthorizeOrReport(chosen, session, credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
   const Request request = MakePasswordChangeRequest(

@@ -1,5 +1,5 @@
-// Requests go out as limited broadcasts, and the replies come back as such, from whatever source
-// address: an appliance whose address does not fit this network is reached all the same.
+// Requests and replies are limited broadcasts, and replies may have any source address. So an
+// appliance with an address from another network is reached, too.
 
 #include "tools/bhctl/client.h"
 
@@ -30,10 +30,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::milliseconds;
 
-// Answers to a broadcast come in a burst; this long a silence ends it.
-constexpr Milliseconds SILENCE{250};
-// Room in the socket for the burst of a large network. The kernel counts 1 to 2.5 KB for a
-// datagram, however short, and grants twice what is asked for.
+// Answers to a broadcast arrive in a burst. The burst is over after this time without an answer.
+constexpr Milliseconds QUIET_TIME{250};
+// Holds the burst of a large network. The kernel accounts 1 to 2.5 KB for even a short datagram,
+// and doubles the requested size.
 constexpr int RECEIVE_BUFFER = 4 * 1024 * 1024;
 
 struct IfAddrsDeleter {
@@ -73,7 +73,7 @@ void MarkIpv4(const ifaddrs &entry, std::vector<Interface> &interfaces) {
     if (interface.name == name) interface.has_ipv4 = true;
 }
 
-// Every Ethernet interface of this machine; none when the system does not list them.
+// Every Ethernet interface of this machine; empty if the system call fails.
 std::vector<Interface> ListInterfaces() {
   ifaddrs *first = nullptr;
   std::vector<Interface> interfaces;
@@ -92,8 +92,7 @@ bool CanBroadcast(const Interface &interface) {
   return (interface.flags & IFF_UP) != 0 && (interface.flags & IFF_BROADCAST) != 0;
 }
 
-// A named interface need not have an address: that is how a new appliance is reached from a new
-// machine.
+// A named interface needs no IPv4 address, so a new machine can reach a new appliance.
 int ChooseNamed(const std::string &name, std::vector<Interface> &interfaces) {
   if (if_nametoindex(name.c_str()) == 0) {
     PrintError("no such interface: " + name);
@@ -103,7 +102,8 @@ int ChooseNamed(const std::string &name, std::vector<Interface> &interfaces) {
     return interface.name != name || !CanBroadcast(interface);
   });
   if (!interfaces.empty()) return EXIT_DONE;
-  PrintError("interface " + name + " is down or is no Ethernet interface that can broadcast");
+  PrintError("interface " + name +
+             " is down, or is not an Ethernet interface that supports broadcast");
   return EXIT_NO_ANSWER;
 }
 
@@ -114,25 +114,25 @@ int ChooseInterfaces(const std::string &name, std::vector<Interface> &interfaces
     return !interface.has_ipv4 || !CanBroadcast(interface);
   });
   if (!interfaces.empty()) return EXIT_DONE;
-  PrintError("no usable interface: none is up, can broadcast and has an IPv4 address");
+  PrintError("no usable interface: none is up, supports broadcast and has an IPv4 address");
   return EXIT_NO_ANSWER;
 }
 
-// Beyond the system's limit only the administrator gets room.
+// SO_RCVBUFFORCE exceeds the system's limit, but needs CAP_NET_ADMIN.
 void WidenReceiveBuffer(const Descriptor &socket) {
   constexpr socklen_t SIZE = sizeof(RECEIVE_BUFFER);
   if (setsockopt(socket.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, SIZE) != 0)
     setsockopt(socket.Get(), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, SIZE);
 }
 
-// The port is the system's choice: the appliance answers to the port that it was asked from.
-// Bound to `interface` unless that is empty.
+// Any local port will do: the appliance replies to the port that the request came from. Binds the
+// socket to `interface` unless that is empty.
 int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   const int on = 1;
   if (!socket.IsOpen()) return SystemFailure("cannot open a socket", errno);
   WidenReceiveBuffer(socket);
   if (setsockopt(socket.Get(), IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)) != 0)
-    return SystemFailure("cannot learn the interface of answers", errno);
+    return SystemFailure("cannot enable IP_PKTINFO", errno);
   if (setsockopt(socket.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)) != 0)
     return SystemFailure("cannot broadcast", errno);
   if (!interface.empty() && setsockopt(socket.Get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
@@ -146,7 +146,7 @@ int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   return EXIT_DONE;
 }
 
-// The interface is named with the datagram, so that no routing table has a say in it.
+// IP_PKTINFO selects the interface, whatever the routing table says.
 bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> datagram) {
   sockaddr_in everyone = {};
   everyone.sin_family = AF_INET;
@@ -171,7 +171,7 @@ bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> 
   return sendmsg(socket.Get(), &message, 0) >= 0;
 }
 
-// Leaves the interfaces that the request went out on.
+// Removes the interfaces that the request could not be sent on.
 void SendRequest(const Descriptor &socket, const Request &request, const Mac &dst_mac,
                  std::vector<Interface> &interfaces) {
   std::erase_if(interfaces, [&](const Interface &interface) {
@@ -182,7 +182,7 @@ void SendRequest(const Descriptor &socket, const Request &request, const Mac &ds
   });
 }
 
-// Takes a datagram out of the socket if one is there; its length, or less than 0.
+// Reads a datagram without waiting. Returns its length, or a negative number if there is none.
 ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int &interface_index) {
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
   iovec part = {datagram.data(), datagram.size()};
@@ -208,11 +208,11 @@ bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
   return watched[0].revents != 0;
 }
 
-// Waits for one datagram until `deadline` or an interrupt; nothing when it is malformed or none
-// came. In a burst the socket is emptied without a wait between two datagrams.
+// Waits for one datagram until `deadline` or an interrupt. Returns nullopt if none came or if it is
+// malformed. Reads before it polls, so a burst costs one system call per datagram.
 std::optional<Reply> ReceiveReply(const Exchange &exchange, Clock::time_point deadline,
                                   const Descriptor &interrupt, int &interface_index) {
-  uint8_t datagram[MAX_REPLY + 1];  // one more, so that a longer one shows
+  uint8_t datagram[MAX_REPLY + 1];  // one more byte reveals a longer one
   ssize_t length = ReceiveNow(exchange.socket, datagram, interface_index);
   if (length < 0) {
     if (!WaitReadable(exchange.socket, interrupt, deadline)) return std::nullopt;
@@ -222,8 +222,8 @@ std::optional<Reply> ReceiveReply(const Exchange &exchange, Clock::time_point de
   return DecodeReply(Bytes(datagram, static_cast<size_t>(length)));
 }
 
-// The interface whose request named `mac`. Virtual interfaces may share an address; then the one
-// that the reply came in on.
+// The interface that sent its request from `mac`. If virtual interfaces share that address, the one
+// that received the reply.
 std::string AnsweredInterface(const std::vector<Interface> &asked, const Mac &mac, int index) {
   const Interface *found = nullptr;
   for (const Interface &interface : asked)
@@ -263,8 +263,7 @@ std::optional<Answer> NextAnswer(const Exchange &exchange, Clock::time_point dea
   return std::nullopt;
 }
 
-// False for an appliance that has answered already: one that several interfaces lead to does so
-// once for each.
+// False for a repeated answer: an appliance that several interfaces reach answers on each of them.
 bool AddAnswer(Answer answer, std::vector<Answer> &answers) {
   if (std::any_of(answers.begin(), answers.end(),
                   [&](const Answer &other) { return other.mac == answer.mac; }))
@@ -280,7 +279,7 @@ void Collect(const Exchange &exchange, std::chrono::microseconds timeout,
   while (std::optional<Answer> answer = NextAnswer(exchange, deadline, Descriptor())) {
     if (!AddAnswer(std::move(*answer), answers)) continue;
     if (exchange.wanted) return;
-    if (!exchange.request.whole_timeout) deadline = std::min(last, Clock::now() + SILENCE);
+    if (!exchange.request.whole_timeout) deadline = std::min(last, Clock::now() + QUIET_TIME);
   }
 }
 
@@ -289,7 +288,7 @@ void WarnOfOverflow(const Descriptor &socket) {
   socklen_t size = sizeof(memory);
   if (getsockopt(socket.Get(), SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
       memory[SK_MEMINFO_DROPS] != 0)
-    PrintError("answers are missing: they came faster than this machine took them");
+    PrintError("answers were lost: they arrived faster than this machine could read them");
 }
 
 }  // namespace

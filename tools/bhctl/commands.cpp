@@ -1,5 +1,5 @@
-// The commands that have code of their own stand here; the others are made from the table of
-// special commands.
+// COMMANDS lists the commands with code of their own. All others come from the table of special
+// commands.
 
 #include "tools/bhctl/commands.h"
 
@@ -19,63 +19,63 @@ namespace {
 
 const SubCommand COMMANDS[] = {
     {"discover",
-     "Find appliances and show what they tell of themselves",
-     {{"--watch", "ask again and again, mark what is new (+), gone (-) or moved (~)", false, true}},
+     "Find appliances and show their settings",
+     {{"--watch", "repeat; mark appliances that are new (+), gone (-) or moved (~)", false, true}},
      Discover},
     {"ping", "Check which appliances answer", {}, Ping},
     {"disk",
      "Show a drive's model, serial number and capacity",
-     {{"DIRECTORY", "the drive's directory on the appliance, /proc/ide/hda if not given", false}},
+     {{"DIRECTORY", "the drive's directory on the appliance; default: /proc/ide/hda", false}},
      Disk},
     {"raid",
-     "List arrays, disks and USB disks, or create an array, which loses all on the disks",
-     {{"ACTION", "create, for an array; the list if not given", false},
+     "List arrays, disks and USB disks, or create an array, which erases the disks",
+     {{"ACTION", "create, for an array; default: list", false},
       {"KIND", "of array: normal, jbod, raid1 or raid5", false}},
      RaidOrCreate},
     {"partition",
-     "Show the file system that a path is on",
+     "Show the file system that contains a path",
      {{"PATH", "path on the appliance", true}},
      Partition},
     {"exec",
-     "Run a command on one appliance, whose command mode must be enabled",
+     "Run a command on one appliance; needs its command mode",
      {{"COMMAND", "the command line, one argument", true},
       {"--type",
-       "0: its words in the background, 1: its words, 2: by a shell, its output for 'result', "
-       "3 (if not given): by a shell, its output is printed",
+       "0: in the background, without a shell; 1: without a shell; 2: in a shell, 'result' fetches "
+       "the output; 3: in a shell, print the output; default: 3",
        false}},
      Exec,
      std::chrono::seconds{60}},
-    {"result", "Fetch the output of a command that was run with --type 2", {}, Result},
+    {"result", "Fetch the output of an earlier exec --type 2", {}, Result},
     {"upgrade",
      "Install a firmware image on one appliance",
      {{"IMAGE", "the image file", true},
-      {"--type", "kind of image, which says where the appliance installs it", true},
-      {"--product", "product ID that the image is for, the appliance's own if not given", false},
-      {"--zip-password", "password of an image that is an archive", false},
-      {"--dry-run", "check all that can be checked and tell, but change nothing", false, true}},
+      {"--type", "type of the image: where the appliance installs it", true},
+      {"--product", "product ID of the image; default: the appliance's own", false},
+      {"--zip-password", "password of a ZIP archive", false},
+      {"--dry-run", "check the image and the appliance, but change nothing", false, true}},
      Upgrade,
      std::chrono::seconds{600}},
     {"set",
-     "Change one appliance's address, names and clock, by one request",
-     {{"--ip", "its IPv4 address, which asks first", false},
-      {"--netmask", "with --ip", false},
-      {"--dhcp", "address by DHCP; --ip and --netmask are for want of a lease", false, true},
+     "Change one appliance's address, names and clock in one request",
+     {{"--ip", "IPv4 address; asks for confirmation", false},
+      {"--netmask", "netmask; needs --ip", false},
+      {"--dhcp", "get the address by DHCP; --ip and --netmask are the fallback", false, true},
       {"--gateway", "default gateway", false},
       {"--hostname", "host name, 1 to 16 bytes", false},
       {"--workgroup", "workgroup, 1 to 16 bytes", false},
-      {"--time", "local time, \"YYYY-MM-DD HH:MM:SS\", or now: this machine's", false},
-      {"--timezone", "minutes from local time to UTC: -540 where it is nine hours ahead", false},
-      {"--initialised", "mark it as initialised", false, true}},
+      {"--time", "local time: \"YYYY-MM-DD HH:MM:SS\", or now for this machine's time", false},
+      {"--timezone", "UTC minus local time, in minutes: -540 for UTC+9", false},
+      {"--initialised", "mark the appliance as initialised", false, true}},
      Set,
      std::chrono::seconds{30}},
     {"passwd",
-     "Change the administrator's password, which the global options give",
-     {{"--new-password", "1 to 8 characters of ASCII, asked for if not given", false}},
+     "Change the administrator's password; the global options give the old one",
+     {{"--new-password", "1 to 8 ASCII characters; default: prompt", false}},
      Passwd,
      std::chrono::seconds{30}},
 };
 
-// Whether no command leads to the row yet.
+// Whether no command covers the row yet.
 bool IsNew(const std::vector<SubCommand> &commands, const Special &row) {
   const std::string name = std::string(row.name) + " ";
   return std::none_of(commands.begin(), commands.end(), [&](const SubCommand &command) {
@@ -95,11 +95,11 @@ std::string Words(const std::string &name) {
 }
 
 const char *OperandDescription(Operand operand) {
-  if (operand == Operand::DEVICE) return "device file of the drive on the appliance";
-  return operand == Operand::MAC ? "the new address" : "path on the appliance";
+  if (operand == Operand::DEVICE) return "the drive's device file on the appliance";
+  return operand == Operand::MAC ? "the new MAC address" : "path on the appliance";
 }
 
-// The command of the row, or of all rows of its name.
+// One command for all rows of the same name.
 SubCommand MakeCommand(const Special &row) {
   SubCommand command = {row.name, row.description, {}, RunSpecial, OWN_TIMEOUT};
   const SpecialGroup *group = FindGroup(row.name);

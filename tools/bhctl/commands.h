@@ -1,4 +1,4 @@
-// The table of commands, which the command line and its help are made from.
+// The table of commands. The command line and its help are generated from it.
 
 #ifndef BH_TOOLS_BHCTL_COMMANDS_H_
 #define BH_TOOLS_BHCTL_COMMANDS_H_
@@ -12,13 +12,13 @@
 namespace bhctl {
 
 struct Argument {
-  std::string name;  // "PATH" is told by its position, "--type" and flags by name
+  std::string name;  // "PATH" is positional, "--type" is an option
   std::string description;
   bool required;
   bool flag = false;  // has no value
 };
 
-// For a command that chooses by itself how long it waits when no timeout is given.
+// For a command that chooses its own default timeout.
 constexpr std::chrono::seconds OWN_TIMEOUT{0};
 
 struct SubCommand {
@@ -26,7 +26,7 @@ struct SubCommand {
   std::string description;
   std::vector<Argument> arguments;
   int (*run)(const Options &options);
-  std::chrono::seconds timeout{2};  // when none is given
+  std::chrono::seconds timeout{2};  // default
 };
 
 const std::vector<SubCommand> &Commands();

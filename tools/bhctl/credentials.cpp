@@ -1,5 +1,5 @@
-// The command mode admits one requester, by its MAC address: whoever enables it must be who asks
-// next, hence both in one session.
+// The appliance enables the command mode for one MAC address. So the request that needs it must
+// come from the same session.
 
 #include "tools/bhctl/credentials.h"
 
@@ -85,7 +85,8 @@ int Authorize(const Options &chosen, const Session &session, const Credentials &
   return status;
 }
 
-int AuthorizeOrTell(const Options &chosen, const Session &session, const Credentials &credentials) {
+int AuthorizeOrReport(const Options &chosen, const Session &session,
+                      const Credentials &credentials) {
   Refusal refusal;
   const int status = Authorize(chosen, session, credentials, refusal);
   if (status != EXIT_REFUSED) return status;
@@ -93,17 +94,19 @@ int AuthorizeOrTell(const Options &chosen, const Session &session, const Credent
 }
 
 std::string NotEnabledHint(const Session &session) {
-  if (session.invented)
-    return "the password cannot be sent under this machine's key, so that it asks as " +
-           MacText(session.src_mac) + ", which is not enabled: give --pass-phrase";
-  return "command mode is not enabled for this machine (" + MacText(session.src_mac) +
+  if (session.made_up_mac)
+    return "the password cannot be encoded under this machine's key, so bhctl used the made-up "
+           "MAC address " +
+           MacText(session.src_mac) +
+           "; the command mode is not enabled for it: give --pass-phrase";
+  return "the command mode is not enabled for this machine (" + MacText(session.src_mac) +
          "): give --pass-phrase or run 'bhctl enable'";
 }
 
 std::string NotVerifiedHint(const Session &session) {
-  if (session.invented) return NotEnabledHint(session);
-  return "command mode must be enabled for this machine and the administrator's password verified: "
-         "give --pass-phrase and --password, or run 'bhctl enable' and 'bhctl login'";
+  if (session.made_up_mac) return NotEnabledHint(session);
+  return "the command mode is not enabled for this machine, or the administrator's password is not "
+         "verified: give --pass-phrase and --password, or run 'bhctl enable' and 'bhctl login'";
 }
 
 }  // namespace bhctl

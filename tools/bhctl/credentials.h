@@ -1,5 +1,5 @@
-// The permissions that an appliance asks for: its command mode enabled by the requester, the
-// administrator's password verified.
+// Credentials, and the two requests that get them accepted: one enables the command mode, the other
+// verifies the administrator's password.
 
 #ifndef BH_TOOLS_BHCTL_CREDENTIALS_H_
 #define BH_TOOLS_BHCTL_CREDENTIALS_H_
@@ -15,27 +15,28 @@
 
 namespace bhctl {
 
-// `text` follows the code and `extra`, with a NUL behind it.
+// The body: code, `extra`, `text`, NUL.
 Request MakeSpecialRequest(uint8_t code, uint32_t extra, Bytes text);
 
-// What is got before a request, as far as the secrets are known; without one an earlier permission
-// may still hold.
+// Sent before a request that needs them. Both are optional: the appliance may have accepted them
+// earlier.
 struct Credentials {
   std::optional<Secret> pass_phrase;  // enables the command mode
-  std::optional<Secret> password;     // of the administrator, to be verified
+  std::optional<Secret> password;     // the administrator's
 };
 
 Secret PassPhrase(const std::string &text);
 Secret AdminPassword(const std::string &text);
 
-// The options' pass phrase, if they give one.
+// Only the pass phrase, if the options have one.
 Credentials CredentialsOf(const Options &options);
 
-// The same, and the administrator's password as ReadPassword gets it. A line that is left empty at
-// the terminal is none: one verified before may do. Returns as ReadPassword.
+// The pass phrase, and the administrator's password from ReadPassword. An empty line on the
+// terminal means no password: the appliance may have verified it earlier. Returns like
+// ReadPassword.
 int ReadCredentials(const Options &options, Credentials &credentials);
 
-// For OpenSession: what the credentials sends.
+// For OpenSession: the secrets that Authorize sends.
 std::vector<Secret> SecretsOf(const Credentials &credentials);
 
 // What the appliance refused, and what may help.
@@ -44,17 +45,18 @@ struct Refusal {
   std::string hint;
 };
 
-// Gets the permissions, in a session that was opened with their secrets. Returns EXIT_DONE,
-// EXIT_REFUSED with `refusal` told to nobody yet, or says what went wrong and returns another
-// ExitStatus.
+// Gets the credentials accepted. The session must have been opened with their secrets. Returns
+// EXIT_DONE; or EXIT_REFUSED, with `refusal` filled and nothing printed; or prints an error and
+// returns another ExitStatus.
 int Authorize(const Options &chosen, const Session &session, const Credentials &credentials,
               Refusal &refusal);
 
-// The same, and tells the refusal.
-int AuthorizeOrTell(const Options &chosen, const Session &session, const Credentials &credentials);
+// The same, but prints the refusal.
+int AuthorizeOrReport(const Options &chosen, const Session &session,
+                      const Credentials &credentials);
 
-// What to do where the command mode is not enabled for the session's requester; or where either
-// that or the verified password is missing.
+// Hints for ACP_STATE_NOT_PERMIT: the command mode is not enabled for the session's requester; and
+// for ACP_STATE_PASSWORD_ERROR: that, or the password is not verified.
 std::string NotEnabledHint(const Session &session);
 std::string NotVerifiedHint(const Session &session);
 

@@ -1,4 +1,4 @@
-// Datagrams are converted whole, by the table that the appliance uses too.
+// Whole datagrams are converted, with the same table that the daemon uses.
 
 #include "tools/bhctl/datagram.h"
 
@@ -25,7 +25,7 @@ void Append(std::vector<uint8_t> &body, Bytes more) {
   body.insert(body.end(), more.begin(), more.end());
 }
 
-// Every answer counts, and an appliance takes its time: it reads a dozen files for one.
+// Waits for the whole timeout: an appliance reads a dozen files before it answers.
 Request MakeDiscoverRequest() {
   return {ACP_DISCOVER, ACP_DISCOVER_REPLY, sizeof(DiscoverInfo), {}, true};
 }
@@ -38,7 +38,7 @@ Request MakeRaidRequest() {
   return {ACP_INFO_RAID, ACP_INFO_RAID_REPLY, sizeof(RaidInfo), {}};
 }
 
-// The appliance looks at the text only in a datagram of 96 bytes or more, hence the padding.
+// Padded because the appliance ignores the text in a datagram of less than 96 bytes.
 Request MakeDiskRequest(const std::string &directory) {
   Request request = {ACP_INFO_HDD, ACP_INFO_HDD_REPLY, sizeof(DiskInfo), {}};
   if (directory.empty()) return request;
@@ -70,8 +70,8 @@ std::vector<uint8_t> EncodeRequest(const Request &request, const Mac &src_mac, c
   return datagram;
 }
 
-// A ping reply is the request's header sent back alone, its option_size included, so that a bare
-// header is in order for it whatever the field says.
+// A ping reply is the header of the request, sent back without its body. So its option_size may be
+// anything.
 std::optional<Reply> DecodeReply(Bytes datagram) {
   if (datagram.size() < ACP_HEADER_SIZE) return std::nullopt;
   std::vector<uint8_t> packet(datagram.begin(), datagram.end());

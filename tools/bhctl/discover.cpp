@@ -1,4 +1,4 @@
-// One broadcast a round; all answers of a round are shown together.
+// Each round sends one broadcast and shows all its answers together.
 
 #include "tools/bhctl/discover.h"
 
@@ -60,105 +60,105 @@ std::string FirmwareCell(const DiscoverInfo &info) {
   return sub_version.empty() ? version : version + " (" + sub_version + ")";
 }
 
-std::vector<std::string> Row(const Sighting &sighting) {
-  const DiscoverInfo &info = sighting.info;
+std::vector<std::string> Row(const Appliance &appliance) {
+  const DiscoverInfo &info = appliance.info;
   return {AddressText(info.address),
           AddressText(info.netmask),
           FieldCell(info.host_name),
           FieldCell(info.product_name),
           FirmwareCell(info),
-          MacText(sighting.mac),
+          MacText(appliance.mac),
           (info.status & DISCOVER_DHCP_LEASE) != 0 ? "yes" : "no",
           StateCell(info),
           TimeText(info, ' ')};
 }
 
 void AddStatusJson(uint32_t status, Json &object) {
-  (object)["status"] = status;
-  (object)["dhcp"] = (status & DISCOVER_DHCP_LEASE) != 0;
-  (object)["dhcp_server"] = (status & DISCOVER_DHCP_SERVER) != 0;
-  (object)["initialized"] = (status & DISCOVER_INITIALIZED) != 0;
-  (object)["timer_sleep"] = (status & DISCOVER_TIMER_SLEEP) != 0;
-  (object)["timer_backup"] = (status & DISCOVER_TIMER_BACKUP) != 0;
+  object["status"] = status;
+  object["dhcp"] = (status & DISCOVER_DHCP_LEASE) != 0;
+  object["dhcp_server"] = (status & DISCOVER_DHCP_SERVER) != 0;
+  object["initialized"] = (status & DISCOVER_INITIALIZED) != 0;
+  object["timer_sleep"] = (status & DISCOVER_TIMER_SLEEP) != 0;
+  object["timer_backup"] = (status & DISCOVER_TIMER_BACKUP) != 0;
 }
 
 void AddVersionsJson(const DiscoverInfo &info, Json &object) {
-  (object)["firmware_major"] = info.firmware_major;
-  (object)["firmware_minor"] = info.firmware_minor;
-  (object)["product_id"] = info.product_id;
-  (object)["firmware_build_date"] = FieldText(info.firmware_build_date);
-  (object)["firmware_sub_version"] = FieldText(info.firmware_sub_version);
-  (object)["system_major"] = info.system_major;
-  (object)["system_minor"] = info.system_minor;
-  (object)["product_state"] = ProductStateName(info.product_state);
-  (object)["system_sub_version"] = FieldText(info.system_sub_version);
-  (object)["system_build_date"] = FieldText(info.system_build_date);
+  object["firmware_major"] = info.firmware_major;
+  object["firmware_minor"] = info.firmware_minor;
+  object["product_id"] = info.product_id;
+  object["firmware_build_date"] = FieldText(info.firmware_build_date);
+  object["firmware_sub_version"] = FieldText(info.firmware_sub_version);
+  object["system_major"] = info.system_major;
+  object["system_minor"] = info.system_minor;
+  object["product_state"] = ProductStateName(info.product_state);
+  object["system_sub_version"] = FieldText(info.system_sub_version);
+  object["system_build_date"] = FieldText(info.system_build_date);
 }
 
 void AddInfoJson(const DiscoverInfo &info, Json &object) {
-  (object)["address"] = AddressText(info.address);
-  (object)["netmask"] = AddressText(info.netmask);
+  object["address"] = AddressText(info.address);
+  object["netmask"] = AddressText(info.netmask);
   AddStatusJson(info.status, object);
-  (object)["key"] = WordText(DiscoverKey(info));
-  (object)["host_name"] = FieldText(info.host_name);
-  (object)["workgroup"] = FieldText(info.workgroup);
-  (object)["product_name"] = FieldText(info.product_name);
-  (object)["daemon_version"] = VersionText(info.daemon_version >> 8, info.daemon_version & 0xFFU);
-  (object)["time"] = TimeText(info, 'T');
-  (object)["gateway"] = AddressText(info.gateway);
+  object["key"] = WordText(DiscoverKey(info));
+  object["host_name"] = FieldText(info.host_name);
+  object["workgroup"] = FieldText(info.workgroup);
+  object["product_name"] = FieldText(info.product_name);
+  object["daemon_version"] = VersionText(info.daemon_version >> 8, info.daemon_version & 0xFFU);
+  object["time"] = TimeText(info, 'T');
+  object["gateway"] = AddressText(info.gateway);
   AddVersionsJson(info, object);
-  (object)["eth0_mac"] = MacText(std::to_array(info.eth0_mac));
+  object["eth0_mac"] = MacText(std::to_array(info.eth0_mac));
 }
 
-void ShowJson(const Sighting &sighting, bool with_changes) {
+void ShowJson(const Appliance &appliance, bool with_changes) {
   Json object;
-  if (with_changes) object["change"] = CHANGE_NAMES[static_cast<size_t>(sighting.change)];
-  object["mac"] = MacText(sighting.mac);
-  object["state"] = StateName(sighting.state);
-  if (sighting.state == ACP_STATE_OK) AddInfoJson(sighting.info, object);
+  if (with_changes) object["change"] = CHANGE_NAMES[static_cast<size_t>(appliance.change)];
+  object["mac"] = MacText(appliance.mac);
+  object["state"] = StateName(appliance.state);
+  if (appliance.state == ACP_STATE_OK) AddInfoJson(appliance.info, object);
   PrintJson(object);
 }
 
-void ShowTable(const std::vector<Sighting> &sightings, bool with_changes) {
+void ShowTable(const std::vector<Appliance> &appliances, bool with_changes) {
   std::vector<std::vector<std::string>> rows = {
       {"ADDRESS", "NETMASK", "HOST NAME", "PRODUCT", "FIRMWARE", "MAC", "DHCP", "STATE", "TIME"}};
   if (with_changes) rows[0].insert(rows[0].begin(), " ");
-  for (const Sighting &sighting : sightings) {
-    if (sighting.state != ACP_STATE_OK) continue;
-    rows.push_back(Row(sighting));
+  for (const Appliance &appliance : appliances) {
+    if (appliance.state != ACP_STATE_OK) continue;
+    rows.push_back(Row(appliance));
     if (!with_changes) continue;
     std::vector<std::string> &row = rows.back();
-    row.insert(row.begin(), CHANGE_MARKS[static_cast<size_t>(sighting.change)]);
+    row.insert(row.begin(), CHANGE_MARKS[static_cast<size_t>(appliance.change)]);
   }
   if (rows.size() > 1) PrintTable(rows);
 }
 
-bool ComesBefore(const Sighting &a, const Sighting &b) {
+bool ComesBefore(const Appliance &a, const Appliance &b) {
   return std::tie(a.info.address, a.mac) < std::tie(b.info.address, b.mac);
 }
 
-using ByMac = std::map<Mac, const Sighting *>;
+using ByMac = std::map<Mac, const Appliance *>;
 
-ByMac Index(const std::vector<Sighting> &sightings) {
+ByMac Index(const std::vector<Appliance> &appliances) {
   ByMac index;
-  for (const Sighting &sighting : sightings)
-    index.emplace(sighting.mac, &sighting);
+  for (const Appliance &appliance : appliances)
+    index.emplace(appliance.mac, &appliance);
   return index;
 }
 
-const Sighting *Find(const ByMac &index, const Mac &mac) {
+const Appliance *Find(const ByMac &index, const Mac &mac) {
   const auto found = index.find(mac);
   return found == index.end() ? nullptr : found->second;
 }
 
-Change ChangeSince(const Sighting *before, const Sighting &now) {
+Change ChangeSince(const Appliance *before, const Appliance &now) {
   if (before == nullptr) return Change::NEW;
   const bool same = before->info.address == now.info.address &&
                     FieldText(before->info.host_name) == FieldText(now.info.host_name);
   return same ? Change::NONE : Change::MOVED;
 }
 
-// Signals are let in only where nothing is half written.
+// SIGINT is blocked during output, so no line is cut off.
 void HoldInterrupt(int how) {
   sigset_t interrupt;
   sigemptyset(&interrupt);
@@ -173,11 +173,11 @@ void EndAtInterrupt() {
   HoldInterrupt(SIG_UNBLOCK);
 }
 
-// False when standard output takes no more.
-bool ShowRound(const std::vector<Sighting> &sightings, bool json) {
+// False if standard output cannot be written.
+bool ShowRound(const std::vector<Appliance> &appliances, bool json) {
   HoldInterrupt(SIG_BLOCK);
-  ShowSightings(sightings, json, true);
-  if (!json && !sightings.empty()) PrintLine("");
+  ShowAppliances(appliances, json, true);
+  if (!json && !appliances.empty()) PrintLine("");
   const bool written = fflush(stdout) == 0 && ferror(stdout) == 0;
   HoldInterrupt(SIG_UNBLOCK);
   return written;
@@ -185,13 +185,13 @@ bool ShowRound(const std::vector<Sighting> &sightings, bool json) {
 
 int Watch(const Options &options) {
   EndAtInterrupt();
-  std::vector<Sighting> before;
+  std::vector<Appliance> before;
   for (bool first = true;; first = false) {
     const Clock::time_point end = Clock::now() + options.timeout;
     std::vector<Answer> answers;
     const int status = Ask(options, MakeDiscoverRequest(), answers);
-    if (first && status == EXIT_USAGE) return status;  // later the interface may come back
-    const std::vector<Sighting> now = Sightings(answers);
+    if (first && status == EXIT_USAGE) return status;  // later, the interface may come back
+    const std::vector<Appliance> now = AppliancesOf(answers);
     if (!ShowRound(Compare(before, now), options.json)) return EXIT_NO_ANSWER;
     before = now;
     std::this_thread::sleep_until(end);
@@ -200,41 +200,41 @@ int Watch(const Options &options) {
 
 }  // namespace
 
-std::vector<Sighting> Sightings(const std::vector<Answer> &answers) {
-  std::vector<Sighting> sightings;
-  sightings.reserve(answers.size());
+std::vector<Appliance> AppliancesOf(const std::vector<Answer> &answers) {
+  std::vector<Appliance> appliances;
+  appliances.reserve(answers.size());
   for (const Answer &answer : answers)
-    sightings.push_back({answer.mac, answer.state, ReadDiscoverInfo(answer.body)});
-  std::sort(sightings.begin(), sightings.end(), ComesBefore);
-  return sightings;
+    appliances.push_back({answer.mac, answer.state, ReadDiscoverInfo(answer.body)});
+  std::sort(appliances.begin(), appliances.end(), ComesBefore);
+  return appliances;
 }
 
-std::vector<Sighting> Compare(const std::vector<Sighting> &before, std::vector<Sighting> now) {
+std::vector<Appliance> Compare(const std::vector<Appliance> &before, std::vector<Appliance> now) {
   const ByMac known = Index(before);
   const ByMac seen = Index(now);
-  std::vector<Sighting> gone;
-  for (const Sighting &earlier : before)
+  std::vector<Appliance> gone;
+  for (const Appliance &earlier : before)
     if (Find(seen, earlier.mac) == nullptr) gone.push_back(earlier);
-  for (Sighting &sighting : now)
-    sighting.change = ChangeSince(Find(known, sighting.mac), sighting);
-  for (Sighting &sighting : gone) {
-    sighting.change = Change::GONE;
-    now.push_back(sighting);
+  for (Appliance &appliance : now)
+    appliance.change = ChangeSince(Find(known, appliance.mac), appliance);
+  for (Appliance &appliance : gone) {
+    appliance.change = Change::GONE;
+    now.push_back(appliance);
   }
   std::sort(now.begin(), now.end(), ComesBefore);
   return now;
 }
 
-int ShowSightings(const std::vector<Sighting> &sightings, bool json, bool with_changes) {
+int ShowAppliances(const std::vector<Appliance> &appliances, bool json, bool with_changes) {
   int status = EXIT_DONE;
-  for (const Sighting &sighting : sightings) {
-    if (sighting.state != ACP_STATE_OK) status = EXIT_REFUSED;
+  for (const Appliance &appliance : appliances) {
+    if (appliance.state != ACP_STATE_OK) status = EXIT_REFUSED;
     if (json)
-      ShowJson(sighting, with_changes);
-    else if (sighting.state != ACP_STATE_OK)
-      PrintError(MacText(sighting.mac) + " refused: " + StateName(sighting.state));
+      ShowJson(appliance, with_changes);
+    else if (appliance.state != ACP_STATE_OK)
+      PrintError(MacText(appliance.mac) + " refused: " + StateName(appliance.state));
   }
-  if (!json) ShowTable(sightings, with_changes);
+  if (!json) ShowTable(appliances, with_changes);
   return status;
 }
 
@@ -243,7 +243,7 @@ int Discover(const Options &options) {
   std::vector<Answer> answers;
   const int status = Ask(options, MakeDiscoverRequest(), answers);
   if (status != EXIT_DONE) return status;
-  return ShowSightings(Sightings(answers), options.json, false);
+  return ShowAppliances(AppliancesOf(answers), options.json, false);
 }
 
 }  // namespace bhctl

@@ -1,4 +1,4 @@
-// The discover command: which appliances there are, once or again and again.
+// The discover command: lists the appliances, once or repeatedly.
 
 #ifndef BH_TOOLS_BHCTL_DISCOVER_H_
 #define BH_TOOLS_BHCTL_DISCOVER_H_
@@ -9,29 +9,28 @@
 
 namespace bhctl {
 
-// Since the round before.
+// Since the previous round.
 enum class Change { NONE, NEW, GONE, MOVED };  // moved: to another address or host name
 
-struct Sighting {
-  Mac mac = {};        // that the appliance answers with
+struct Appliance {
+  Mac mac = {};        // of the interface that answered
   uint32_t state = 0;  // AcpState
   DiscoverInfo info = {};
   Change change = Change::NONE;
 };
 
-// The answers by address; each counts as unchanged.
-std::vector<Sighting> Sightings(const std::vector<Answer> &answers);
+// Sorted by address; `change` is NONE.
+std::vector<Appliance> AppliancesOf(const std::vector<Answer> &answers);
 
-// `now` with what changed since `before`, and with what has gone since.
-std::vector<Sighting> Compare(const std::vector<Sighting> &before, std::vector<Sighting> now);
+// `now` with each `change` set, and with the appliances that are gone since `before`.
+std::vector<Appliance> Compare(const std::vector<Appliance> &before, std::vector<Appliance> now);
 
-// As a table or as JSON, with or without the changes; refusals go to standard error. Returns
-// EXIT_REFUSED when there is one, else EXIT_DONE.
-int ShowSightings(const std::vector<Sighting> &sightings, bool json, bool with_changes);
+// Prints a table or JSON; refusals go to standard error. Returns EXIT_REFUSED if there is a
+// refusal, else EXIT_DONE.
+int ShowAppliances(const std::vector<Appliance> &appliances, bool json, bool with_changes);
 
-// Returns the program's exit status; with argument --watch it does so only when there is no such
-// interface at the start, or when no result can be written, and SIGINT ends the program with
-// EXIT_DONE.
+// Returns the program's exit status. With argument --watch it repeats, and returns only if the
+// interface does not exist at the start or if output fails; SIGINT ends the program with EXIT_DONE.
 int Discover(const Options &options);
 
 }  // namespace bhctl

@@ -1,4 +1,4 @@
-// Word numbers are those of the ATA IDENTIFY DEVICE data.
+// The word numbers are those of ATA IDENTIFY DEVICE.
 
 #include "tools/bhctl/drive.h"
 
@@ -24,8 +24,7 @@ char Printable(int byte) {
   return byte >= 0x20 && byte <= 0x7E ? static_cast<char>(byte) : '?';
 }
 
-// The first character of a pair is in the word's high byte. The padding is blanks, with some drives
-// NULs.
+// The high byte of a word is the first character. Drives pad with blanks, some with NULs.
 std::string WordsText(const DiskInfo &info, size_t first, size_t last) {
   std::string bytes;
   for (size_t i = first; i <= last; ++i) {
@@ -40,7 +39,7 @@ std::string WordsText(const DiskInfo &info, size_t first, size_t last) {
   return text;
 }
 
-// Numbers of several words have the least significant word first.
+// The least significant word comes first.
 uint64_t WordsNumber(const DiskInfo &info, size_t first, size_t count) {
   uint64_t number = 0;
   for (size_t i = count; i > 0; --i)

@@ -1,4 +1,4 @@
-// What a drive says of itself in its ATA identification words.
+// Decodes the ATA identification words of a drive.
 
 #ifndef BH_TOOLS_BHCTL_DRIVE_H_
 #define BH_TOOLS_BHCTL_DRIVE_H_
@@ -17,14 +17,13 @@ struct DriveIdentity {
   uint64_t sectors = 0;  // of 512 bytes
 };
 
-// Texts come without the blanks around them, and with '?' for every byte that is not printable
-// ASCII.
+// Trims the texts. Bytes that are not printable ASCII become '?'.
 DriveIdentity IdentifyDrive(const DiskInfo &info);
 
-// Whether the appliance had anything to tell: it answers with zeros for a drive that it lacks.
+// False for a drive that does not exist: the appliance then answers with zeros.
 bool HasDriveInformation(const DiskInfo &info);
 
-// The drive's capacity; the largest number when the claimed count of sectors leaves 64 bits.
+// The capacity; UINT64_MAX if it does not fit into 64 bits.
 uint64_t DriveBytes(const DriveIdentity &drive);
 
 }  // namespace bhctl

@@ -1,5 +1,5 @@
-// A command is sent once, to one appliance, over one interface, and never again: neither a lost
-// request nor a lost reply shows, and a command need not be one that may run twice.
+// A command is sent once, to one appliance, over one interface. It is never repeated: a lost reply
+// looks like a lost request, and the command may not be safe to run twice.
 
 #include "tools/bhctl/exec.h"
 
@@ -20,12 +20,12 @@
 namespace bhctl {
 namespace {
 
-// What an appliance has room for.
+// Limits of the appliance.
 constexpr std::ptrdiff_t MAX_WORDS = 31;
 constexpr size_t MAX_WORDS_LENGTH = 511;  // bytes
-constexpr size_t MAX_TO_FILE = 511 - 23;  // " > " and the result file's name come to it
+constexpr size_t MAX_TO_FILE = 511 - 23;  // " > " and the result file's name are appended
 
-constexpr const char *NO_OPERATION = ":";  // to the shell
+constexpr const char *NO_OPERATION = ":";  // of the shell
 
 constexpr uint32_t MAX_WAIT_STATUS = 0xFFFF;
 constexpr int SIGNALLED = 128;
@@ -37,7 +37,7 @@ std::string TextOf(Bytes bytes) {
   return {bytes.begin(), std::find(bytes.begin(), bytes.end(), uint8_t{0})};
 }
 
-// A Linux wait status; its layout is the same on every machine.
+// The layout of a Linux wait status is the same on every machine.
 int ExitStatusOf(int wait_status) {
   const int signal = wait_status & SIGNAL_BITS;
   return signal != 0 ? SIGNALLED + signal : wait_status >> 8;
@@ -48,8 +48,8 @@ CommandOutcome WaitedOutcome(uint32_t result) {
   return {true, ExitStatusOf(static_cast<int>(result)), ""};
 }
 
-// The appliance's child ends with the low byte of what system() gave it. That byte holds the signal
-// that has ended the shell; of a command's own exit status nothing is left.
+// The appliance's child exits with the low byte of system()'s result. That byte has the signal that
+// ended the shell; the command's own exit status is lost.
 CommandOutcome ToFileOutcome(uint32_t result) {
   if (result > MAX_WAIT_STATUS) return {};
   const int status = static_cast<int>(result);
@@ -58,37 +58,37 @@ CommandOutcome ToFileOutcome(uint32_t result) {
   return {true, ExitStatusOf(status >> 8), ""};
 }
 
-// On a terminal nothing of it is a command to that; elsewhere it is left as it is.
+// Control characters are replaced on a terminal only.
 void PrintOutput(const std::string &output) {
   const std::string shown = isatty(STDOUT_FILENO) == 1 ? SafeLines(output) : output;
   fwrite(shown.data(), 1, shown.size(), stdout);
 }
 
-int Senseless(const Answer &answer) {
-  PrintError(MacText(answer.mac) + " sent an answer that makes no sense");
+int Malformed(const Answer &answer) {
+  PrintError(MacText(answer.mac) + " sent a malformed reply");
   return EXIT_NO_ANSWER;
 }
 
 int Refused(const Options &options, const Answer &answer, const std::string &advice) {
-  const std::string hint = "command mode must be enabled for this machine (" +
+  const std::string hint = "the command mode must be enabled for this machine (" +
                            MacText(answer.src_mac) +
-                           "): give --pass-phrase or run 'bhctl enable'; and " + advice;
-  // ACP_STATE_FAILURE tells nothing more.
+                           "): give --pass-phrase or run 'bhctl enable'; " + advice;
+  // ACP_STATE_FAILURE does not tell the reason.
   return ShowRefusal(options, answer.mac, answer.state,
                      answer.state == ACP_STATE_FAILURE ? hint : "");
 }
 
-// A wait status, or a body without output, is no refusal: the appliance had no process to spare.
+// A wait status, or a body without output, means that the appliance could not fork.
 int CommandRefused(const Options &options, Answer answer) {
   if (answer.state > MAX_WAIT_STATUS && answer.body.empty())
-    return Refused(options, answer, "no command may be running in the background");
+    return Refused(options, answer, "no background command may be running");
   answer.state = ACP_STATE_FAILURE;
   if (options.json) return Refused(options, answer, "");
   PrintError(MacText(answer.mac) + " could not start the command");
   return EXIT_REFUSED;
 }
 
-// False, with a message, when there is no such type or the command does not suit it.
+// Returns false with a message if the type is unknown or the command is too long for it.
 bool ReadArguments(const Options &options, std::string &text, uint32_t &type) {
   text = options.arguments.at("COMMAND");
   type = COMMAND_CAPTURED;
@@ -101,25 +101,25 @@ bool ReadArguments(const Options &options, std::string &text, uint32_t &type) {
   }
   if (FitsType(text, type)) return true;
   PrintError("COMMAND must have 1 to " + std::to_string(MAX_REQUEST_TEXT) +
-             " bytes; with --type 0 or 1 at most " + std::to_string(MAX_WORDS_LENGTH) + " and " +
-             std::to_string(MAX_WORDS) + " words, with --type 2 at most " +
-             std::to_string(MAX_TO_FILE));
+             " bytes; with --type 0 or 1 at most " + std::to_string(MAX_WORDS_LENGTH) +
+             " bytes and " + std::to_string(MAX_WORDS) + " words; with --type 2 at most " +
+             std::to_string(MAX_TO_FILE) + " bytes");
   return false;
 }
 
-// For one appliance over the interface that leads to it: two interfaces may well lead to the same
-// one, which would then run a command twice. Enables the command mode if the pass phrase is known.
+// Chooses one appliance and one interface: an appliance that two interfaces reach would run the
+// command twice. Enables the command mode if the pass phrase is known.
 int ChooseAppliance(const Options &options, Options &chosen) {
   const Credentials credentials = CredentialsOf(options);
   Session session;
   const int status = OpenSession(options, SecretsOf(credentials), session);
   if (status != EXIT_DONE) return status;
   chosen = SessionOptions(options, session);
-  return AuthorizeOrTell(chosen, session, credentials);
+  return AuthorizeOrReport(chosen, session, credentials);
 }
 
-// A command that was started in the background is answered like a refused one. What the appliance
-// makes of a command that does nothing tells them apart.
+// The reply to a background command is the same whether it was started or refused. So first a
+// command that does nothing shows whether the appliance accepts commands.
 int CheckPermission(const Options &options) {
   Answer answer;
   const int status = AskOne(options, MakeCommandRequest(NO_OPERATION, COMMAND_CAPTURED), answer);
@@ -141,7 +141,7 @@ void ShowOutcome(const Options &options, uint32_t type, const Answer &answer,
     PrintOutput(outcome.output);
   }
   if (outcome.output.size() == MAX_OUTPUT)
-    PrintError("the output may have been cut; --type 2 and 'bhctl result' give all of it");
+    PrintError("the output may be truncated; --type 2 and 'bhctl result' give all of it");
 }
 
 }  // namespace
@@ -206,29 +206,28 @@ int Exec(const Options &options) {
   if (status != EXIT_DONE) return status;
   Answer answer;
   status = AskOne(chosen, MakeCommandRequest(text, type), answer);
-  if (status == EXIT_NO_ANSWER) PrintError("the command may have been run all the same");
+  if (status == EXIT_NO_ANSWER) PrintError("the appliance may have run the command anyway");
   if (status != EXIT_DONE) return status;
   const std::optional<CommandOutcome> outcome = ReadOutcome(type, answer.state, answer.body);
-  if (!outcome) return Senseless(answer);
+  if (!outcome) return Malformed(answer);
   if (!outcome->ran) return CommandRefused(options, answer);
   ShowOutcome(options, type, answer, *outcome);
   return outcome->exit_status;
 }
 
-// The appliance hands out a line once; an empty one is the end.
+// Each reply has the next line. An empty line is the end.
 int Result(const Options &options) {
   Options chosen;
   int status = ChooseAppliance(options, chosen);
   while (status == EXIT_DONE) {
     Answer answer;
     status = AskOne(chosen, MakeResultRequest(), answer);
-    if (status == EXIT_NO_ANSWER) PrintError("a line of the result may be lost");
+    if (status == EXIT_NO_ANSWER) PrintError("one line of the output may be lost");
     if (status != EXIT_DONE) break;
     if (answer.state != ACP_STATE_OK)
-      return Refused(options, answer,
-                     "no command may be running now, one with --type 2 having run before");
+      return Refused(options, answer, "run exec --type 2 first, and wait for its end");
     const std::optional<std::string> line = DecodeResultLine(answer.body);
-    if (!line) return Senseless(answer);
+    if (!line) return Malformed(answer);
     if (line->empty()) break;
     if (options.json)
       PrintJson(

@@ -1,4 +1,4 @@
-// A firmware image in a file: what it must be, its checksum, its pieces.
+// Checks and reads image files.
 
 #include "tools/bhctl/image.h"
 
@@ -24,9 +24,7 @@ bool CheckFile(const struct stat &status, std::string &why) {
   if (!S_ISREG(status.st_mode)) return Fail("not a regular file", why);
   if (status.st_size == 0) return Fail("empty", why);
   if (status.st_size > off_t{MAX_IMAGE})
-    return Fail(
-        "larger than the " + std::to_string(MAX_IMAGE) + " bytes that the protocol has room for",
-        why);
+    return Fail("larger than " + std::to_string(MAX_IMAGE) + " bytes, the protocol's limit", why);
   return true;
 }
 
@@ -49,7 +47,7 @@ uint32_t AddToChecksum(uint32_t sum, Bytes piece) {
   return sum;
 }
 
-// Without O_NONBLOCK the open of a named pipe would wait for its writer.
+// O_NONBLOCK: opening a named pipe would wait for a writer.
 bool OpenImage(const std::string &path, Image &image, std::string &why) {
   image.path = path;
   image.file = Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -69,7 +67,7 @@ Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std:
         pread(image.file.Get(), buffer.data() + size, wanted - size, static_cast<off_t>(at + size));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
-      why = got < 0 ? strerror(errno) : "the file has become shorter";
+      why = got < 0 ? strerror(errno) : "the file became shorter";
       return {};
     }
     size += static_cast<size_t>(got);

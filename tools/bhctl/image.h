@@ -1,4 +1,4 @@
-// A firmware image in a file: read in pieces, since it may be larger than memory.
+// A firmware image in a file. It is read in pieces, since it may be larger than memory.
 
 #ifndef BH_TOOLS_BHCTL_IMAGE_H_
 #define BH_TOOLS_BHCTL_IMAGE_H_
@@ -12,7 +12,7 @@
 
 namespace bhctl {
 
-constexpr size_t IMAGE_PIECE = 65536;  // bytes; whole words of the checksum
+constexpr size_t IMAGE_PIECE = 65536;  // bytes; a multiple of the checksum's word
 // The appliance adds 256 bytes to the size, in 32 bits.
 constexpr uint32_t MAX_IMAGE = UINT32_MAX - 256;
 
@@ -23,17 +23,16 @@ struct Image {
   uint32_t checksum = 0;
 };
 
-// The sum of the bytes as 32-bit words whose most significant byte comes first, the last one filled
-// up with zeros; added to `sum`, that of the pieces before. Only the last piece may end within a
-// word.
+// Adds the piece as big-endian 32-bit words to `sum`, the checksum of the previous pieces. The last
+// word is padded with zeros. Only the last piece may end within a word.
 uint32_t AddToChecksum(uint32_t sum, Bytes piece);
 
-// Opens the file and reads it through. False, with what is wrong, unless it is a file that an
-// appliance can take.
+// Opens the file and computes its checksum. Returns false, with the reason in `why`, if the file
+// cannot be read or sent.
 bool OpenImage(const std::string &path, Image &image, std::string &why);
 
-// The piece that begins at byte `at`, up to IMAGE_PIECE bytes, in `room`, which has as many. Empty,
-// with what is wrong, when it cannot be read or the file has become shorter.
+// Reads the piece at byte `at` into `buffer`, which has IMAGE_PIECE bytes. Returns an empty span,
+// with the reason in `why`, if reading fails or the file became shorter.
 Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std::string &why);
 
 }  // namespace bhctl

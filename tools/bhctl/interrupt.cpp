@@ -1,5 +1,5 @@
-// A descriptor instead of a handler: a wait for it and for a socket is one poll, and no signal is
-// lost between a look and a wait.
+// With a signalfd instead of a handler, one poll waits for a signal and a socket, and no signal is
+// lost between a check and a wait.
 
 #include "tools/bhctl/interrupt.h"
 

@@ -1,5 +1,5 @@
-// Signals that ask the program to end (SIGINT, SIGTERM, SIGHUP), held back while something must be
-// undone first.
+// Holds back the signals that end the program (SIGINT, SIGTERM, SIGHUP) while there is something to
+// clean up first.
 
 #ifndef BH_TOOLS_BHCTL_INTERRUPT_H_
 #define BH_TOOLS_BHCTL_INTERRUPT_H_
@@ -8,17 +8,17 @@
 
 namespace bhctl {
 
-// From now on such a signal does nothing but make the result readable; one that was ignored stays
-// so. Without a descriptor to spare they go on ending the program.
+// From now on such a signal only makes the result readable. Ignored signals stay ignored. If no
+// descriptor is free, signals still end the program.
 Descriptor HoldInterrupts();
 
-// Whether one has come since; never without a descriptor.
+// Whether a signal is pending. Always false without a descriptor.
 bool Interrupted(const Descriptor &held);
 
-// Forgets those that have come.
+// Discards pending signals.
 void DropInterrupts(const Descriptor &held);
 
-// They end the program again, at once if one has come that was not dropped.
+// Signals end the program again; a pending one does so at once.
 void ReleaseInterrupts();
 
 }  // namespace bhctl

@@ -1,5 +1,5 @@
-// The command line of bhctl: global options, commands, usage errors. Every command's result is the
-// exit status.
+// The command line of bhctl: global options, commands, usage errors. Every command returns the exit
+// status.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -25,17 +25,15 @@ namespace {
 constexpr const char *FOOTER =
     "Exit status:\n"
     "  0  done\n"
-    "  1  the appliance refused; its state code is printed\n"
-    "  2  wrong usage, an image that cannot be sent, no interface of the given name, or a "
-    "question\n"
-    "     that was not answered with yes\n"
-    "  3  no answer came, or this machine could not send the request or the image, or write the "
+    "  1  the appliance refused; bhctl prints its state code\n"
+    "  2  usage error, unusable image, unknown interface, or no confirmation\n"
+    "  3  no answer, or this machine could not send the request or the image, or write the "
     "result\n"
-    "  exec --type 1: the command's own; the above come with a message then";
+    "  exec --type 1: the command's own status; with a message, one of the above";
 
 constexpr double MAX_TIMEOUT = 86400;  // seconds
 
-// What the parser stores, before it is checked.
+// The parser's results, not yet checked.
 struct CommandLine {
   std::string interface;
   std::string mac;
@@ -52,26 +50,26 @@ int UsageError(const std::string &message) {
 }
 
 void DeclareGlobalOptions(CLI::App &app, CommandLine &line, Options &options) {
-  app.add_option("-i,--interface", line.interface, "use this interface only")->type_name("NAME");
-  app.add_option("--mac", line.mac, "address one appliance, not all")->type_name("MAC");
+  app.add_option("-i,--interface", line.interface, "use only this network interface")
+      ->type_name("NAME");
+  app.add_option("--mac", line.mac, "address only this appliance")->type_name("MAC");
   app.add_option("--timeout", line.timeout,
-                 "wait this long for answers; if not given, 2 or as long as the command may take")
+                 "wait this long for answers; default: 2, or more for slow commands")
       ->type_name("SECONDS");
-  app.add_flag("--json", options.json, "print one JSON object a line for each appliance");
+  app.add_flag("--json", options.json, "print one JSON object per line for each appliance");
   app.add_option("--pass-phrase", line.pass_phrase,
-                 "pass phrase of the command mode, else BHCTL_PASS_PHRASE of the environment")
+                 "pass phrase of the command mode; default: $BHCTL_PASS_PHRASE")
       ->type_name("TEXT");
-  app.add_option("--password", line.password,
-                 "administrator's password, else BHCTL_PASSWORD of the environment")
+  app.add_option("--password", line.password, "administrator's password; default: $BHCTL_PASSWORD")
       ->type_name("TEXT");
   app.add_flag("--password-stdin", options.password_stdin,
                "read the administrator's password from standard input");
-  app.add_flag("--yes", options.assume_yes, "do without asking what else is asked about first");
+  app.add_flag("--yes", options.assume_yes, "do not ask for confirmation");
   app.set_version_flag("--version", "bhctl " BHCTL_VERSION, "print the version");
   app.set_help_flag("-h,--help", "print this help");
 }
 
-// Unknown words are left over for CheckLeftovers, which explains them better than the parser does.
+// Extra words are allowed here, because CheckLeftovers has better messages than the parser.
 void DeclareCommands(CLI::App &app, CommandLine &line) {
   app.fallthrough();
   app.allow_extras();
@@ -92,7 +90,7 @@ void DeclareCommands(CLI::App &app, CommandLine &line) {
   }
 }
 
-// Insertions, removals and replacements of a character that lead from one word to the other.
+// The number of inserted, removed and replaced characters between two words.
 size_t EditDistance(const std::string &from, const std::string &to) {
   std::vector<size_t> row(to.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});
@@ -109,21 +107,21 @@ size_t EditDistance(const std::string &from, const std::string &to) {
 }
 
 std::string UnknownCommand(const std::string &word) {
-  constexpr size_t SLIP = 2;  // two characters swapped count as two
+  constexpr size_t MAX_TYPO = 2;  // swapped characters count as two
   const auto best = std::min_element(
       Commands().begin(), Commands().end(), [&](const SubCommand &a, const SubCommand &b) {
         return EditDistance(word, a.name) < EditDistance(word, b.name);
       });
   std::string message = "unknown command '" + word + "'";
-  if (EditDistance(word, best->name) <= SLIP) message += ", did you mean '" + best->name + "'?";
+  if (EditDistance(word, best->name) <= MAX_TYPO) message += ", did you mean '" + best->name + "'?";
   return message;
 }
 
 int CheckLeftovers(const CLI::App &app) {
   std::vector<std::string> leftovers = app.remaining(true);
-  std::erase(leftovers, "--");  // the mark before a path that begins with '-'
+  std::erase(leftovers, "--");  // precedes a path that starts with '-'
   const bool command_found = !app.get_subcommands().empty();
-  if (leftovers.empty()) return command_found ? EXIT_DONE : UsageError("a command is needed");
+  if (leftovers.empty()) return command_found ? EXIT_DONE : UsageError("a command is required");
   const std::string &word = leftovers.front();
   if (word[0] == '-') return UsageError("unknown option '" + word + "'");
   if (command_found) return UsageError("unexpected argument '" + word + "'");
@@ -152,7 +150,7 @@ int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options &op
                             ? line.pass_phrase
                             : Environment("BHCTL_PASS_PHRASE").value_or("");
   if (app.count("--password") != 0 && options.password_stdin)
-    return UsageError("--password and --password-stdin exclude each other");
+    return UsageError("--password and --password-stdin cannot be combined");
   if (app.count("--password") != 0)
     options.password = line.password;
   else if (!options.password_stdin)

@@ -1,4 +1,4 @@
-// What the commands' own checks of their arguments share.
+// Helpers for commands that check their own arguments.
 
 #include "tools/bhctl/options.h"
 

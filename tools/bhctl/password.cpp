@@ -1,4 +1,4 @@
-// Passwords come from options, from standard input or from the terminal, in this order.
+// The order of sources: options, standard input, terminal.
 
 #include "tools/bhctl/password.h"
 
@@ -13,7 +13,7 @@
 namespace bhctl {
 namespace {
 
-// An end of input where a line was asked for.
+// After an end of input.
 int NoLine() {
   return UsageFailure("there is no password on standard input");
 }
@@ -40,7 +40,7 @@ int NeedPassword(const Options &options, std::string &password) {
   const int status = ReadPassword(options, read);
   if (status == EXIT_DONE && !read)
     return UsageFailure(
-        "the administrator's password is needed: give --password or --password-stdin");
+        "the administrator's password is required: give --password or --password-stdin");
   password = read.value_or("");
   return status;
 }
@@ -49,7 +49,7 @@ int NeedPassPhrase(const Options &options, std::string &pass_phrase) {
   pass_phrase = options.pass_phrase;
   if (!pass_phrase.empty()) return EXIT_DONE;
   if (!IsTerminal())
-    return UsageFailure("the pass phrase of the command mode is needed: give --pass-phrase");
+    return UsageFailure("the pass phrase of the command mode is required: give --pass-phrase");
   return ReadHidden("Pass phrase: ", pass_phrase) ? EXIT_DONE : NoLine();
 }
 
@@ -57,15 +57,16 @@ int NeedNewPassword(const std::optional<std::string> &given, std::string &passwo
   password = given.value_or("");
   if (!given) {
     if (!IsTerminal())
-      return UsageFailure("the new password is needed: give --new-password or BHCTL_NEW_PASSWORD");
+      return UsageFailure(
+          "the new password is required: give --new-password or BHCTL_NEW_PASSWORD");
     std::string again;
-    if (!ReadHidden("New password: ", password) || !ReadHidden("The same again: ", again))
+    if (!ReadHidden("New password: ", password) || !ReadHidden("Repeat new password: ", again))
       return NoLine();
-    if (again != password) return UsageFailure("they are not the same");
+    if (again != password) return UsageFailure("the passwords differ");
   }
   if (IsNewPassword(password)) return EXIT_DONE;
   return UsageFailure("a new password must have 1 to " + std::to_string(MAX_NEW_PASSWORD) +
-                      " characters of plain ASCII: the appliance would not look at more");
+                      " ASCII characters: the appliance ignores the rest");
 }
 
 std::string HashPassword(const std::string &password, const std::string &salt) {
@@ -76,7 +77,7 @@ std::string HashPassword(const std::string &password, const std::string &salt) {
   return text.size() == PASSWORD_HASH && text.starts_with(salt) ? text : "";
 }
 
-std::string InventSalt() {
+std::string RandomSalt() {
   constexpr char CHARACTERS[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
   std::random_device random;
   std::uniform_int_distribution<size_t> pick(0, sizeof(CHARACTERS) - 2);

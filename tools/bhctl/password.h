@@ -1,4 +1,4 @@
-// Where passwords come from, and how the account database stores them.
+// Reads passwords, and hashes them for the account database.
 
 #ifndef BH_TOOLS_BHCTL_PASSWORD_H_
 #define BH_TOOLS_BHCTL_PASSWORD_H_
@@ -10,27 +10,28 @@
 
 namespace bhctl {
 
-// The administrator's: the one that the options give, or a line of standard input if they say so.
-// Without either it is asked for when standard input is a terminal, and unset otherwise. What is
-// typed does not show. Returns EXIT_DONE, or says what is wrong and returns EXIT_USAGE.
+// The administrator's password: from the options, or from standard input if the options say so.
+// Otherwise prompts without echo if standard input is a terminal, or leaves `password` unset.
+// Returns EXIT_DONE, or prints an error and returns EXIT_USAGE.
 int ReadPassword(const Options &options, std::optional<std::string> &password);
 
-// The same, but unset is wrong too.
+// The same, but a missing password is an error.
 int NeedPassword(const Options &options, std::string &password);
 
-// The pass phrase of the command mode, from the options or the terminal. Returns as above.
+// The pass phrase of the command mode, from the options or the terminal. Returns like ReadPassword.
 int NeedPassPhrase(const Options &options, std::string &pass_phrase);
 
-// A new password of the administrator: `given`, or else from the terminal, twice. Returns as above,
-// EXIT_USAGE also for one that HashPassword cannot do justice to.
+// The administrator's new password: `given`, or else from the terminal, twice. Returns like
+// ReadPassword; EXIT_USAGE also for a password that is empty, too long or not ASCII.
 int NeedNewPassword(const std::optional<std::string> &given, std::string &password);
 
-constexpr size_t MAX_NEW_PASSWORD = 8;  // bytes; the rest would not count
-constexpr size_t PASSWORD_HASH = 13;    // bytes, the salt among them
+constexpr size_t MAX_NEW_PASSWORD = 8;  // bytes; crypt(3) ignores the rest
+constexpr size_t PASSWORD_HASH = 13;    // bytes, including the salt
 
-// crypt(3)'s DES form; the salt is two characters of "./0-9A-Za-z". Empty when the system lacks it.
+// The DES form of crypt(3). The salt is two characters of "./0-9A-Za-z". Returns an empty string if
+// the system does not support it.
 std::string HashPassword(const std::string &password, const std::string &salt);
-std::string InventSalt();
+std::string RandomSalt();
 
 }  // namespace bhctl
 

@@ -9,7 +9,7 @@
 namespace bhctl {
 namespace {
 
-// Characters of a UTF-8 text: its bytes but for the continuation bytes.
+// The number of UTF-8 characters: continuation bytes do not count.
 size_t TextWidth(const std::string &text) {
   return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
     return (static_cast<uint8_t>(byte) & 0xC0) != 0x80;

@@ -9,17 +9,17 @@
 
 namespace bhctl {
 
-using Json = nlohmann::ordered_json;  // keys stay in the order of the reply's fields
+using Json = nlohmann::ordered_json;  // keys keep the order of the reply's fields
 
-// "bhctl: " and the message as one line on standard error.
+// Prints "bhctl: " and the message on standard error.
 void PrintError(const std::string &message);
 
 void PrintLine(const std::string &line);
 
-// Columns as wide as their widest text. Rows may be short; texts are safe for a terminal already.
+// Aligns the columns. Rows may have fewer columns. The texts must be safe for a terminal.
 void PrintTable(const std::vector<std::vector<std::string>> &rows);
 
-// One line of plain ASCII; what is not UTF-8 in a text becomes U+FFFD.
+// Prints one line of ASCII. Bytes that are not UTF-8 become U+FFFD.
 void PrintJson(const Json &object);
 
 }  // namespace bhctl

@@ -1,4 +1,4 @@
-// How a refused request is told: the state that the appliance answered, and what may help.
+// Reports refused requests: the appliance's state code and a hint.
 
 #include "tools/bhctl/refusal.h"
 

@@ -1,4 +1,4 @@
-// How a refused request is told: the state that the appliance answered, and what may help.
+// Reports refused requests: the appliance's state code and a hint.
 
 #ifndef BH_TOOLS_BHCTL_REFUSAL_H_
 #define BH_TOOLS_BHCTL_REFUSAL_H_
@@ -17,17 +17,17 @@ struct Hint {
   const char *text;
 };
 
-// After a request that got no answer.
-constexpr const char *MAYBE_DONE = "it may have been done all the same";
+// For a request without an answer.
+constexpr const char *MAYBE_DONE = "the appliance may have carried out the request anyway";
 
-// Hints for ACP_STATE_NO_KEY, and for ACP_STATE_BAD_PRODUCT of a command that few products have.
-constexpr const char *KEY_EXPIRED = "its key for this machine has expired; try again";
-constexpr const char *OTHER_PRODUCTS = "only the products 0x2001 and 0x2002 do that";
+// Hints for ACP_STATE_NO_KEY, and for ACP_STATE_BAD_PRODUCT where few products have the command.
+constexpr const char *KEY_EXPIRED = "the key for this machine has expired; try again";
+constexpr const char *OTHER_PRODUCTS = "only products 0x2001 and 0x2002 support this";
 
-// Empty for a state that no hint is for.
+// Returns an empty string for a state without a hint.
 std::string HintFor(std::span<const Hint> hints, uint32_t state);
 
-// The state by name, for programs alone or with the hint, unless that is empty, for people. Returns
+// Prints the state's name, and the hint unless it is empty or the output is JSON. Returns
 // EXIT_REFUSED.
 int ShowRefusal(const Options &options, const Mac &mac, uint32_t state, const std::string &hint);
 

@@ -1,4 +1,5 @@
-// The appliance issues one key a requester, so that another key takes another requester's address.
+// The appliance issues one key per requester. To get another key, bhctl asks from a made-up MAC
+// address.
 
 #include "tools/bhctl/session.h"
 
@@ -15,12 +16,12 @@
 namespace bhctl {
 namespace {
 
-constexpr std::chrono::seconds DISCOVERY{2};  // at most; the request may take much longer
-// About 1 key in 9 does not suit a password of four blocks, and only 1 in 8 suits one of 64; each
-// password of a session counts.
-constexpr int MAX_KEYS = 24;
-// Keys that are issued in the same second are equal; a little more than one, for the other's clock.
-constexpr std::chrono::milliseconds NEXT_SECOND{1100};
+constexpr std::chrono::seconds DISCOVERY{2};  // at most; the request itself may take much longer
+// About 8 of 9 keys can encode a password of four blocks, but only 1 of 8 keys one of 64 blocks.
+// One key must suit all passwords of a session.
+constexpr int MAX_KEY_REQUESTS = 24;
+// Keys issued in the same second are equal. A little longer, for the appliance's clock.
+constexpr std::chrono::milliseconds KEY_INTERVAL{1100};
 
 bool IsPassword(const Secret &password) {
   return password.text.size() <= password.capacity && password.text.find('\0') == std::string::npos;
@@ -32,8 +33,8 @@ bool CanSend(const std::vector<Secret> &passwords, uint32_t key) {
   });
 }
 
-// A locally administered address that no other requester is likely to have.
-Mac InventMac() {
+// A random locally administered address.
+Mac MakeUpMac() {
   std::random_device random;
   std::uniform_int_distribution<unsigned int> byte(0, 0xFF);
   Mac mac = {0x02};
@@ -48,7 +49,7 @@ int DiscoverOne(Options options, Session &session) {
   const int status = Ask(options, MakeDiscoverRequest(), answers);
   if (status != EXIT_DONE) return status;
   if (answers.size() > 1) {
-    PrintError(std::to_string(answers.size()) + " appliances answer, choose one with --mac");
+    PrintError(std::to_string(answers.size()) + " appliances answer; choose one with --mac");
     return EXIT_USAGE;
   }
   const Answer &answer = answers.front();
@@ -57,14 +58,14 @@ int DiscoverOne(Options options, Session &session) {
              info,       options.src_mac.has_value()};
   if (answer.state == ACP_STATE_OK && session.key != 0) return EXIT_DONE;
   const std::string why = answer.state == ACP_STATE_OK ? "" : ": " + StateName(answer.state);
-  PrintError(MacText(answer.mac) + " issues no key" + why);
+  PrintError(MacText(answer.mac) + " issued no key" + why);
   return EXIT_REFUSED;
 }
 
 }  // namespace
 
-// The appliance decodes the first block, and each further one that begins before the first zero
-// byte of the encoded text.
+// The appliance always decodes the first block, but a further one only if it begins before the
+// first zero byte of the encoded text. Decoding here shows whether it gets the whole password.
 std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint32_t key) {
   if (!IsPassword(password)) return std::nullopt;
   const size_t blocks = (password.text.size() + CIPHER_BLOCK - 1) / CIPHER_BLOCK;
@@ -86,13 +87,13 @@ int OpenSession(const Options &options, const std::vector<Secret> &passwords, Se
   }
   int status = DiscoverOne(options, session);
   for (int keys = 1; status == EXIT_DONE && !CanSend(passwords, session.key); ++keys) {
-    if (keys == MAX_KEYS) {
-      PrintError(MacText(session.mac) + " issues no key that the password can be sent under");
+    if (keys == MAX_KEY_REQUESTS) {
+      PrintError(MacText(session.mac) + " issues no key that can encode the password");
       return EXIT_REFUSED;
     }
-    std::this_thread::sleep_for(NEXT_SECOND);
+    std::this_thread::sleep_for(KEY_INTERVAL);
     Options again = SessionOptions(options, session);
-    again.src_mac = InventMac();
+    again.src_mac = MakeUpMac();
     status = DiscoverOne(again, session);
   }
   return status;

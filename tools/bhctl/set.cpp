@@ -1,5 +1,5 @@
-// The appliance answers before it takes its new address, and tells only whether it can take that:
-// what else is wrong must show here.
+// The appliance answers before it takes the new address, and checks little else. So bhctl checks
+// the arguments.
 
 #include "tools/bhctl/set.h"
 
@@ -18,16 +18,16 @@
 namespace bhctl {
 namespace {
 
-constexpr size_t MAX_NAME = 16;      // bytes, of a host or a workgroup
-constexpr int32_t MAX_OFFSET = 840;  // minutes; nowhere is farther from UTC
-constexpr int FIRST_YEAR = 2001;     // that the appliance takes
+constexpr size_t MAX_NAME = 16;      // bytes of a host name or workgroup
+constexpr int32_t MAX_OFFSET = 840;  // minutes; no zone is farther from UTC
+constexpr int FIRST_YEAR = 2001;     // that the appliance accepts
 
-constexpr const char *NOT_TAKEN =
-    "a disk is being prepared, another program changes its settings, or it cannot take the "
-    "address; what else was to be set may have been set";
-constexpr const char *EMERGENCY = "it runs its emergency system, where nothing but --ip can be set";
-constexpr const char *EXPLANATION =
-    "The appliance will not be reached at its present address any more";
+constexpr const char *CHANGE_FAILED_HINT =
+    "a disk is being formatted, another program is changing the settings, or the address is not "
+    "usable; the other settings may have changed";
+constexpr const char *EMERGENCY_HINT = "the emergency system is running; it supports only --ip";
+constexpr const char *ADDRESS_WARNING =
+    "The appliance will no longer be reachable at its present address";
 
 int ReadAddress(const Options &options, const char *name, std::optional<uint32_t> &address) {
   const std::string *text = Given(options, name);
@@ -45,7 +45,7 @@ int ReadAddresses(const Options &options, Settings &settings) {
   if (status == EXIT_DONE) status = ReadAddress(options, "--gateway", settings.gateway);
   if (status != EXIT_DONE) return status;
   if (settings.address.has_value() != netmask.has_value())
-    return UsageFailure("--ip and --netmask go together");
+    return UsageFailure("--ip and --netmask must be given together");
   settings.netmask = netmask.value_or(0);
   return EXIT_DONE;
 }
@@ -62,7 +62,7 @@ int ReadName(const Options &options, const char *option, std::string &name) {
       std::none_of(name.begin(), name.end(), IsControl))
     return EXIT_DONE;
   return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(MAX_NAME) +
-                      " bytes, none of them a control character, and not begin with '-'");
+                      " bytes, no control characters, and no '-' at the start");
 }
 
 int ReadTime(const Options &options, Settings &settings) {
@@ -98,7 +98,7 @@ int ReadSettings(const Options &options, Settings &settings) {
   if (status == EXIT_DONE) status = ReadTime(options, settings);
   if (status == EXIT_DONE) status = ReadTimezone(options, settings);
   if (status == EXIT_DONE && options.arguments.empty())
-    return UsageFailure("nothing is given to be set, see 'bhctl set --help'");
+    return UsageFailure("nothing to change, see 'bhctl set --help'");
   return status;
 }
 
@@ -126,10 +126,11 @@ bool IsEmergency(const Session &session) {
   return session.info.product_state == PRODUCT_STATE_EMERGENCY;
 }
 
-// The emergency system would take the zeros of a request for DHCP as its address.
+// A request for DHCP has address 0, which the emergency system would use.
 int CheckSystem(const Session &session, const Settings &settings) {
   if (!IsEmergency(session) || !settings.dhcp) return EXIT_DONE;
-  PrintError(MacText(session.mac) + " runs its emergency system, which knows no DHCP");
+  PrintError(MacText(session.mac) +
+             " is running its emergency system, which does not support DHCP");
   return EXIT_REFUSED;
 }
 
@@ -148,7 +149,7 @@ int ShowRefused(const Options &chosen, const Session &session, uint32_t state) {
   if (state == ACP_STATE_PASSWORD_ERROR)
     hint = NotVerifiedHint(session);
   else if (state == ACP_STATE_FAILURE)
-    hint = IsEmergency(session) ? EMERGENCY : NOT_TAKEN;
+    hint = IsEmergency(session) ? EMERGENCY_HINT : CHANGE_FAILED_HINT;
   return ShowRefusal(chosen, session.mac, state, hint);
 }
 
@@ -158,13 +159,13 @@ int ShowDone(const Options &chosen, const Session &session, const Settings &sett
     if (settings.address && !settings.dhcp) object["address"] = AddressText(*settings.address);
     PrintJson(object);
   } else if (settings.dhcp) {
-    PrintLine("done; it asks for its address by DHCP now, see 'bhctl discover'");
+    PrintLine("done; the appliance now requests an address by DHCP, see 'bhctl discover'");
   } else if (settings.address) {
-    PrintLine("done; it takes the address " + AddressText(*settings.address) + " now");
+    PrintLine("done; the appliance now takes the address " + AddressText(*settings.address));
   } else {
     PrintLine("done");
   }
-  if (IsEmergency(session) && ChangeMask(settings) != CHANGE_MASK_IP) PrintError(EMERGENCY);
+  if (IsEmergency(session) && ChangeMask(settings) != CHANGE_MASK_IP) PrintError(EMERGENCY_HINT);
   return EXIT_DONE;
 }
 
@@ -178,7 +179,7 @@ int AskChange(const Options &chosen, const Session &session, Settings &settings)
   return ShowDone(chosen, session, settings);
 }
 
-// Fields that the mask does not name stay zero.
+// Fields outside the mask stay zero.
 ChangeIpRequest ChangeRecord(const Settings &settings) {
   const DateTime time = settings.time.value_or(DateTime());
   ChangeIpRequest record = {};
@@ -219,8 +220,8 @@ int Set(const Options &options) {
   const Options chosen = SessionOptions(options, session);
   status = CheckSystem(session, settings);
   if (status == EXIT_DONE && ChangesAddress(settings))
-    status = Confirm(chosen, session, QuestionText(settings), EXPLANATION);
-  if (status == EXIT_DONE) status = AuthorizeOrTell(chosen, session, credentials);
+    status = Confirm(chosen, session, QuestionText(settings), ADDRESS_WARNING);
+  if (status == EXIT_DONE) status = AuthorizeOrReport(chosen, session, credentials);
   return status == EXIT_DONE ? AskChange(chosen, session, settings) : status;
 }
 

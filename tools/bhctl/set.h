@@ -17,17 +17,17 @@ namespace bhctl {
 // --initialised. Returns the program's exit status.
 int Set(const Options &options);
 
-// What is to be changed.
+// The settings to change.
 struct Settings {
-  std::optional<uint32_t> address;  // comes with a netmask; with `dhcp` for want of a lease
+  std::optional<uint32_t> address;  // needs a netmask; with `dhcp`, the fallback
   uint32_t netmask = 0;
   bool dhcp = false;
-  std::string host_name;  // empty: as it is
+  std::string host_name;  // empty: unchanged
   std::string workgroup;
   std::optional<DateTime> time;  // local
-  bool now = false;              // this machine's time instead
+  bool now = false;              // use this machine's time
   std::optional<uint32_t> gateway;
-  std::optional<int32_t> timezone;  // minutes from local time to UTC
+  std::optional<int32_t> timezone;  // UTC minus local time, in minutes
   bool initialised = false;
 };
 

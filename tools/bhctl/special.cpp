@@ -1,4 +1,5 @@
-// A request is sent once, to one appliance, and never again: nobody wants a second restart.
+// A request is sent once, to one appliance, and never repeated: a second one might restart it
+// again.
 
 #include "tools/bhctl/special.h"
 
@@ -29,80 +30,86 @@ using enum ResultKind;
 constexpr SpecialGroup GROUPS[] = {
     {"boot", "SYSTEM", "Choose the system that the appliance starts next"},
     {"config", "ACTION", "Save or load the appliance's configuration"},
-    {"lock", "ACTION", "See, take or release the appliance's configuration lock"},
+    {"lock", "ACTION", "Show, take or release the appliance's configuration lock"},
     {"trace", "SWITCH", "Switch the trace of the appliance's daemon on or off"},
     {"raid create", "KIND", "Create an array"},
     {"language", "LANGUAGE", "Choose the appliance's language"},
-    {"test", "PART", "Test a drive, which loses what is on it, or the UPS port"},
+    {"test", "PART", "Test a drive, which destroys its data, or test the UPS port"},
 };
 
 constexpr Special SPECIALS[] = {
     {"enable", "", PASS_PHRASE, SPECIAL_COMMAND_MODE, SWITCH_ON, 0,
-     "Enable the command mode for this machine, and for no other"},
+     "Enable the command mode for this machine only"},
     {"disable", "", NONE, SPECIAL_COMMAND_MODE, SWITCH_OFF, 0, "Disable the command mode"},
-    {"login", "", PASSWORD, SPECIAL_VERIFY_PASSWORD, 0, ENABLED,
-     "Have the administrator's password verified"},
-    {"reboot", "", NONE, SPECIAL_REBOOT, 0, ENABLED | ASKS, "Restart the appliance"},
-    {"shutdown", "", NONE, SPECIAL_SHUTDOWN, 0, ENABLED | ASKS, "Switch the appliance off"},
-    {"boot", "emergency", NONE, SPECIAL_BOOT_EMERGENCY, 0, ENABLED | ASKS,
+    {"login", "", PASSWORD, SPECIAL_VERIFY_PASSWORD, 0, NEEDS_COMMAND_MODE,
+     "Verify the administrator's password"},
+    {"reboot", "", NONE, SPECIAL_REBOOT, 0, NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
+     "Restart the appliance"},
+    {"shutdown", "", NONE, SPECIAL_SHUTDOWN, 0, NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
+     "Switch the appliance off"},
+    {"boot", "emergency", NONE, SPECIAL_BOOT_EMERGENCY, 0, NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
      "Start the emergency system next"},
-    {"boot", "disk", NONE, SPECIAL_BOOT_DISK, 0, ENABLED | ASKS, "Start the disk's system next",
-     "the mark for the disk's system could not be made"},
-    {"blink", "", NONE, SPECIAL_BLINK, 0, 0, "Let the appliance blink for 3 seconds"},
+    {"boot", "disk", NONE, SPECIAL_BOOT_DISK, 0, NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
+     "Start the disk's system next",
+     "the appliance could not create the file that selects the disk's system"},
+    {"blink", "", NONE, SPECIAL_BLINK, 0, 0, "Blink the appliance's light for 3 seconds"},
     {"config", "save", NONE, SPECIAL_SAVE_CONFIG, 0, 0, "Save the configuration"},
-    {"config", "load", NONE, SPECIAL_LOAD_CONFIG, 0, ASKS,
-     "Replace the configuration by the saved one"},
-    {"web-reset", "", NONE, SPECIAL_INIT_WEB, 0, ASKS,
-     "Set the web settings back to what they were new"},
-    {"lock", "status", NONE, SPECIAL_CHECK_LOCK, 0, 0, "See the lock", "", LOCK_STATUS},
+    {"config", "load", NONE, SPECIAL_LOAD_CONFIG, 0, NEEDS_CONFIRMATION,
+     "Replace the configuration with the saved one"},
+    {"web-reset", "", NONE, SPECIAL_INIT_WEB, 0, NEEDS_CONFIRMATION,
+     "Reset the web settings to the factory defaults"},
+    {"lock", "status", NONE, SPECIAL_CHECK_LOCK, 0, 0, "Show whether the lock is held", "",
+     LOCK_STATUS},
     {"lock", "take", NONE, SPECIAL_LOCK, 0, 0, "Take the lock for the daemon", "", LOCK},
     {"lock", "release", NONE, SPECIAL_UNLOCK, 0, 0, "Release the daemon's lock",
-     "there is no lock: none was ever taken since the appliance started"},
+     "there is no lock: nobody has taken it since the appliance started"},
     {"trace", "on", NONE, SPECIAL_TRACE, SWITCH_ON, 0, "Switch the trace on"},
     {"trace", "off", NONE, SPECIAL_TRACE, SWITCH_OFF, 0, "Switch the trace off"},
-    {"set-mac", "", MAC, SPECIAL_SET_MAC, 0, ENABLED | ASKS,
-     "Give the network hardware another MAC address, for good",
-     "the network hardware cannot be written"},
-    {"raid create", "normal", NONE, SPECIAL_CREATE_RAID, RAID_KIND_NORMAL, ENABLED | ASKS,
-     "Make single disks, which loses all on them"},
-    {"raid create", "jbod", NONE, SPECIAL_CREATE_RAID, RAID_KIND_JBOD, ENABLED | ASKS,
-     "Join the disks, which loses all on them"},
-    {"raid create", "raid1", NONE, SPECIAL_CREATE_RAID, RAID_KIND_RAID1, ENABLED | ASKS,
-     "Mirror the disks, which loses all on them"},
-    {"raid create", "raid5", NONE, SPECIAL_CREATE_RAID, RAID_KIND_RAID5, ENABLED | ASKS,
-     "Make a RAID 5, which loses all on the disks"},
-    {"language", "japanese", NONE, SPECIAL_SET_LANGUAGE, LANGUAGE_JAPANESE, ENABLED, "Japanese",
-     "it cannot be written"},
-    {"language", "english", NONE, SPECIAL_SET_LANGUAGE, LANGUAGE_ENGLISH, ENABLED, "English",
-     "it cannot be written"},
-    {"test", "disk", DEVICE, SPECIAL_TEST_DRIVE, TESTED_DISK, ENABLED | ASKS,
-     "Write and read parts of a disk, which loses what is on it", "", STATE, seconds(600)},
-    {"test", "usb", DEVICE, SPECIAL_TEST_DRIVE, TESTED_REMOVABLE, ENABLED | ASKS,
-     "Write and read a part of a USB disk, which loses what is on it", "", STATE, seconds(600)},
-    {"test", "ups", NONE, SPECIAL_TEST_UPS, 0, ENABLED, "Test the UPS port",
+    {"set-mac", "", MAC, SPECIAL_SET_MAC, 0, NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
+     "Change the network hardware's MAC address permanently",
+     "writing to the network hardware failed"},
+    {"raid create", "normal", NONE, SPECIAL_CREATE_RAID, RAID_KIND_NORMAL,
+     NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION, "Make single disks, which erases them"},
+    {"raid create", "jbod", NONE, SPECIAL_CREATE_RAID, RAID_KIND_JBOD,
+     NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION, "Concatenate the disks, which erases them"},
+    {"raid create", "raid1", NONE, SPECIAL_CREATE_RAID, RAID_KIND_RAID1,
+     NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION, "Mirror the disks, which erases them"},
+    {"raid create", "raid5", NONE, SPECIAL_CREATE_RAID, RAID_KIND_RAID5,
+     NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION, "Create a RAID 5, which erases the disks"},
+    {"language", "japanese", NONE, SPECIAL_SET_LANGUAGE, LANGUAGE_JAPANESE, NEEDS_COMMAND_MODE,
+     "Japanese", "the appliance cannot save the setting"},
+    {"language", "english", NONE, SPECIAL_SET_LANGUAGE, LANGUAGE_ENGLISH, NEEDS_COMMAND_MODE,
+     "English", "the appliance cannot save the setting"},
+    {"test", "disk", DEVICE, SPECIAL_TEST_DRIVE, TESTED_DISK,
+     NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
+     "Write and read parts of a disk, which destroys its data", "", STATE, seconds(600)},
+    {"test", "usb", DEVICE, SPECIAL_TEST_DRIVE, TESTED_REMOVABLE,
+     NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
+     "Write and read part of a USB disk, which destroys its data", "", STATE, seconds(600)},
+    {"test", "ups", NONE, SPECIAL_TEST_UPS, 0, NEEDS_COMMAND_MODE, "Test the UPS port",
      "the port's signals are wrong", STATE, seconds(60)},
-    {"remove", "", PATH, SPECIAL_REMOVE_FILE, 0, ENABLED | ASKS,
+    {"remove", "", PATH, SPECIAL_REMOVE_FILE, 0, NEEDS_COMMAND_MODE | NEEDS_CONFIRMATION,
      "Remove a file or an empty directory",
-     "there is no such file, or it is a directory that is not empty"},
+     "the file does not exist, or is a directory that is not empty"},
     {"checksum", "", PATH, SPECIAL_FILE_CHECKSUM, 0, 0, "Show the 16-bit checksum of a file", "",
      CHECKSUM},
-    {"clear-usb", "", NONE, SPECIAL_CLEAR_USB, 0, ENABLED,
-     "Forget the USB disks in the disk information"},
+    {"clear-usb", "", NONE, SPECIAL_CLEAR_USB, 0, NEEDS_COMMAND_MODE,
+     "Clear the USB disks from the disk information"},
 };
 
 constexpr Hint HINTS[] = {
     {ACP_STATE_NO_KEY, KEY_EXPIRED},
-    {ACP_STATE_NOT_SUPPORT, "it does not know this command"},
-    {ACP_STATE_TEST_FAIL, "there is no such drive, or it is slow or has bad blocks"},
+    {ACP_STATE_NOT_SUPPORT, "the appliance does not support this command"},
+    {ACP_STATE_TEST_FAIL, "the drive does not exist, is too slow, or has bad blocks"},
     {ACP_STATE_BAD_PRODUCT, OTHER_PRODUCTS},
 };
 
 constexpr uint32_t NOT_READY = 0xFFFFFFFE;
 constexpr uint32_t HELD_BY_ANOTHER = 0xFFFFFFFD;
 constexpr Hint LOCK_HINTS[] = {
-    {ACP_STATE_FAILURE, "the lock's file cannot be made"},
+    {ACP_STATE_FAILURE, "the appliance cannot create the lock file"},
     {NOT_READY, "the lock is not ready; try again"},
-    {HELD_BY_ANOTHER, "it is held, by another program or by the daemon already"},
+    {HELD_BY_ANOTHER, "another program or the daemon itself holds the lock"},
 };
 
 constexpr uint32_t LOCK_HELD = 0;
@@ -113,9 +120,9 @@ constexpr uint32_t NO_CHECKSUM = 0xFFFF;
 struct Call {
   const Special *row = nullptr;
   Options options;
-  std::string operand;           // as it was given
-  std::vector<uint8_t> text;     // of the request, unless it is a secret
-  std::optional<Secret> secret;  // goes as the text, under the session's key
+  std::string operand;           // as given
+  std::vector<uint8_t> text;     // of the request
+  std::optional<Secret> secret;  // becomes the text, encoded with the session's key
   Credentials credentials;
   Session session;
 };
@@ -127,7 +134,7 @@ std::string CommandText(const Call &call) {
   return text;
 }
 
-// Null, with a message, when no row has the word that was given.
+// Returns null with a message if no row has the given word.
 const Special *ChooseRow(const Options &options) {
   const SpecialGroup *group = FindGroup(options.command.c_str());
   const std::string *given = group == nullptr ? nullptr : Given(options, group->word);
@@ -152,11 +159,11 @@ int ReadPath(const char *name, Call &call) {
   return EXIT_DONE;
 }
 
-// A group's or nobody's address would leave the appliance unreachable.
+// A multicast or zero address would make the appliance unreachable.
 int ReadMac(Call &call) {
   const std::optional<Mac> mac = ParseMac(call.operand);
   if (!mac || (mac->front() & 1) != 0 || *mac == Mac())
-    return UsageFailure("not a MAC address of one interface: '" + SafeText(call.operand) + "'");
+    return UsageFailure("not a unicast MAC address: '" + SafeText(call.operand) + "'");
   call.operand = MacText(*mac);
   call.text.assign(call.operand.begin(), call.operand.end());
   return EXIT_DONE;
@@ -190,9 +197,9 @@ int ReadCall(const Options &options, Call &call) {
   if (call.row == nullptr) return EXIT_USAGE;
   call.options = options;
   if (options.timeout.count() == 0) call.options.timeout = call.row->timeout;
-  if ((call.row->properties & ENABLED) != 0) call.credentials = CredentialsOf(options);
+  if ((call.row->properties & NEEDS_COMMAND_MODE) != 0) call.credentials = CredentialsOf(options);
   const int status = ReadOperand(call);
-  if (status != EXIT_DONE || (call.row->properties & ASKS) == 0) return status;
+  if (status != EXIT_DONE || (call.row->properties & NEEDS_CONFIRMATION) == 0) return status;
   return CheckConfirmable(options, CommandText(call));
 }
 
@@ -203,7 +210,7 @@ int OpenCallSession(Call &call) {
   if (status != EXIT_DONE) return status;
   call.options = SessionOptions(call.options, call.session);
   if (call.secret) call.text = EncodePassword(*call.secret, call.session.key).value();
-  if ((call.row->properties & ASKS) == 0) return EXIT_DONE;
+  if ((call.row->properties & NEEDS_CONFIRMATION) == 0) return EXIT_DONE;
   return Confirm(call.options, call.session, CommandText(call), call.row->description);
 }
 
@@ -213,7 +220,7 @@ std::string RefusalHint(const Call &call, uint32_t state) {
     return std::string(call.secret->name) + " is wrong";
   if (call.row->result == LOCK) return HintFor(LOCK_HINTS, state);
   if (call.row->result == CHECKSUM && state == NO_CHECKSUM)
-    return "the file is missing, empty, unreadable or nothing but zero bytes";
+    return "the file is missing, empty, unreadable or all zero bytes";
   return state == ACP_STATE_FAILURE ? call.row->failure : HintFor(HINTS, state);
 }
 
@@ -235,16 +242,19 @@ int ShowDone(const Call &call, uint32_t result) {
   if (call.row->result == LOCK_STATUS) {
     object["held"] = result == LOCK_HELD;
     line = result == LOCK_HELD
-               ? "held by the appliance's daemon, or never taken since the appliance started"
+               ? "held by the appliance's daemon, or not taken since the appliance started"
                : "not held by the appliance's daemon: free, or held by another program";
   }
   if (call.options.json)
     PrintJson(object);
   else
     PrintLine(line);
-  if (call.session.invented && call.secret)
-    PrintError("the password cannot be sent under this machine's key, so that this holds for " +
-               MacText(call.session.src_mac) + ": give the secrets with each command instead");
+  if (call.session.made_up_mac && call.secret)
+    PrintError(
+        "the password cannot be encoded under this machine's key, so this applies to the made-up "
+        "MAC address " +
+        MacText(call.session.src_mac) +
+        " only: give the pass phrase and the password with each command");
   return EXIT_DONE;
 }
 
@@ -271,7 +281,7 @@ int RunSpecial(const Options &options) {
   Call call;
   int status = ReadCall(options, call);
   if (status == EXIT_DONE) status = OpenCallSession(call);
-  if (status == EXIT_DONE) status = AuthorizeOrTell(call.options, call.session, call.credentials);
+  if (status == EXIT_DONE) status = AuthorizeOrReport(call.options, call.session, call.credentials);
   if (status != EXIT_DONE) return status;
   Answer answer;
   const Request request = MakeSpecialRequest(call.row->code, call.row->extra, call.text);

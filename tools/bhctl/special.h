@@ -1,5 +1,5 @@
-// The management commands that are one ACP_SPECIAL request each. The table has a row for each of
-// them; the command line and the help are made from it.
+// The management commands that send one ACP_SPECIAL request. Each has a row in a table; the command
+// line and its help are generated from it.
 
 #ifndef BH_TOOLS_BHCTL_SPECIAL_H_
 #define BH_TOOLS_BHCTL_SPECIAL_H_
@@ -12,19 +12,19 @@
 
 namespace bhctl {
 
-// What the request carries as its text.
+// The text of the request.
 enum class Operand { NONE, PATH, DEVICE, MAC, PASS_PHRASE, PASSWORD };
 
-// What the reply's result is: a state, or what the configuration lock or a file's checksum is like.
+// The meaning of the reply's result.
 enum class ResultKind { STATE, LOCK, LOCK_STATUS, CHECKSUM };
 
-// Properties of a row, added up.
-constexpr unsigned int ENABLED = 1;  // the command mode must be enabled for this machine
-constexpr unsigned int ASKS = 2;     // not done before somebody has said yes
+// Flags of a row.
+constexpr unsigned int NEEDS_COMMAND_MODE = 1;
+constexpr unsigned int NEEDS_CONFIRMATION = 2;  // by the user
 
 struct Special {
-  const char *name;  // of the command; of two words when the first has code of its own
-  const char *word;  // that the command line chooses the row by, among those of one name; or ""
+  const char *name;  // two words if the first is a command with code of its own
+  const char *word;  // argument that selects among rows of the same name; or ""
   Operand operand;
   uint8_t code;
   uint32_t extra;
@@ -35,26 +35,25 @@ struct Special {
   std::chrono::seconds timeout{30};
 };
 
-// Rows of one name stand together.
+// Rows of the same name are adjacent.
 std::span<const Special> Specials();
 
-// Of a name with several rows: the name of the argument that chooses, and what the help says of
-// all.
+// For a name with several rows: the argument that selects a row, and the help for all.
 struct SpecialGroup {
   const char *name;
   const char *word;
   const char *description;
 };
 
-const SpecialGroup *FindGroup(const char *name);  // null: its name has one row
+const SpecialGroup *FindGroup(const char *name);  // null: the name has one row
 
-// The operand's name on the command line; null when it is not given there.
+// The operand's name on the command line; null if it is not an argument.
 const char *OperandName(Operand operand);
 
-// Runs the row that options.command and the arguments choose. Returns the program's exit status.
+// Runs the row that options.command and the arguments select. Returns the program's exit status.
 int RunSpecial(const Options &options);
 
-// Arguments ACTION and KIND: 'create' and a row, or neither to list what there is.
+// Arguments ACTION and KIND: 'create' and a row, or neither for the list.
 int RaidOrCreate(const Options &options);
 
 }  // namespace bhctl

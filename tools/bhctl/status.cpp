@@ -1,4 +1,4 @@
-// Each command is a request, a record of JSON and a text for people.
+// Each command has a request, JSON output and text output.
 
 #include "tools/bhctl/status.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char *RAID_TYPE_NAMES[] = {"none", "disk", "usb", "jbod", "raid1", "raid5"};
 
-// How an answer in state ACP_STATE_OK is shown.
+// Shows an answer in state ACP_STATE_OK.
 struct View {
   void (*add_json)(const Answer &answer, Json &object);
   void (*print)(const Answer &answer);
@@ -46,8 +46,8 @@ int AskAndShow(const Options &options, const Request &request, const View &view,
   return status;
 }
 
-// The named argument, empty when it is not given. False, with a message, when it is given but no
-// request can carry it.
+// Leaves `path` empty if the argument is not given. Returns false with a message if it does not fit
+// into a request.
 bool PathArgument(const Options &options, const char *name, std::string &path) {
   const std::string *given = Given(options, name);
   if (given == nullptr) return true;
@@ -62,7 +62,7 @@ std::string BlocksText(uint32_t blocks, uint32_t block_size) {
 }
 
 void AddPingJson(const Answer &answer, Json &object) {
-  (object)["round_trip_ms"] = static_cast<double>(answer.round_trip.count()) / 1000;
+  object["round_trip_ms"] = static_cast<double>(answer.round_trip.count()) / 1000;
 }
 
 void PrintPing(const Answer &answer) {
@@ -72,11 +72,11 @@ void PrintPing(const Answer &answer) {
 void AddDiskJson(const Answer &answer, Json &object) {
   const DiskInfo info = ReadDiskInfo(answer.body);
   const DriveIdentity drive = IdentifyDrive(info);
-  (object)["model"] = drive.model;
-  (object)["serial"] = drive.serial;
-  (object)["firmware"] = drive.firmware;
-  (object)["sectors"] = drive.sectors;
-  (object)["words"] = info.words;
+  object["model"] = drive.model;
+  object["serial"] = drive.serial;
+  object["firmware"] = drive.firmware;
+  object["sectors"] = drive.sectors;
+  object["words"] = info.words;
 }
 
 void PrintDisk(const Answer &answer) {
@@ -118,7 +118,7 @@ void AddRaidJson(const Answer &answer, Json &object) {
   Json entries = Json::array();
   for (const RaidInfoEntry &entry : ReadRaidInfo(answer.body).entries)
     if (entry.type != 0) entries.push_back(RaidEntryJson(entry));
-  (object)["entries"] = entries;
+  object["entries"] = entries;
 }
 
 std::vector<std::string> RaidRow(const RaidInfoEntry &entry) {
@@ -149,14 +149,14 @@ void PrintRaid(const Answer &answer) {
 
 void AddPartitionJson(const Answer &answer, Json &object) {
   const PartitionInfo info = ReadPartitionInfo(answer.body);
-  (object)["fs_type"] = info.fs_type;
-  (object)["block_size"] = info.block_size;
-  (object)["blocks"] = info.blocks;
-  (object)["blocks_free"] = info.blocks_free;
-  (object)["blocks_avail"] = info.blocks_avail;
-  (object)["inodes"] = info.inodes;
-  (object)["inodes_free"] = info.inodes_free;
-  (object)["path"] = info.path;
+  object["fs_type"] = info.fs_type;
+  object["block_size"] = info.block_size;
+  object["blocks"] = info.blocks;
+  object["blocks_free"] = info.blocks_free;
+  object["blocks_avail"] = info.blocks_avail;
+  object["inodes"] = info.inodes;
+  object["inodes_free"] = info.inodes_free;
+  object["path"] = info.path;
 }
 
 void PrintPartition(const Answer &answer) {

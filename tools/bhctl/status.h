@@ -1,5 +1,4 @@
-// Commands that look at appliances and change nothing: ping, disk, raid, partition. Each returns
-// the program's exit status.
+// Commands that only read: ping, disk, raid, partition. They return the program's exit status.
 
 #ifndef BH_TOOLS_BHCTL_STATUS_H_
 #define BH_TOOLS_BHCTL_STATUS_H_
@@ -9,7 +8,7 @@
 namespace bhctl {
 
 int Ping(const Options &options);
-int Disk(const Options &options);  // argument DIRECTORY, may be absent
+int Disk(const Options &options);  // optional argument DIRECTORY
 int Raid(const Options &options);
 int Partition(const Options &options);  // argument PATH
 

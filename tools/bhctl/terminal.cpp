@@ -1,4 +1,4 @@
-// Lines are read byte by byte: what follows one on standard input is not this program's.
+// Lines are read byte by byte, so the rest of standard input is left for other programs.
 
 #include "tools/bhctl/terminal.h"
 
@@ -42,7 +42,7 @@ bool ReadLine(std::string &line) {
   return any;
 }
 
-// An interrupt ends the program only when the terminal is as it was before.
+// A signal ends the program only after the terminal is restored.
 bool ReadHidden(const char *prompt, std::string &line) {
   termios before = {};
   if (tcgetattr(STDIN_FILENO, &before) != 0) return false;
@@ -56,24 +56,24 @@ bool ReadHidden(const char *prompt, std::string &line) {
     ;
   const bool read = !Interrupted(interrupt) && ReadLine(line);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
-  std::fputc('\n', stderr);
+  fputc('\n', stderr);
   ReleaseInterrupts();
   return read;
 }
 
 int CheckConfirmable(const Options &options, const std::string &what) {
   if (options.assume_yes || IsTerminal()) return EXIT_DONE;
-  PrintError(SafeText(what) + " asks before it is done: give --yes where there is no terminal");
+  PrintError(SafeText(what) + " needs confirmation: give --yes if there is no terminal");
   return EXIT_USAGE;
 }
 
 int Confirm(const Options &options, const Session &session, const std::string &what,
             const std::string &explanation) {
   if (options.assume_yes) return EXIT_DONE;
-  fprintf(stderr, "%s.\n%s on %s: sure? [y/N] ", explanation.c_str(), SafeText(what).c_str(),
-          ApplianceText(session).c_str());
+  fprintf(stderr, "%s.\n%s on %s: are you sure? [y/N] ", explanation.c_str(),
+          SafeText(what).c_str(), ApplianceText(session).c_str());
   std::string answer;
-  if (!ReadLine(answer)) std::fputc('\n', stderr);
+  if (!ReadLine(answer)) fputc('\n', stderr);
   if (answer == "y" || answer == "Y" || answer == "yes") return EXIT_DONE;
   PrintError("nothing was done");
   return EXIT_USAGE;

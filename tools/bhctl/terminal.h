@@ -1,4 +1,4 @@
-// What is asked of whoever sits at the terminal.
+// Reads lines and passwords, and asks for confirmation.
 
 #ifndef BH_TOOLS_BHCTL_TERMINAL_H_
 #define BH_TOOLS_BHCTL_TERMINAL_H_
@@ -10,21 +10,21 @@
 
 namespace bhctl {
 
-// Whether standard input is one.
+// Whether standard input is a terminal.
 bool IsTerminal();
 
-// A line of standard input without its line feed. False when not even an empty one is there.
+// Reads a line of standard input without its line feed. False at the end of input.
 bool ReadLine(std::string &line);
 
-// The same from the terminal, after the prompt; what is typed does not show.
+// Prompts and reads a line from the terminal without echo.
 bool ReadHidden(const char *prompt, std::string &line);
 
-// Whether Confirm can be asked for: on a terminal, or not at all with options.assume_yes. Returns
-// EXIT_DONE, or says so and returns EXIT_USAGE; `what` names the command.
+// Whether Confirm can work: on a terminal, or with options.assume_yes. Returns EXIT_DONE, or prints
+// an error and returns EXIT_USAGE. `what` names the command.
 int CheckConfirmable(const Options &options, const std::string &what);
 
-// Tells what the command does and asks whether to do it on this appliance. Returns EXIT_DONE for
-// yes, or without asking with options.assume_yes; else says that nothing was done and returns
+// Explains the command and asks whether to run it on this appliance. Returns EXIT_DONE for yes, and
+// with options.assume_yes without asking. Otherwise prints that nothing was done and returns
 // EXIT_USAGE.
 int Confirm(const Options &options, const Session &session, const std::string &what,
             const std::string &explanation);

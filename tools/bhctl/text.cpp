@@ -1,4 +1,4 @@
-// Values as texts and back, by integer arithmetic alone.
+// Formats and parses with integer arithmetic only.
 
 #include "tools/bhctl/text.h"
 
@@ -54,14 +54,14 @@ std::string InUnit(uint64_t bytes, const SizeUnit &unit) {
   return std::to_string(bytes / unit.bytes) + "." + std::to_string(tenths) + " " + unit.name;
 }
 
-// Characters without a width of their own, or that turn the direction of those around them.
+// Zero-width characters, and those that change the text direction.
 bool Reorders(uint32_t code) {
   return (code >= 0x200B && code <= 0x200F) || (code >= 0x202A && code <= 0x202E) ||
          (code >= 0x2066 && code <= 0x2069);
 }
 
-// Length of the well-formed multi-byte UTF-8 character that `text` begins with; 0 when there is
-// none, or when it is one of the control characters U+0080 to U+009F or one that reorders.
+// The length of the multi-byte UTF-8 character at the start of `text`. 0 if there is none, or if it
+// is a control character (U+0080 to U+009F) or reorders the text.
 size_t Utf8Length(std::string_view text) {
   const auto lead = static_cast<uint8_t>(text[0]);
   if (lead < 0xC2 || lead > 0xF4) return 0;
@@ -78,7 +78,7 @@ size_t Utf8Length(std::string_view text) {
   return code >= 0xD800 && code <= 0xDFFF ? 0 : length;
 }
 
-// The digits of `text` from `at` on; nothing when one of them is none.
+// Returns nullopt if a character is not a digit.
 std::optional<uint16_t> ParseDigits(std::string_view text, size_t at, size_t count) {
   unsigned int number = 0;
   for (const char digit : text.substr(at, count)) {

@@ -1,4 +1,4 @@
-// Values as texts and back. The results do not depend on the locale.
+// Formats and parses values, independent of the locale.
 
 #ifndef BH_TOOLS_BHCTL_TEXT_H_
 #define BH_TOOLS_BHCTL_TEXT_H_
@@ -18,10 +18,10 @@ namespace bhctl {
 std::optional<Mac> ParseMac(std::string_view text);
 std::string MacText(const Mac &mac);
 
-// Dotted form of an address whose most significant byte is its first octet.
+// The most significant byte is the first octet.
 std::string AddressText(uint32_t address);
 
-// Four decimal numbers up to 255, without leading zeros; the first is the most significant byte.
+// Four decimal numbers up to 255 without leading zeros, as AddressText prints them.
 std::optional<uint32_t> ParseAddress(const std::string &text);
 
 struct DateTime {
@@ -33,31 +33,31 @@ struct DateTime {
   uint16_t second = 0;
 };
 
-// "YYYY-MM-DD HH:MM:SS", also with a T for the blank; a day of the calendar and no leap second.
+// "YYYY-MM-DD HH:MM:SS", or with T instead of the blank. The date must exist; no leap seconds.
 std::optional<DateTime> ParseDateTime(std::string_view text);
 
-// The state code's name; "0x" and eight digits for a code without one.
+// The state code's name, or "0x" and eight digits.
 std::string StateName(uint32_t state);
 
-// What a field of a record holds: up to its NUL, or all of it.
+// The text of a field, up to its NUL or its end.
 template <size_t SIZE>
 std::string FieldText(const char (&field)[SIZE]) {
   return {field, strnlen(field, SIZE)};
 }
 
-// The text with '?' in place of what a terminal could take for a command: control characters, and
-// bytes that are not UTF-8.
+// Replaces control characters and bytes that are not UTF-8 with '?'. A terminal could take them for
+// commands.
 std::string SafeText(std::string_view text);
 
-// Decimal units and one digit after the point, rounded down: "999 B", "1.5 kB", "500.1 GB".
+// Decimal units, one decimal place, rounded down: "999 B", "1.5 kB", "500.1 GB".
 std::string SizeText(uint64_t bytes);
-// The same, always in GB, as drives are sold.
+// The same, always in GB.
 std::string GigabytesText(uint64_t bytes);
 
-// Used part of what an unprivileged user could use, rounded up: "25%"; "-" where nothing is.
+// The used part of the blocks open to ordinary users, rounded up: "25%"; "-" if there are none.
 std::string UsedText(uint32_t blocks, uint32_t blocks_free, uint32_t blocks_avail);
 
-// The whole text is a decimal number, or a hexadecimal one that begins with "0x".
+// The text must be a decimal number, or a hexadecimal number that starts with "0x".
 std::optional<uint32_t> ParseU32(std::string_view text);
 
 std::string HexText(uint32_t number);

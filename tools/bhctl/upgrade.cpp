@@ -1,6 +1,6 @@
-// An update has five steps: a key, the request, the upload, its end, the installation's end. Once
-// the request is out, the appliance may have a receiver that waits for an upload and keeps the next
-// one from its port, so whoever gives up says so to the appliance.
+// An update has five steps: key, request, upload, end of the upload, end of the installation. After
+// the request, a receiver on the appliance waits for the upload and blocks the port for others. So
+// bhctl tells the appliance when it gives up.
 
 #include "tools/bhctl/upgrade.h"
 
@@ -21,40 +21,40 @@
 namespace bhctl {
 namespace {
 
-constexpr std::chrono::seconds STANDSTILL_TIMEOUT{30};  // of an upload, at most
-constexpr std::chrono::seconds GIVING_UP{15};  // a stopped receiver's end takes 11 s at most
+constexpr std::chrono::seconds STALL_TIMEOUT{30};    // at most, for an upload
+constexpr std::chrono::seconds GIVE_UP_TIMEOUT{15};  // stopping a receiver takes up to 11 s
 
-// These products take no password with the request: it must be confirmed before.
-constexpr uint32_t CONFIRMING_PRODUCTS[] = {0x2001, 0x2002};
+// These products need a verified password. They ignore the one in the request.
+constexpr uint32_t VERIFYING_PRODUCTS[] = {0x2001, 0x2002};
 
 constexpr const char *FINISH = "finish";
 
 constexpr Hint REQUEST_HINTS[] = {
     {ACP_STATE_NO_KEY, KEY_EXPIRED},
     {ACP_STATE_PASSWORD_ERROR, "the administrator's password is wrong"},
-    {ACP_STATE_NOW_LOCKING, "another program changes its settings; try again later"},
-    {ACP_STATE_BAD_FIRM_TYPE, "it has no such --type of image"},
-    {ACP_STATE_NO_SPACE, "its array is not mounted or has less than 200 MB"},
+    {ACP_STATE_NOW_LOCKING, "another program is changing the settings; try again later"},
+    {ACP_STATE_BAD_FIRM_TYPE, "the appliance does not support this --type"},
+    {ACP_STATE_NO_SPACE, "the array is not mounted or has less than 200 MB free"},
     {ACP_STATE_BAD_PRODUCT, "the image is for another product"},
     {ACP_STATE_FAILURE,
-     "unknown --type, wrong product, no memory, or its partitions cannot be mounted"},
+     "unknown --type, wrong product, out of memory, or partitions that cannot be mounted"},
 };
 constexpr Hint END_HINTS[] = {
-    {ACP_STATE_FAILURE, "the image did not arrive whole or its checksum is wrong"}};
+    {ACP_STATE_FAILURE, "the image is incomplete or its checksum is wrong"}};
 constexpr Hint FINISH_HINTS[] = {{ACP_STATE_FAILURE, "the installation failed"}};
 
-// An update under way.
+// A running update.
 struct Job {
   Options options;  // of the session
   Session session;
   Image image;
   Update update;
-  Credentials credentials;  // for products that take no password with the request
+  Credentials credentials;  // for VERIFYING_PRODUCTS
   Descriptor interrupt;
 };
 
-bool MustConfirm(const Job &job) {
-  return std::count(std::begin(CONFIRMING_PRODUCTS), std::end(CONFIRMING_PRODUCTS),
+bool MustVerifyPassword(const Job &job) {
+  return std::count(std::begin(VERIFYING_PRODUCTS), std::end(VERIFYING_PRODUCTS),
                     job.session.info.product_id) != 0;
 }
 
@@ -98,7 +98,7 @@ bool ReadZipPassword(const Options &options, Update &update) {
   const std::string *text = Given(options, "--zip-password");
   if (text == nullptr) return true;
   update.zip_password = {*text, MAX_ZIP_PASSWORD, "--zip-password"};
-  update.password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password the administrator's password"};
+  update.password = {"", PASSWORD_BEFORE_ZIP, "with --zip-password, the administrator's password"};
   if (!text->empty()) return true;
   PrintError("--zip-password must not be empty");
   return false;
@@ -144,7 +144,7 @@ int CheckAppliance(Job &job) {
                     " is product " + HexText(info.product_id),
                 EXIT_REFUSED);
   if (info.address == 0)
-    return Fail("key", mac + " has no IPv4 address that the image could go to", EXIT_NO_ANSWER);
+    return Fail("key", mac + " has no IPv4 address to send the image to", EXIT_NO_ANSWER);
   return EXIT_DONE;
 }
 
@@ -163,25 +163,25 @@ int ShowPlan(const Job &job) {
        {"Type:", std::to_string(job.update.type)},
        {"Size:", SizeText(job.image.size) + " (" + std::to_string(job.image.size) + " bytes)"},
        {"Checksum:", WordText(job.image.checksum)}});
-  PrintLine("nothing was sent but the discovery");
+  PrintLine("dry run: nothing was changed");
   return EXIT_DONE;
 }
 
-// Nothing holds an interrupt back any more: a second one ends the program at once.
+// Interrupts are no longer held: a second one ends the program at once.
 int GiveUp(const Job &job, const char *step, const std::string &why) {
   Fail(step, why, EXIT_NO_ANSWER);
   DropInterrupts(job.interrupt);
   ReleaseInterrupts();
   Exchange exchange;
-  const auto timeout = std::min<std::chrono::microseconds>(job.options.timeout, GIVING_UP);
+  const auto timeout = std::min<std::chrono::microseconds>(job.options.timeout, GIVE_UP_TIMEOUT);
   if (Begin(job.options, MakeUpdateEndRequest(false), exchange) != EXIT_DONE ||
       !Await(exchange, timeout, Descriptor()))
-    PrintError(MacText(job.session.mac) + " may still wait for the image");
+    PrintError(MacText(job.session.mac) + " may still be waiting for the image");
   return EXIT_NO_ANSWER;
 }
 
-int GetCredentials(const Job &job) {
-  if (!MustConfirm(job)) return EXIT_DONE;
+int AuthorizeUpdate(const Job &job) {
+  if (!MustVerifyPassword(job)) return EXIT_DONE;
   Refusal refusal;
   const int status = Authorize(job.options, job.session, job.credentials, refusal);
   if (status == EXIT_REFUSED) return Refused(job, "request", refusal.state, refusal.hint);
@@ -196,17 +196,16 @@ int AskForUpdate(const Job &job) {
   if (!answer)
     return GiveUp(job, "request", Interrupted(job.interrupt) ? "interrupted" : "no answer");
   if (answer->state == ACP_STATE_OK) return EXIT_DONE;
-  const bool unconfirmed = answer->state == ACP_STATE_PASSWORD_ERROR && MustConfirm(job);
-  return Refused(
-      job, "request", answer->state,
-      unconfirmed ? NotVerifiedHint(job.session) : HintFor(REQUEST_HINTS, answer->state));
+  const bool unverified = answer->state == ACP_STATE_PASSWORD_ERROR && MustVerifyPassword(job);
+  return Refused(job, "request", answer->state,
+                 unverified ? NotVerifiedHint(job.session) : HintFor(REQUEST_HINTS, answer->state));
 }
 
 int SendImage(const Job &job) {
   Receiver receiver;
   receiver.address = job.session.info.address;
   receiver.interface = job.session.interface;
-  receiver.patience = std::min<std::chrono::microseconds>(job.options.timeout, STANDSTILL_TIMEOUT);
+  receiver.timeout = std::min<std::chrono::microseconds>(job.options.timeout, STALL_TIMEOUT);
   std::string why;
   if (!Upload(job.image, receiver, job.options.json, job.interrupt, why))
     return GiveUp(job, "upload", why);
@@ -222,7 +221,7 @@ int ShowDone(const Job &job) {
   return EXIT_DONE;
 }
 
-// The first reply may be lost; the second one tells its news too.
+// If the first reply is lost, the second one is enough.
 int Install(const Job &job) {
   Exchange exchange;
   const int status = Begin(job.options, MakeUpdateEndRequest(true), exchange);
@@ -230,22 +229,22 @@ int Install(const Job &job) {
   ReleaseInterrupts();
   std::optional<Answer> answer = Await(exchange, job.options.timeout, Descriptor());
   if (!answer)
-    return Fail("end", "no answer; the installation may go on all the same", EXIT_NO_ANSWER);
+    return Fail("end", "no answer; the installation may continue anyway", EXIT_NO_ANSWER);
   if (answer->command == ACP_FIRMUP_END_REPLY) {
     if (answer->state != ACP_STATE_OK)
       return Refused(job, "end", answer->state, HintFor(END_HINTS, answer->state));
-    if (!job.options.json) fputs("installing, which may take minutes\n", stderr);
+    if (!job.options.json) fputs("installing; this may take minutes\n", stderr);
     answer = Await(exchange, job.options.timeout, Descriptor());
   }
   if (!answer)
-    return Fail(FINISH, "no answer; the installation may go on all the same", EXIT_NO_ANSWER);
+    return Fail(FINISH, "no answer; the installation may continue anyway", EXIT_NO_ANSWER);
   if (answer->state == ACP_STATE_OK) return ShowDone(job);
   return Refused(job, FINISH, answer->state, HintFor(FINISH_HINTS, answer->state));
 }
 
-// A long password runs on over a number of the record, which is converted all the same: its four
-// bytes have to be the number that they are on the wire.
-void KeepBytes(std::vector<uint8_t> &body, size_t at) {
+// A long password overlaps a number of the record, which SwapAcpHeader converts to little endian.
+// So its four bytes are stored as the number that converts back to them.
+void KeepWireBytes(std::vector<uint8_t> &body, size_t at) {
   uint32_t number = 0;
   for (size_t i = sizeof(number); i-- > 0;)
     number = number << 8 | body[at + i];
@@ -274,7 +273,7 @@ Request MakeUpdateRequest(const Update &update, uint32_t key) {
   Append(request.body, password);
   request.body.push_back(0);
   request.body.resize(std::max(request.body.size(), sizeof(UpdateRequest)));
-  KeepBytes(request.body, offsetof(UpdateRequest, zip_pass_len));
+  KeepWireBytes(request.body, offsetof(UpdateRequest, zip_pass_len));
   return request;
 }
 
@@ -292,7 +291,7 @@ int Upgrade(const Options &options) {
   if (status == EXIT_DONE) status = CheckAppliance(job);
   if (status != EXIT_DONE) return status;
   if (options.arguments.contains("--dry-run")) return ShowPlan(job);
-  status = GetCredentials(job);
+  status = AuthorizeUpdate(job);
   if (status != EXIT_DONE) return status;
   job.interrupt = HoldInterrupts();
   status = AskForUpdate(job);

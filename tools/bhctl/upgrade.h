@@ -16,24 +16,24 @@ namespace bhctl {
 // status.
 int Upgrade(const Options &options);
 
-// What an update request tells of its image, and the passwords with it.
+// The image's properties and the passwords of an update request.
 struct Update {
-  uint32_t type = 0;     // kind of image, which says where it is installed
-  uint32_t product = 0;  // product ID that the image is for
+  uint32_t type = 0;     // decides where the image is installed
+  uint32_t product = 0;  // product ID of the image
   uint32_t size = 0;     // bytes
   uint32_t checksum = 0;
   Secret password;  // the administrator's
   std::optional<Secret> zip_password;
 };
 
-// Bytes for the administrator's password before that of an archive, and for that one.
+// Maximum bytes of the administrator's password if an archive's follows, and of the archive's.
 constexpr size_t PASSWORD_BEFORE_ZIP = 8;
 constexpr size_t MAX_ZIP_PASSWORD = 511;
 
-// Requires a session's key: one under which EncodePassword takes both passwords.
+// EncodePassword must accept both passwords under the key.
 Request MakeUpdateRequest(const Update &update, uint32_t key);
 
-// Its two replies tell that the image is accepted, or not, and then how its installation went.
+// The first reply tells whether the image is accepted, the second one whether it was installed.
 Request MakeUpdateEndRequest(bool uploaded);
 
 }  // namespace bhctl

@@ -1,6 +1,6 @@
-// The receiver takes as many bytes as the request has announced, and closes the connection. So its
-// end tells that all of them have arrived: what this machine's socket has taken may still be lost,
-// and most images are installed without a look at their checksum.
+// The receiver closes the connection after the announced number of bytes. Only that shows that all
+// of them arrived: data in this machine's socket may still be lost, and the appliance does not
+// check the checksum of most images.
 
 #include "tools/bhctl/upload.h"
 
@@ -26,13 +26,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::milliseconds;
 
-constexpr std::chrono::seconds LISTENS_SOON{3};
-constexpr Milliseconds NEXT_TRY{50};
-// The kernel grants twice as much. With more, progress would show what has not left this machine.
+constexpr std::chrono::seconds CONNECT_TIMEOUT{3};
+constexpr Milliseconds RETRY_INTERVAL{50};
+// The kernel doubles it. With a larger buffer, the progress would count unsent data.
 constexpr int SEND_BUFFER = 128 * 1024;
 
-constexpr Milliseconds NEXT_LINE{100};
-constexpr size_t LINE_WIDTH = 60;  // what a shorter line must cover of the one before
+constexpr Milliseconds PROGRESS_INTERVAL{100};
+constexpr size_t LINE_WIDTH = 60;  // a shorter line must overwrite the previous one
 constexpr uint64_t QUARTERS = 4;
 
 struct Progress {
@@ -41,7 +41,7 @@ struct Progress {
   bool terminal = false;
   Clock::time_point begun = {};
   Clock::time_point shown = {};
-  uint64_t quarters = 0;  // that are shown
+  uint64_t quarters = 0;  // already shown
 };
 
 std::string PercentText(uint64_t sent, uint64_t total) {
@@ -71,7 +71,7 @@ void Show(Progress &progress, uint64_t sent) {
   if (progress.quiet) return;
   const Clock::time_point now = Clock::now();
   const uint64_t quarters = sent * QUARTERS / progress.total;
-  if (progress.terminal && (now >= progress.shown + NEXT_LINE || sent == progress.total)) {
+  if (progress.terminal && (now >= progress.shown + PROGRESS_INTERVAL || sent == progress.total)) {
     progress.shown = now;
     ShowLine(progress, sent);
   } else if (!progress.terminal && quarters > progress.quarters) {
@@ -85,18 +85,19 @@ bool Fail(const std::string &what, std::string &why) {
   return false;
 }
 
-// A connection, or an attempt at one, and how long to wait for it.
-struct Link {
+// A connection, or an attempt to connect.
+struct Connection {
   Descriptor socket;
-  Milliseconds patience{0};
+  Milliseconds timeout{0};
   const Descriptor *interrupt = nullptr;
 };
 
-bool Wait(const Link &link, short events, std::string &why) {
-  pollfd watched[] = {{link.socket.Get(), events, 0}, {link.interrupt->Get(), POLLIN, 0}};
-  const int ready = poll(watched, 2, static_cast<int>(link.patience.count()));
-  if (Interrupted(*link.interrupt)) return Fail("interrupted", why);
-  return ready != 0 || Fail("the appliance takes nothing any more", why);
+bool Wait(const Connection &connection, short events, std::string &why) {
+  pollfd watched[] = {{connection.socket.Get(), events, 0},
+                      {connection.interrupt->Get(), POLLIN, 0}};
+  const int ready = poll(watched, 2, static_cast<int>(connection.timeout.count()));
+  if (Interrupted(*connection.interrupt)) return Fail("interrupted", why);
+  return ready != 0 || Fail("the appliance stopped receiving", why);
 }
 
 int SocketError(const Descriptor &socket) {
@@ -105,7 +106,7 @@ int SocketError(const Descriptor &socket) {
   return getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-// Bound to the interface, so that no routing table has a say in it.
+// Binds to the interface, whatever the routing table says.
 bool OpenSocket(const std::string &interface, Descriptor &socket) {
   socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket.IsOpen()) return false;
@@ -114,38 +115,38 @@ bool OpenSocket(const std::string &interface, Descriptor &socket) {
                     static_cast<socklen_t>(interface.size())) == 0;
 }
 
-// Returns 0 or the error's number.
-int TryConnect(const Receiver &receiver, Link &link) {
-  if (!OpenSocket(receiver.interface, link.socket)) return errno;
+// Returns 0 or an errno value.
+int TryConnect(const Receiver &receiver, Connection &connection) {
+  if (!OpenSocket(receiver.interface, connection.socket)) return errno;
   sockaddr_in address = SocketAddress(AddressOf(receiver.address));
-  address.sin_port = htons(ACP_PORT);  // the number of the datagrams' port
-  if (connect(link.socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) ==
-      0)
+  address.sin_port = htons(ACP_PORT);  // the same number as for UDP
+  if (connect(connection.socket.Get(), reinterpret_cast<const sockaddr *>(&address),
+              sizeof(address)) == 0)
     return 0;
   if (errno != EINPROGRESS) return errno;
   std::string why;
-  return Wait(link, POLLOUT, why) ? SocketError(link.socket) : ETIMEDOUT;
+  return Wait(connection, POLLOUT, why) ? SocketError(connection.socket) : ETIMEDOUT;
 }
 
-bool Connect(const Receiver &receiver, Link &link, std::string &why) {
-  const Clock::time_point last = Clock::now() + LISTENS_SOON;
+bool Connect(const Receiver &receiver, Connection &connection, std::string &why) {
+  const Clock::time_point last = Clock::now() + CONNECT_TIMEOUT;
   for (;;) {
-    const int error = TryConnect(receiver, link);
+    const int error = TryConnect(receiver, connection);
     if (error == 0) return true;
-    if (Interrupted(*link.interrupt)) return Fail("interrupted", why);
+    if (Interrupted(*connection.interrupt)) return Fail("interrupted", why);
     if (error != ECONNREFUSED || Clock::now() >= last)
       return Fail("cannot connect to " + AddressText(receiver.address) + " port " +
                       std::to_string(ACP_PORT) + ": " + strerror(error),
                   why);
-    pollfd interrupt = {link.interrupt->Get(), POLLIN, 0};
-    poll(&interrupt, 1, static_cast<int>(NEXT_TRY.count()));
+    pollfd interrupt = {connection.interrupt->Get(), POLLIN, 0};
+    poll(&interrupt, 1, static_cast<int>(RETRY_INTERVAL.count()));
   }
 }
 
-bool SendPiece(const Link &link, Bytes piece, std::string &why) {
+bool SendPiece(const Connection &connection, Bytes piece, std::string &why) {
   while (!piece.empty()) {
-    if (!Wait(link, POLLOUT, why)) return false;
-    const ssize_t sent = send(link.socket.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+    if (!Wait(connection, POLLOUT, why)) return false;
+    const ssize_t sent = send(connection.socket.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
     if (sent >= 0)
       piece = piece.subspan(static_cast<size_t>(sent));
     else if (errno != EAGAIN && errno != EINTR)
@@ -154,29 +155,30 @@ bool SendPiece(const Link &link, Bytes piece, std::string &why) {
   return true;
 }
 
-bool SendImage(const Link &link, const Image &image, Progress &progress, std::string &why) {
+bool SendImage(const Connection &connection, const Image &image, Progress &progress,
+               std::string &why) {
   std::vector<uint8_t> buffer(IMAGE_PIECE);
   uint32_t checksum = 0;
   for (uint32_t at = 0; at < image.size;) {
     const Bytes piece = ReadPiece(image, at, buffer, why);
-    if (piece.empty() || !SendPiece(link, piece, why)) return false;
+    if (piece.empty() || !SendPiece(connection, piece, why)) return false;
     checksum = AddToChecksum(checksum, piece);
     at += static_cast<uint32_t>(piece.size());
     Show(progress, at);
   }
-  return checksum == image.checksum || Fail("the file has changed meanwhile", why);
+  return checksum == image.checksum || Fail("the file changed during the upload", why);
 }
 
-bool AwaitEnd(const Link &link, std::string &why) {
-  shutdown(link.socket.Get(), SHUT_WR);
+bool AwaitEnd(const Connection &connection, std::string &why) {
+  shutdown(connection.socket.Get(), SHUT_WR);
   ssize_t got = -1;
   do {
-    if (!Wait(link, POLLIN, why)) return false;
+    if (!Wait(connection, POLLIN, why)) return false;
     char byte = 0;
-    got = recv(link.socket.Get(), &byte, sizeof(byte), 0);
+    got = recv(connection.socket.Get(), &byte, sizeof(byte), 0);
   } while (got < 0 && (errno == EAGAIN || errno == EINTR));
   if (got == 0) return true;
-  return Fail(got < 0 ? strerror(errno) : "no receiver of images is at the other end", why);
+  return Fail(got < 0 ? strerror(errno) : "the peer is not an image receiver", why);
 }
 
 }  // namespace
@@ -192,13 +194,13 @@ std::string ProgressText(uint64_t sent, uint64_t total, Milliseconds elapsed) {
 
 bool Upload(const Image &image, const Receiver &receiver, bool quiet, const Descriptor &interrupt,
             std::string &why) {
-  Link link;
-  link.patience = std::chrono::ceil<Milliseconds>(receiver.patience);
-  link.interrupt = &interrupt;
-  if (!Connect(receiver, link, why)) return false;
+  Connection connection;
+  connection.timeout = std::chrono::ceil<Milliseconds>(receiver.timeout);
+  connection.interrupt = &interrupt;
+  if (!Connect(receiver, connection, why)) return false;
   Progress progress = {image.size, quiet, isatty(STDERR_FILENO) == 1, Clock::now()};
-  const bool sent = SendImage(link, image, progress, why) && AwaitEnd(link, why);
-  if (progress.terminal && progress.shown != Clock::time_point()) std::fputc('\n', stderr);
+  const bool sent = SendImage(connection, image, progress, why) && AwaitEnd(connection, why);
+  if (progress.terminal && progress.shown != Clock::time_point()) fputc('\n', stderr);
   return sent;
 }
 
