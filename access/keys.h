@@ -1,5 +1,5 @@
-// The keys under which clients encode passwords: one per client's MAC, handed out by discovery,
-// valid for 1800 seconds from then on.
+// The keys under which clients encode passwords. Discovery hands out one for each client's MAC; it
+// is valid for 1800 seconds.
 //
 // MACs are 6 bytes, in the order in which they go over the wire.
 

@@ -27,8 +27,8 @@
 
 namespace {
 
-// The reply is made in a child, so that nothing it does can harm the server. The child itself is
-// waited for: any other child may live long, and its status is somebody else's.
+// A child makes the reply, so that it cannot harm the server. The server waits for this child only:
+// others may live long, and their statuses are needed elsewhere.
 int32_t AnswerPing(const AcpRequest &request) {
   const ChildSignalBlock block;
   const pid_t child = ForkChild();
@@ -106,7 +106,7 @@ void ConvertToHost(AcpRequest &request) {
     DebugPrint("ACP_CHANGE_IP_REPLY option swap\n");
 }
 
-// Every check is made, so that the trace tells all that is wrong.
+// Makes every check, so that the trace shows all that is wrong.
 bool IsValid(const AcpRequest &request, const ACPHeader &header) {
   const uint32_t length = static_cast<uint32_t>(request.recvlen);
   bool valid = true;

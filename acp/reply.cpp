@@ -1,5 +1,5 @@
-// Replies go out past the IP stack, through a packet socket: they must reach the client even when
-// the appliance's own address does not fit the client's network.
+// Replies bypass the IP stack, through a packet socket. They must reach the client even when the
+// appliance's own address does not fit the client's network.
 
 #include "acp/reply.h"
 
@@ -62,7 +62,8 @@ Descriptor OpenPacketSocket() {
   return {};
 }
 
-// The packet socket takes the IP stack's requests too.
+// A packet socket takes the IP stack's requests too. Replies are broadcasts, so that the table is
+// never asked for one; SendPacket's callers may name another address.
 void LookUpMac(const Descriptor &socket, in_addr_t address, uint8_t *mac) {
   memcpy(mac, BROADCAST_MAC, MAC_SIZE);
   if (address == BROADCAST_ADDRESS) return;

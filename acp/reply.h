@@ -28,7 +28,7 @@ struct Reply {
   }
 };
 
-// A zeroed reply with room for the header and `body_size` bytes.
+// A zeroed reply of a header and `body_size` bytes.
 Reply AllocateReply(size_t body_size);
 
 // Copies a body record, its numbers in host order, behind the header.

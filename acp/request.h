@@ -10,9 +10,9 @@
 
 constexpr size_t RECEIVE_BUFFER = 7500;  // bytes
 
-// Reused for every datagram: nobody may hold on to it after returning. Handlers read `packet`
-// through RequestHeader, RequesterMac and the readers of acp/body.h only; beyond `recvlen` it holds
-// what earlier datagrams left.
+// Reused for every datagram: do not keep a reference to it. Handlers read `packet` only through
+// RequestHeader, RequesterMac and the readers of acp/body.h; beyond `recvlen` it holds what earlier
+// datagrams left.
 struct AcpRequest {
   int32_t sock;
   int32_t recvlen;     // bytes received

@@ -1,4 +1,4 @@
-// The served interface, as a socket is told of it.
+// The served interface, as the kernel describes it.
 
 #ifndef BH_DAEMON_INTERFACE_H_
 #define BH_DAEMON_INTERFACE_H_

@@ -1,4 +1,4 @@
-// Pid file: written by the launcher, removed by whoever ends the server.
+// The launcher writes the pid file. The server removes it at its end, or the process that stops it.
 
 #include "daemon/pidfile.h"
 

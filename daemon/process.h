@@ -1,5 +1,5 @@
-// Children of the server: whoever forks one under a ChildSignalBlock gets its status. And the ways
-// to run a command.
+// Children of the server, and the ways to run a command. Code that forks under a ChildSignalBlock
+// gets its child's status.
 //
 //   const ChildSignalBlock block;
 //   const pid_t pid = ForkChild();
@@ -45,8 +45,7 @@ class ChildSignalBlock {
 // Returns its pid, 0 in the child, -1 with errno set.
 pid_t ForkChild();
 
-// The same for a child that works on as the daemon's own program, without the service socket: else
-// it would keep the port when the server has ended.
+// The same, but the child closes the service socket: it would keep the port after the server's end.
 pid_t ForkWorker();
 
 // Waits until the child `pid` has ended and stores its status, if `status` is not null. Returns
@@ -56,9 +55,9 @@ pid_t WaitForChild(pid_t pid, int *status);
 // Runs a command line in a shell and waits for it. Its wait status, -1 when it cannot be started.
 int RunCommandLine(const std::string &command);
 
-// Forks a worker that may end this server, and waits for its end; when the server's own is asked
-// for it is not waited for any longer, so that the client still has its answer before the server's
-// next wait. Returns as ForkChild does.
+// Forks a worker that may end this server, such as a power-off script, and waits for it. The wait
+// ends early when the server is asked to end, so that the client still gets its answer. Returns as
+// ForkChild does.
 pid_t ForkUnlessStopping();
 
 // The same with a command line in a shell as the worker.
@@ -69,11 +68,11 @@ void RunUnlessStopping(const std::string &command);
 bool FitsExec1(const std::string &command);
 bool FitsExec2(const std::string &command, const char *outfile);
 
-// Runs the command's words, parted by single spaces, without a shell. Once the child is there the
-// status word is -1; without `wait` the result is then the child's pid, and the caller holds the
-// children until it has stored that. With `wait` the status word becomes the wait status, and the
-// result 0, or -1 when the wait failed. -1 as well when the fork failed, with the status word
-// untouched; for what does not fit, with the status word -1; and for a null `status`.
+// Runs the command's words, which single spaces separate, without a shell. The fork sets the status
+// word to -1. Without `wait` the result is the child's pid; the caller blocks the child signals
+// until it has stored that. With `wait` the status word becomes the wait status, and the result is
+// 0, or -1 when the wait failed. Other failures give -1 too: a failed fork leaves the status word
+// as it is, a command that does not fit sets it to -1, and a null `status` does nothing.
 int32_t exec1(const char *command, int32_t wait, int32_t *status);
 
 // The same through a shell, with the output in `outfile`. The child's exit status is the low 8 bits

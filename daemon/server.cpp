@@ -30,9 +30,9 @@ namespace {
 
 constexpr char SERVER_VERSION[] = "bh_servd Ver.0.35";
 
-// Room for the requests that arrive while one is answered: a reply keeps the server for some 25 ms
-// on a multi-core host, and tools send in bursts of hundreds. Not more: what waits longer than a
-// few seconds is answered to a client that has given up.
+// Holds the requests that arrive while one is answered. A reply takes some 25 ms on a multi-core
+// host, and tools send bursts of hundreds. A longer queue would be of no use: after a few seconds
+// the client has given up.
 constexpr int RECEIVE_QUEUE = 256 * 1024;  // bytes
 
 void CloseService(int32_t sock) {

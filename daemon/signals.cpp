@@ -99,8 +99,8 @@ void EndWithoutMemory() {
 // Installed instead of SIG_IGN, which the programs that the daemon starts would inherit.
 void ignore_signal(int) {}
 
-// The signal may have come just before a write to a trace that nobody reads: the next one gets the
-// server out of it.
+// The signal may have come just before a write to a trace that nobody reads. The alarm's signal
+// then interrupts that write.
 void NoteExit(int code) {
   struct sigaction interrupt = {};
   sigemptyset(&interrupt.sa_mask);
@@ -140,10 +140,10 @@ void sigchld_handler(int) {
   errno = saved_errno;
 }
 
-// The image receiver raises SIGUSR1 when it cannot start, just before it ends: the configuration
-// lock that was taken for the update is given back. Only a receiver that SIGCHLD has not reaped
-// before is waited for: any other sender may live long, and send again. Nor is that one for ever,
-// or once the server is to end.
+// The image receiver raises SIGUSR1 just before it ends, when it cannot start. The configuration
+// lock that was taken for the update is then released. The handler waits for a receiver that
+// SIGCHLD has not reaped yet, for a second at most, and not once the server is to end. It waits for
+// no other sender: that may live long, and send again.
 void sigusr1_handler(int, siginfo_t *info, void *) {
   const int saved_errno = errno;
   const struct timespec pause = {.tv_sec = 0, .tv_nsec = 1'000'000};

@@ -117,8 +117,8 @@ bool CreateImage(uint32_t firm_size) {
   // A fresh segment is zero. To write zeros into it would take the memory at once, which may be
   // more than there is.
   const Segment segment = AttachSegment(id);
-  // The receiver does the same; but should it not come that far, an earlier upload's size must not
-  // pass for this one's.
+  // The receiver does the same. If it fails before that, an earlier upload's size must not pass for
+  // this one's.
   RecordImageSize(0, false);
   if (segment && RecordedSize() == 0) return true;
   RemoveSegment(id);

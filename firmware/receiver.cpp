@@ -1,5 +1,5 @@
-// The image receiver: one single-threaded select loop over the listening socket and the connections
-// that have come. The peer's address plays no part.
+// The image receiver: one single-threaded select loop over the listening socket and its
+// connections. It does not look at the peer's address.
 
 #include "firmware/receiver.h"
 
@@ -57,8 +57,8 @@ void ShareProgress() {
   if (progress != nullptr) *progress = 0;
 }
 
-// The segment that this receiver fills. A later request has put its own in that one's place, and
-// then knows nothing of what is received here.
+// The segment that this receiver fills. A later update request replaces it; what is received here
+// is then of no use.
 int segment_id = -1;
 
 // The end of a pipe that is closed once the receiver listens, or cannot: the client connects as
@@ -92,8 +92,8 @@ struct sockaddr_in ServiceAddress(int socket) {
   return address;
 }
 
-// It does not block: a connection that is gone before it is accepted must not keep the others
-// waiting. None, with a line in the trace, when it cannot be had.
+// The socket does not block: a connection that is gone before it is accepted must not keep the
+// others waiting. None, with a line in the trace, when it cannot be had.
 Descriptor OpenServer() {
   Descriptor server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!server.IsOpen()) {

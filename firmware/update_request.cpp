@@ -158,7 +158,7 @@ void ForgetLastUpdate(uint32_t true_chksum) {
   daemon_state.zip_pass[0] = '\0';
 }
 
-// False when another process holds the configuration lock; it stays that one's.
+// False when another process holds the configuration lock, which it keeps.
 bool TakeLock(const AcpRequest &request, const Family &family) {
   if (libbh_lock() != NOW_LOCKING) return true;
   SendState(request, ACP_FIRMUP2_REPLY, ACP_STATE_NOW_LOCKING);
@@ -219,7 +219,7 @@ void ChooseKeyFile(uint32_t firm_size) {
   CopyToField(daemon_state.firm_mem_path, sizeof(daemon_state.firm_mem_path), path.c_str());
 }
 
-// An end request that comes all the same must not install an earlier upload on this one's target.
+// An end request may follow all the same. It must not install an earlier upload on this target.
 int32_t Refuse(const AcpRequest &request, uint32_t state) {
   daemon_state.firm_dev = nullptr;
   SendState(request, ACP_FIRMUP2_REPLY, state);

@@ -1,5 +1,5 @@
-// The request that begins a firmware update: who asks, what the image is for, where it will be
-// installed; then room for it and a receiver.
+// The request that begins a firmware update. It is checked for rights, product and kind of image;
+// then memory is taken for the image, and a receiver started.
 
 #ifndef BH_FIRMWARE_UPDATE_REQUEST_H_
 #define BH_FIRMWARE_UPDATE_REQUEST_H_

@@ -1,5 +1,5 @@
-// Encoded passwords: the input is the key, the room of the caller's buffer and the request's field.
-// A block that is encoded comes out as it was.
+// Encoded passwords: the input is the key, the capacity of the caller's buffer and the request's
+// field. A block that is encoded comes out as it was.
 
 #include "access/cipher.h"
 #include "fuzz/input.h"

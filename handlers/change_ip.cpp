@@ -1,5 +1,5 @@
-// Each of the two phases around the reply holds the configuration lock by itself, so that the reply
-// is out before anything slow begins, with the interface's old address as its source.
+// Each of the two phases around the reply takes the configuration lock by itself. So the reply goes
+// out before anything slow begins, from the interface's old address.
 
 #include "handlers/change_ip.h"
 
@@ -120,7 +120,8 @@ void SwitchToDhcp(const IdentityChange &change, IfInfo &record) {
   DebugPrint("acpip->flag & FLAG_DHCP == TRUE\n");
   record.mode = MODE_DHCP;
   libbh_StopDhcpClient(daemon_state.ifname.c_str());
-  // The present addresses would be the ones to fall back to, but for the zeros that came.
+  // The trace claims that the present addresses were read; the request's zeros are used all the
+  // same.
   if (change.address.s_addr == 0 && change.netmask.s_addr == 0) DebugPrint("libbh_GetIfInfo().E\n");
 }
 

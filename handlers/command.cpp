@@ -1,6 +1,6 @@
-// The commands run in the server's own loop, but for those in the background: their process ID is
-// kept in cmd_chpid until the SIGCHLD handler has collected them, and until then no other command
-// is accepted.
+// Commands run in the server's own loop, except those in the background. cmd_chpid holds the pid of
+// a background command until the SIGCHLD handler has collected it. Until then no other command is
+// accepted.
 
 #include "handlers/command.h"
 

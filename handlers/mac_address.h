@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-// The text is six hexadecimal numbers parted by colons. The low 8 bits of each count; those that
-// are missing are 0.
+// The text is six hexadecimal numbers with colons between them. The low 8 bits of each number
+// count; missing numbers are 0.
 
 // Through the network interface `ifname` into its controller's EEPROM. 0, also when the driver
 // refused; -1 when there is no socket.

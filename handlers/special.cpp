@@ -62,8 +62,8 @@ bool IsEmergencySystem() {
   return libbh_GetProductState() == PRODUCT_STATE_EMERGENCY;
 }
 
-// The library's scripts may end this server: a worker runs them, or without one the server after
-// all. They always return 0.
+// The library's power scripts may end this server, so a worker runs them. Without a worker the
+// server runs them itself. They always return 0.
 uint32_t Reboot(const Special &) {
   const bool emergency = IsEmergencySystem();
   if (emergency || is_zeph_product())
@@ -104,6 +104,7 @@ void Sleep(time_t seconds) {
   }
 }
 
+// The firmware update's script drives the light: it is what blinks.
 [[noreturn]] void Blink() {
   DebugPrint("ACP_Special_Reply() start.\n");
   run_fw_update_script(1);
@@ -112,8 +113,8 @@ void Sleep(time_t seconds) {
   _exit(0);
 }
 
-// The blink before may have been collected, and its number be another child's by now: `led_pid`
-// tells what was started last, `live_led` what can be waited for.
+// The last blink's child may have been collected, and its pid may be another child's by now. So
+// `led_pid` is the child that was started last, and `live_led` the one that can be waited for.
 uint32_t BlinkLed(const Special &) {
   const ChildSignalBlock block;
   if (daemon_state.live_led > 0) WaitForChild(daemon_state.live_led, nullptr);

@@ -36,8 +36,8 @@ bool ReadStart(const char *path, size_t limit, std::string &text) {
   return true;
 }
 
-// File systems outgrow the reply's fields; the most that fits is nearer the truth than the rest
-// of a division.
+// File systems outgrow the reply's fields. The largest number that fits is nearer to the truth than
+// the low 32 bits.
 template <typename Count>
 uint32_t Saturate(Count count) {
   return static_cast<uint32_t>(
@@ -65,7 +65,7 @@ void CopyCounts(Record &record, const struct statfs &status) {
   record.blocks_avail = Saturate(status.f_bavail);
 }
 
-// Entries with room for more, filled from the front.
+// A table that is filled from the front.
 struct RaidList {
   RaidInfoEntry *entries;
   size_t count = 0;

@@ -204,9 +204,10 @@ int32_t libbh_WriteIfStanza(const struct IfInfo *record);
 /* ---- network interfaces ---- */
 
 /* Fills the record of the interface that it names; the caller has zeroed the other fields. Bit 0x2
- * of `flags` asks for the counters too, of the first interface whose name contains this one. An
- * interface that is down or has no IPv4 address gets its hardware address and DHCP state only. 0;
- * -10006 when there is no such interface or no counters; -10000 - errno. */
+ * of `flags` asks for the counters too, of the first interface whose name contains this one; bit
+ * 0x1, which callers set by custom, means nothing. An interface that is down or has no IPv4 address
+ * gets its hardware address and DHCP state only. 0; -10006 when there is no such interface or no
+ * counters; -10000 - errno. */
 int32_t libbh_GetIfInfo(struct IfInfo *record, uint32_t flags);
 
 /* Checks the record and, unless `check_only`, makes it the interface's configuration, in the file

@@ -37,8 +37,8 @@ FilePtr IfRegular(Descriptor file, const char *mode) {
 
 }  // namespace
 
-// Opening a device may act on it, and opening a FIFO on whoever writes there: both are looked at
-// first, and once more when they are open.
+// To open a device or a FIFO may have an effect by itself. So the file's type is checked before it
+// is opened, and once more when it is open.
 FilePtr OpenRegularFile(const char *path) {
   struct stat status = {};
   if (stat(path, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;

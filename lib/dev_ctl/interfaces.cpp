@@ -21,7 +21,7 @@ namespace {
 
 constexpr size_t MAC_BYTES = 6;
 constexpr uint16_t ALIAS_MARK = 1;
-constexpr uint32_t WITH_COUNTERS = 0x2;
+constexpr uint32_t WITH_COUNTERS = 0x2;  // bit 0, which all callers set, means nothing
 
 constexpr const char *DEVICE_TABLE = "/proc/net/dev";
 constexpr size_t MAX_DEVICE_LINE = 1023;

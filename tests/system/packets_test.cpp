@@ -111,7 +111,7 @@ TEST_F(Packets, HeaderBytesThatHaveNotComeAreZero) {
 }
 
 // What comes while the server is held waits in its queue, which is as large as the kernel makes one
-// of 256 KiB on this machine. Should its limits make every queue that large, a server that asks for
+// of 256 KiB on this machine. If its limits make every queue that large, a server that asks for
 // nothing passes too.
 TEST_F(Packets, BurstWaitsInAQueueAsLargeAsIsAskedFor) {
   StartDaemon();
