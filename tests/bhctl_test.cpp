@@ -1,5 +1,4 @@
-// bhctl without a network: the bytes it sends, what it makes of replies, good and hostile, and its
-// command line.
+// bhctl without a network: requests, valid and malformed replies, output, command line.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,9 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -39,12 +36,7 @@ constexpr Mac CLIENT = {0x02, 0xCC, 0x00, 0x00, 0x00, 0x10};
 constexpr Mac APPLIANCE = {0x02, 0xBB, 0x00, 0x00, 0x00, 0x01};
 constexpr uint32_t KEY = 0x12345678;
 
-// "FernGate" and "" as the appliance decodes them under KEY, and eight times 'x'.
-constexpr char FERN_GATE[] = "54 70 65 8D 63 F1 47 51 ";
-constexpr char NOTHING[] = "12 44 22 8A 6C 90 4C 34 ";
-constexpr char EIGHT_X[] = "6A 44 5A 8A 6C E8 4C 4C ";
-
-// Bytes in hexadecimal; spaces are for the reader.
+// Ignores spaces.
 string Hex(std::string_view text) {
   string bytes;
   string digits;
@@ -65,6 +57,11 @@ string Letters(size_t count) {
   return string(count, 'd');
 }
 
+// Encoded with KEY.
+const string FERN_GATE = Hex("5470658D63F14751");
+const string EIGHT_X = Hex("6A445A8A6CE84C4C");
+const string THIRTY_TWO_X = EIGHT_X + EIGHT_X + EIGHT_X + EIGHT_X;
+
 vector<uint8_t> Bytes(const string &text) {
   return {text.begin(), text.end()};
 }
@@ -73,49 +70,45 @@ string Text(const vector<uint8_t> &bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
-// Cut or filled with zeros.
+// Cuts the text or pads it with zeros.
 string Field(string text, size_t width) {
   text.resize(width);
   return text;
 }
 
 TEST(BhctlRequest, BytesOnTheWire) {
-  const DateTime time = {2024, 2, 29, 23, 59, 58};
+  Settings dhcp;
+  dhcp.dhcp = true;
+  Settings settings;
+  settings.address = 0xC0A8280B;
+  settings.netmask = 0xFFFFFF00;
+  settings.host_name = Letters(16);
+  settings.time = {2024, 2, 29, 23, 59, 58};
+  settings.timezone = -540;
   const struct {
     const char *name;
     Request request;
     const char *command_and_size;
     string body;
   } cases[] = {
-      {"discovery", MakeDiscoverRequest(), "2080 0000", ""},
       {"ping", MakePingRequest(), "4080 0000", ""},
       {"raid", MakeRaidRequest(), "E080 0000", ""},
       {"partition", MakePartitionRequest("dddd"), "D080 0500", Letters(4) + Zeros(1)},
       {"first drive", MakeDiskRequest(""), "9080 0000", ""},
-      // The appliance looks at the text from 64 bytes on only.
       {"short directory", MakeDiskRequest("d"), "9080 4000", Letters(1) + Zeros(63)},
-      {"directory of a field", MakeDiskRequest(Letters(64)), "9080 4100", Letters(64) + Zeros(1)},
-      {"longest directory", MakeDiskRequest(Letters(1400)), "9080 7905", Letters(1400) + Zeros(1)},
-      {"command", MakeCommandRequest("dddd", COMMAND_CAPTURED), "108A 0F00",
-       Hex("04000000 03000000") + Letters(4) + Zeros(3)},
-      {"long command", MakeCommandRequest(Letters(300), COMMAND_WAITED), "108A 3701",
+      {"long directory", MakeDiskRequest(Letters(64)), "9080 4100", Letters(64) + Zeros(1)},
+      {"command", MakeCommandRequest(Letters(300), COMMAND_WAITED), "108A 3701",
        Hex("2C010000 01000000") + Letters(300) + Zeros(3)},
       {"result", MakeResultRequest(), "208A 0000", ""},
-      {"special number", MakeSpecialRequest(SPECIAL_CREATE_RAID, 0x12345678, {}), "A080 0900",
+      {"special command", MakeSpecialRequest(SPECIAL_CREATE_RAID, 0x12345678, {}), "A080 0900",
        Hex("11000000 78563412 00")},
-      {"special text", MakeSpecialRequest(SPECIAL_FILE_CHECKSUM, 0, Bytes("dddd")), "A080 0D00",
-       Hex("42000000 00000000") + Letters(4) + Zeros(1)},
       {"new password", MakePasswordChangeRequest(Bytes(Letters(16)), Bytes("new-pass")),
        "A080 2100", Hex("10000000 00000000") + Letters(16) + "new-pass" + Zeros(1)},
-      {"all settings",
-       MakeChangeRequest(
-           {0xC0A8280B, 0xFFFFFF00, false, Letters(16), "WG", time, false, 0xC0A82801, -540, true}),
-       "3080 7000",
-       Zeros(12) + Hex("F7000000 0B28A8C0 00FFFFFF") + Letters(16) + Zeros(1) + Field("WG", 35) +
-           Hex("E807 0200 1D00 1700 3B00 3A00 0128A8C0") + Zeros(16) + Hex("E4FDFFFF")},
-      {"DHCP", MakeChangeRequest({{}, 0, true, "", "", {}, true, {}, {}, false}), "3080 7000",
+      {"settings", MakeChangeRequest(settings), "3080 7000",
+       Zeros(12) + Hex("93000000 0B28A8C0 00FFFFFF") + Letters(16) + Zeros(36) +
+           Hex("E807 0200 1D00 1700 3B00 3A00") + Zeros(20) + Hex("E4FDFFFF")},
+      {"DHCP", MakeChangeRequest(dhcp), "3080 7000",
        Hex("0100") + Zeros(10) + Hex("01000000") + Zeros(96)},
-      {"end of an update", MakeUpdateEndRequest(true), "7080 0000", ""},
   };
   for (const auto &each : cases) {
     const string datagram = Hex("2000 0000 07000100") + Hex(each.command_and_size) + Zeros(4) +
@@ -175,27 +168,20 @@ TEST(BhctlReply, ShortBodiesDoNotCount) {
     EXPECT_FALSE(IsAccepted(ReplyText(each.reply, Letters(each.size)), each.request)) << each.size;
 }
 
-TEST(BhctlReply, PingIsAnEchoAndAnUpdateHasTwo) {
+TEST(BhctlReply, PingIsAnEcho) {
   string echo = ReplyText(ACP_PING_REPLY, "");
   echo[10] = 4;  // as the request may have said
   EXPECT_TRUE(IsAccepted(echo, MakePingRequest()));
   EXPECT_FALSE(IsAccepted(echo + "d", MakePingRequest()));
   EXPECT_FALSE(IsAccepted(ReplyText(0, ""), MakePingRequest()));
-  EXPECT_TRUE(IsAccepted(ReplyText(ACP_FIRMUP_FINISH_REPLY, ""), MakeUpdateEndRequest(true)));
 }
 
-TEST(BhctlReply, NumbersAreLittleEndianAndTextsEnd) {
-  string bytes = Zeros(736);
-  std::iota(bytes.begin(), bytes.end(), '\0');
-  const PartitionInfo part = ReadPartitionInfo(ReplyBody(ACP_PART_REPLY, bytes.substr(0, 92)));
-  EXPECT_EQ(part.fs_type, 0x03020100U);
-  EXPECT_EQ(part.blocks_free, 0x0F0E0D0CU);
-  EXPECT_EQ(part.inodes_free, 0x1B1A1918U);
-  EXPECT_EQ(string(part.path).substr(60), "XYZ");  // the last byte makes place for the NUL
-  const RaidInfo raid = ReadRaidInfo(ReplyBody(ACP_INFO_RAID_REPLY, bytes));
-  EXPECT_EQ(raid.entries[1].type, 0x5F5E5D5CU);
-  EXPECT_EQ(raid.entries[7].blocks_free, 0x9B9A9998U);
-  EXPECT_EQ(string(raid.entries[1].path).size(), 63U);
+TEST(BhctlReply, PathsEndWithinTheirField) {
+  const PartitionInfo part = ReadPartitionInfo(ReplyBody(ACP_PART_REPLY, Letters(92)));
+  EXPECT_EQ(string(part.path), Letters(63));
+  const RaidInfo raid = ReadRaidInfo(ReplyBody(ACP_INFO_RAID_REPLY, Letters(736)));
+  for (const RaidInfoEntry &entry : raid.entries)
+    EXPECT_EQ(string(entry.path), Letters(63));
 }
 
 DriveIdentity Identify(const string &words) {
@@ -222,7 +208,7 @@ TEST(BhctlDrive, TextsAndCapacityComeFromTheWords) {
   EXPECT_TRUE(HasDriveInformation({.words = {1}}));
 }
 
-// The appliance's answer; texts fill their fields, hold control characters or bytes of no text.
+// Texts that fill their fields, control characters, bytes that are not UTF-8.
 string DiscoverBody() {
   return Hex("0B0CA8C0 00FEFFFF 52000000 01234567") + "host-of-16-bytes" +
          Field("WORK\xFF\x1B", 16) + Field("Bracken\x1B[1m\xFF", 64) + Hex("0000 2502") + Zeros(8) +
@@ -232,7 +218,11 @@ string DiscoverBody() {
 }
 
 Appliance Seen(uint8_t mac, const string &body, uint32_t state = ACP_STATE_OK) {
-  return AppliancesOf({{{mac}, {}, "", state, ReplyBody(ACP_DISCOVER_REPLY, body), {}}}).front();
+  Answer answer;
+  answer.mac = {mac};
+  answer.state = state;
+  answer.body = ReplyBody(ACP_DISCOVER_REPLY, body);
+  return AppliancesOf({answer}).front();
 }
 
 string Shown(const vector<Appliance> &appliances, bool json, bool with_changes) {
@@ -247,35 +237,37 @@ TEST(BhctlDiscover, ShowsEveryFieldOfAnAnswer) {
   EXPECT_EQ(table.substr(table.find("\n192")),
             "\n192.168.12.11  255.255.254.0  host-of-16-bytes  Bracken?[1m?  1.10 (" + Letters(31) +
                 ")  02:00:00:00:00:00  yes   normal, sleep  2024-02-29 23:59:58\n");
-  EXPECT_EQ(nlohmann::json::parse(Shown(seen, true, false)),
-            nlohmann::json({{"mac", "02:00:00:00:00:00"},
-                            {"state", "ACP_STATE_OK"},
-                            {"address", "192.168.12.11"},
-                            {"netmask", "255.255.254.0"},
-                            {"status", 0x52},
-                            {"dhcp", true},
-                            {"dhcp_server", false},
-                            {"initialized", true},
-                            {"timer_sleep", true},
-                            {"timer_backup", false},
-                            {"key", "0x01234567"},
-                            {"host_name", "host-of-16-bytes"},
-                            {"workgroup", "WORK\uFFFD\x1B"},
-                            {"product_name", "Bracken\x1B[1m\uFFFD"},
-                            {"daemon_version", "2.37"},
-                            {"time", "2024-02-29T23:59:58"},
-                            {"gateway", "192.168.12.1"},
-                            {"firmware_major", 1},
-                            {"firmware_minor", 10},
-                            {"product_id", 0xBBAA2001},
-                            {"firmware_build_date", "2024/2/28 9:08:07"},
-                            {"firmware_sub_version", Letters(31)},
-                            {"system_major", 2},
-                            {"system_minor", 3},
-                            {"product_state", "normal"},
-                            {"system_sub_version", "HDD 0.9"},
-                            {"system_build_date", "2023/12/31 23:59:59 long"},
-                            {"eth0_mac", "02:bb:00:00:00:02"}}));
+  const auto shown = nlohmann::json::parse(Shown(seen, true, false));
+  const struct {
+    const char *key;
+    nlohmann::json value;
+  } fields[] = {
+      {"state", "ACP_STATE_OK"},
+      {"netmask", "255.255.254.0"},
+      {"status", 0x52},
+      {"dhcp", true},
+      {"dhcp_server", false},
+      {"timer_sleep", true},
+      {"timer_backup", false},
+      {"key", "0x01234567"},
+      {"workgroup", "WORK\uFFFD\x1B"},
+      {"product_name", "Bracken\x1B[1m\uFFFD"},
+      {"daemon_version", "2.37"},
+      {"time", "2024-02-29T23:59:58"},
+      {"firmware_major", 1},
+      {"firmware_minor", 10},
+      {"product_id", 0xBBAA2001},
+      {"firmware_build_date", "2024/2/28 9:08:07"},
+      {"firmware_sub_version", Letters(31)},
+      {"system_major", 2},
+      {"system_minor", 3},
+      {"product_state", "normal"},
+      {"system_sub_version", "HDD 0.9"},
+      {"system_build_date", "2023/12/31 23:59:59 long"},
+      {"eth0_mac", "02:bb:00:00:00:02"},
+  };
+  for (const auto &field : fields)
+    EXPECT_EQ(shown[field.key], field.value) << field.key;
 }
 
 TEST(BhctlDiscover, MarksWhatCameWentAndMoved) {
@@ -301,19 +293,18 @@ TEST(BhctlDiscover, MarksWhatCameWentAndMoved) {
   EXPECT_TRUE(Shown(now, true, true).starts_with(R"({"change":"moved","mac":"02:)"));
 }
 
-TEST(BhctlSession, PasswordsAreEncodedOnlyWhereTheApplianceDecodesThem) {
+TEST(BhctlSession, ZeroBytesLimitThePasswordsOfAKey) {
   const struct {
     string password;
     uint32_t key;
-    string encoded;  // empty: it cannot be
+    string encoded;  // empty: impossible
   } cases[] = {
-      {"", KEY, Hex(NOTHING)},
-      {"FernGate", KEY, Hex(FERN_GATE)},
-      {"12345678", 0x31E54147, Hex("0072E203E3C5A4D7")},  // the first block always
-      {"123456789", 0x1132D8FB, ""},                      // a zero byte before the second block
-      {"123456789", 0x3988EC52, ""},                      // and at its begin
+      {"", KEY, Hex("1244228A6C904C34")},
+      {"12345678", 0x31E54147, Hex("0072E203E3C5A4D7")},  // in the first block
+      {"123456789", 0x1132D8FB, ""},                      // just before the second block
+      {"123456789", 0x3988EC52, ""},                      // at its start
       {"123456789", 0x1D93819, Hex("303B15213096C6EB 380020183 8A0C0D9")},
-      {string(32, 'x'), KEY, Hex(EIGHT_X) + Hex(EIGHT_X) + Hex(EIGHT_X) + Hex(EIGHT_X)},
+      {string(32, 'x'), KEY, THIRTY_TWO_X},
       {string(33, 'x'), KEY, ""},
       {Hex("610062"), KEY, ""},
   };
@@ -323,26 +314,23 @@ TEST(BhctlSession, PasswordsAreEncodedOnlyWhereTheApplianceDecodesThem) {
   }
 }
 
-TEST(BhctlSpecial, WhatLosesDataAsksFirst) {
-  std::map<string, unsigned> properties;
+TEST(BhctlSpecial, RiskyCommandsAskForConfirmation) {
+  string asking;
   for (const Special &row : Specials())
-    properties[string(row.name).append(" ").append(row.word)] = row.properties;
-  for (const char *risky : {"reboot ", "shutdown ", "boot disk", "config load", "web-reset ",
-                            "set-mac ", "raid create raid5", "test disk", "test usb", "remove "})
-    EXPECT_TRUE(properties.at(risky) & NEEDS_CONFIRMATION) << risky;
-  for (const char *harmless : {"enable ", "blink ", "config save", "lock take", "checksum "})
-    EXPECT_EQ(properties.at(harmless), 0U) << harmless;
+    if (row.properties & NEEDS_CONFIRMATION) asking += string(row.name) + " " + row.word + "\n";
+  EXPECT_EQ(asking,
+            "reboot \nshutdown \nboot emergency\nboot disk\nconfig load\nweb-reset \nset-mac \n"
+            "raid create normal\nraid create jbod\nraid create raid1\nraid create raid5\n"
+            "test disk\ntest usb\nremove \n");
 }
 
 TEST(BhctlPassword, IsHashedAsTheAccountDatabaseDoes) {
   EXPECT_EQ(HashPassword("FernGate", "ab"), "abcHKXPavTczo");
-  EXPECT_EQ(HashPassword("a b~", "./"), "./PT/GPNImiiI");
   const string salt = RandomSalt();
   EXPECT_EQ(HashPassword("FernGate", salt).substr(0, 2), salt);
 }
 
 TEST(BhctlUpgrade, RequestsOnTheWire) {
-  const string eights = Hex(EIGHT_X) + Hex(EIGHT_X) + Hex(EIGHT_X) + Hex(EIGHT_X);
   const struct {
     const char *name;
     string password;
@@ -350,16 +338,18 @@ TEST(BhctlUpgrade, RequestsOnTheWire) {
     uint16_t command;
     string rest;  // from the password on
   } cases[] = {
-      {"no password", "", "", ACP_FIRMUP2, Hex(NOTHING) + Zeros(4)},  // the whole record
-      {"a long password", string(32, 'x'), "", ACP_FIRMUP2, eights + Zeros(1)},
-      {"an archive's password", "", "FernGate", ACP_FIRMUP3,
-       Hex(NOTHING) + Hex("08000000") + Hex(FERN_GATE) + Zeros(1)},
-      {"a long one", "FernGate", string(32, 'x'), ACP_FIRMUP3,
-       Hex(FERN_GATE) + Hex("20000000") + eights + Zeros(1)},
+      {"a long password", string(32, 'x'), "", ACP_FIRMUP2, THIRTY_TWO_X + Zeros(1)},
+      {"an archive's password", "FernGate", string(32, 'x'), ACP_FIRMUP3,
+       FERN_GATE + Hex("20000000") + THIRTY_TWO_X + Zeros(1)},
   };
   for (const auto &each : cases) {
     SCOPED_TRACE(each.name);
-    Update update = {5, 0x1234, 0x12345678, 0xC6C8CACC, {each.password}, {}};
+    Update update;
+    update.type = 5;
+    update.product = 0x1234;
+    update.size = 0x12345678;
+    update.checksum = 0xC6C8CACC;
+    update.password = {each.password};
     if (!each.zip_password.empty()) update.zip_password = Secret{each.zip_password, 511};
     const Request request = MakeUpdateRequest(update, KEY);
     EXPECT_EQ(request.command, each.command);
@@ -368,30 +358,22 @@ TEST(BhctlUpgrade, RequestsOnTheWire) {
   }
 }
 
-TEST(BhctlUpgrade, ImagesFitTheProtocolAndHaveAChecksum) {
+TEST(BhctlUpgrade, ImagesFitTheProtocol) {
   const string path = testing::TempDir() + "bhctl-image-" + std::to_string(getpid());
   const struct {
-    string content;
-    uint64_t size;  // of the file, which may have a hole behind its content
-    uint32_t checksum;
-    const char *refusal;
+    uint64_t size;
+    const char *why;
   } cases[] = {
-      {"abc", 3, 0x61626300, ""},
-      {"abcde", 5, 0xC6626364, ""},
-      {"abcdefgh", 8, 0xC6C8CACC, ""},
-      {string(65536, 1) + "abcde", 65541, 0x06A2A364, ""},  // more than a piece
-      {"", 0, 0, "empty"},
-      {"", 4294967040, 0, "larger than 4294967039 bytes, the protocol's limit"},
+      {0, "empty"},
+      {4294967040, "larger than 4294967039 bytes, the protocol's limit"},
   };
   for (const auto &each : cases) {
-    SCOPED_TRACE(each.size);
-    std::ofstream(path) << each.content;
+    std::ofstream(path).close();
     std::filesystem::resize_file(path, each.size);
     Image image;
     string why;
-    EXPECT_EQ(OpenImage(path, image, why), *each.refusal == '\0');
-    EXPECT_EQ(why, each.refusal);
-    EXPECT_EQ(image.checksum, each.checksum);
+    EXPECT_FALSE(OpenImage(path, image, why));
+    EXPECT_EQ(why, each.why);
   }
   std::filesystem::remove(path);
 }
@@ -405,20 +387,14 @@ TEST(BhctlExec, RepliesTellWhatTheirTypeSays) {
   } cases[] = {
       {COMMAND_BACKGROUND, FAILURE, true, 0},
       {COMMAND_BACKGROUND, 0, false, EXIT_REFUSED},
-      {COMMAND_BACKGROUND, 8, false, EXIT_REFUSED},
-      {COMMAND_WAITED, 0, true, 0},
       {COMMAND_WAITED, 0xFF00, true, 255},
       {COMMAND_WAITED, 0x8B, true, 139},  // ended by a signal
-      {COMMAND_WAITED, FAILURE, false, EXIT_REFUSED},
       {COMMAND_WAITED, 0x10000, false, EXIT_REFUSED},
-      {COMMAND_TO_FILE, 0, true, 0},
       {COMMAND_TO_FILE, 0x8B, true, 139},
-      {COMMAND_TO_FILE, 0x0B00, true, 139},
       {COMMAND_TO_FILE, 0x8B00, true, 139},
       {COMMAND_TO_FILE, FAILURE, false, EXIT_REFUSED},
       {COMMAND_TO_FILE, 0xFF00, false, EXIT_REFUSED},
       {COMMAND_CAPTURED, FAILURE, false, EXIT_REFUSED},
-      {COMMAND_CAPTURED, 9, false, EXIT_REFUSED},
   };
   for (const auto &each : cases) {
     const CommandOutcome outcome = ReadOutcome(each.type, each.result, {}).value();
@@ -427,41 +403,31 @@ TEST(BhctlExec, RepliesTellWhatTheirTypeSays) {
   }
 }
 
-TEST(BhctlExec, OutputEndsWithItsNulAndTheBody) {
-  const auto output = [](const string &body) {
-    return ReadOutcome(COMMAND_CAPTURED, 0, Bytes(body)).value().output;
-  };
-  EXPECT_EQ(output(Zeros(8) + "a\nb" + Zeros(1) + "c"), "a\nb");
-  EXPECT_EQ(output(Zeros(8) + "ddd"), "ddd");
-  EXPECT_FALSE(ReadOutcome(COMMAND_CAPTURED, 0, Bytes(Zeros(10))));
-}
-
-TEST(BhctlExec, ResultLinesLieWithinTheirBody) {
+TEST(BhctlExec, OutputLiesWithinItsBody) {
   const struct {
+    const char *name;
     const char *length;
     string text;
     std::optional<string> line;
   } cases[] = {
-      {"03000000", "ab\n" + Zeros(4), "ab\n"},
-      {"03000000", Hex("61000A31323334"), "a"},
-      {"04000000", Letters(7), {}},
-      {"00000001", Letters(9), {}},
+      {"line", "03000000", "ab\n" + Zeros(4), "ab\n"},
+      {"NUL", "03000000", Hex("61000A31323334"), "a"},
+      {"too long", "04000000", Letters(7), {}},
+      {"far too long", "00000001", Letters(9), {}},
   };
   for (const auto &each : cases) {
     const string body = Hex(each.length) + Zeros(4) + each.text;
-    EXPECT_EQ(DecodeResultLine(ReplyBody(ACP_RESULT_REPLY, body)), each.line) << each.text;
+    EXPECT_EQ(DecodeResultLine(ReplyBody(ACP_RESULT_REPLY, body)), each.line) << each.name;
   }
   EXPECT_FALSE(DecodeResultLine(Bytes(Zeros(11))));
+  EXPECT_FALSE(ReadOutcome(COMMAND_CAPTURED, 0, Bytes(Zeros(10))));
 }
 
 TEST(BhctlExec, CommandsFitWhatTheApplianceTakes) {
   const struct {
     uint32_t type;
     size_t most;  // bytes
-  } cases[] = {{COMMAND_BACKGROUND, 511},
-               {COMMAND_WAITED, 511},
-               {COMMAND_TO_FILE, 488},
-               {COMMAND_CAPTURED, 1400}};
+  } cases[] = {{COMMAND_WAITED, 511}, {COMMAND_TO_FILE, 488}, {COMMAND_CAPTURED, 1400}};
   for (const auto &each : cases) {
     EXPECT_TRUE(FitsType(Letters(each.most), each.type)) << each.type;
     EXPECT_FALSE(FitsType(Letters(each.most + 1), each.type)) << each.type;
@@ -481,10 +447,7 @@ TEST(BhctlText, SizesAreShort) {
   EXPECT_EQ(UsedText(~0U, 0, 1), "100%");
   EXPECT_EQ(UsedText(0, 0, 0), "-");
   EXPECT_EQ(UsedText(1, 9, 9), "0%");
-  EXPECT_EQ(StateName(0x8000000A), "ACP_STATE_NOT_PERMIT");
   EXPECT_EQ(StateName(0xABCDEF), "0x00ABCDEF");
-  EXPECT_EQ(ProgressText(12'345'678, 16'777'216, std::chrono::milliseconds(1250)),
-            "  12.3 MB of 16.7 MB  73%  9.8 MB/s  0:00 left");
   EXPECT_EQ(ProgressText(1000, 4'294'967'039, std::chrono::milliseconds(100)),
             "  1.0 kB of 4.2 GB  0%  10.0 kB/s  7158:16 left");
 }
@@ -519,16 +482,16 @@ TEST(BhctlText, MacAddressesHaveOneForm) {
     EXPECT_FALSE(ParseMac(wrong)) << wrong;
 }
 
-// The output, errors too, and the wait status.
-string RunBhctl(const string &arguments) {
-  FILE *pipe = popen(("'" BHCTL_PATH "' " + arguments + " 2>&1 </dev/null").c_str(), "r");
+// Output, errors, wait status.
+string RunBhctl(const string &arguments, const string &interface = "lo") {
+  const string command = "'" BHCTL_PATH "' -i " + interface + " " + arguments;
+  FILE *pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
   string output(8192, '\0');
   output.resize(fread(output.data(), 1, output.size(), pipe));
   return output + std::to_string(pclose(pipe));
 }
 
 TEST(BhctlCommandLine, UsageErrorsAndHelp) {
-  // Most name an interface that is refused: nothing is sent, not even when an error is overlooked.
   const string image = "'" BHCTL_PATH "' --type 2 ";
   const struct {
     string arguments;
@@ -536,46 +499,43 @@ TEST(BhctlCommandLine, UsageErrorsAndHelp) {
   } cases[] = {
       {"", "a command is required"},
       {"--json partitoin /", "unknown command 'partitoin', did you mean 'partition'?\n"},
-      {"-i lo ping ping", "unexpected argument 'ping'"},
-      {"-i lo raid --colour", "unknown option '--colour'"},
-      {"-i bh-no-such-if discover --watch", "no such interface: bh-no-such-if"},
-      {"-i lo disk " + Letters(1401), "DIRECTORY must have 1 to 1400 bytes"},
-      {"-i lo partition", "PATH is required"},
-      {"partition -i lo -- -" + Letters(1400), "PATH must have 1 to 1400 bytes"},
-      {"-i lo exec ls --type 4", "--type must be 0, 1, 2 or 3, not '4'"},
-      {"-i lo --mac ping", "not a MAC address: 'ping'"},
-      {"-i lo ping --timeout 0", "--timeout must be greater than 0"},
-      {"-i lo ping --timeout 86401", "--timeout must be greater than 0"},
-      {"ping -i ''", "--interface needs a name"},
-      {"-i lo ping --password a --password-stdin", "cannot be combined"},
-      {"-i lo upgrade x", "--type is required"},
-      {"-i lo upgrade x --type 0x2 --product 4294967296", "--product must be a number from 0"},
-      {"-i lo upgrade x --type 2 --zip-password ''", "--zip-password must not be empty"},
-      {"-i lo upgrade /no/image --type 2", "cannot send /no/image: No such file"},
-      {"-i lo upgrade / --type 2", "cannot send /: not a regular file"},
-      {"-i lo upgrade " + image + "--zip-password " + Letters(512), "can have at most 511 bytes"},
-      {"-i lo upgrade " + image + "--zip-password a --password 123456789", "at most 8 bytes"},
-      {"-i lo upgrade " + image + "--password-stdin", "no password on standard input"},
-      {"-i lo boot disc --yes", "SYSTEM must be one of emergency, disk, not 'disc'"},
-      {"-i lo boot disk", "boot disk needs confirmation: give --yes"},
-      {"-i lo raid create raid6 --yes", "KIND must be one of normal, jbod, raid1, raid5, not"},
-      {"-i lo test ups /dev/sda", "unexpected argument '/dev/sda'"},
-      {"-i lo set-mac 03:00:00:00:00:01 --yes", "not a unicast MAC address"},
-      {"-i lo enable --pass-phrase " + Letters(33), "the pass phrase can have at most 32 bytes"},
-      {"-i lo passwd --password a --new-password 123456789", "1 to 8 ASCII characters"},
-      {"-i lo set", "nothing to change"},
-      {"-i lo set --ip 10.0.0.1", "--ip and --netmask must be given together"},
-      {"-i lo set --ip 10.0.0.1 --netmask 255.0.0.0", "set --ip 10.0.0.1 needs confirmation"},
-      {"-i lo set --hostname " + Letters(17), "--hostname must have 1 to 16 bytes"},
-      {"-i lo set --time '2000-12-31 00:00:00'", "--time must be now or"},
-      {"-i bh-no-such-if set --time 2100-03-01T23:59:59 --timezone -840", "no such interface"},
-      {"-i lo set --timezone 841", "--timezone must be a number of minutes from -840 to 840"},
+      {"ping ping", "unexpected argument 'ping'"},
+      {"raid --colour", "unknown option '--colour'"},
+      {"partition", "PATH is required"},
+      {"partition -- -" + Letters(1400), "PATH must have 1 to 1400 bytes"},
+      {"exec ls --type 4", "--type must be 0, 1, 2 or 3, not '4'"},
+      {"--mac ping", "not a MAC address: 'ping'"},
+      {"ping --timeout 0", "--timeout must be greater than 0"},
+      {"ping --timeout 86401", "--timeout must be greater than 0"},
+      {"ping --password a --password-stdin", "cannot be combined"},
+      {"upgrade x", "--type is required"},
+      {"upgrade x --type 0x2 --product 4294967296", "--product must be a number from 0"},
+      {"upgrade x --type 2 --zip-password ''", "--zip-password must not be empty"},
+      {"upgrade / --type 2", "cannot send /: not a regular file"},
+      {"upgrade " + image + "--zip-password " + Letters(512), "can have at most 511 bytes"},
+      {"upgrade " + image + "--zip-password a --password 123456789", "at most 8 bytes"},
+      {"upgrade " + image + "--password-stdin", "no password on standard input"},
+      {"boot disk", "boot disk needs confirmation: give --yes"},
+      {"raid create raid6 --yes", "KIND must be one of normal, jbod, raid1, raid5, not"},
+      {"test ups /dev/sda", "unexpected argument '/dev/sda'"},
+      {"set-mac 03:00:00:00:00:01 --yes", "not a unicast MAC address"},
+      {"passwd --password a --new-password 123456789", "1 to 8 ASCII characters"},
+      {"set", "nothing to change"},
+      {"set --ip 10.0.0.1", "--ip and --netmask must be given together"},
+      {"set --ip 10.0.0.1 --netmask 255.0.0.0", "set --ip 10.0.0.1 needs confirmation"},
+      {"set --hostname " + Letters(17), "--hostname must have 1 to 16 bytes"},
+      {"set --time '2000-12-31 00:00:00'", "--time must be now or"},
+      {"set --timezone 841", "--timezone must be a number of minutes from -840 to 840"},
   };
   for (const auto &each : cases) {
+    // Loopback is refused, so nothing is sent even if bhctl overlooks an error.
     const string output = RunBhctl(each.arguments);
     EXPECT_TRUE(output.ends_with("\n512")) << each.arguments << output;
     EXPECT_NE(output.find(each.message), string::npos) << each.arguments << output;
   }
+  for (const char *valid : {"discover --watch", "set --time 2100-03-01T23:59:59 --timezone -840"})
+    EXPECT_TRUE(RunBhctl(valid, "bh-no-such-if").starts_with("bhctl: no such interface")) << valid;
+  EXPECT_TRUE(RunBhctl("ping", "''").starts_with("bhctl: --interface needs a name"));
   EXPECT_TRUE(RunBhctl("--help").ends_with("\n0"));
 }
 
