@@ -11,44 +11,39 @@
 #include "lib/libbh.h"
 #include "tests/files.h"
 
+namespace {
+
 using namespace fixture;
 using namespace std::string_literals;
-using std::string, std::to_string, board::CALL_LOG;
-using Ints = std::vector<int32_t>;
-constexpr const char *HOSTS = "/etc/hosts", *INFO = "/etc/korvo/info", *CRONTAB = "/etc/crontab";
-constexpr const char *PRODUCT = "/proc/brackenhold", *ZONE = "/etc/localtime";
-const string NTP = "* * * root /usr/sbin/ntpdate_script -b -s ", X250(250, 'x');
+using board::CALL_LOG;
+using std::string;
+using std::to_string;
 
-static string Fill(int32_t (*getter)(char *, int32_t), const Ints &sizes) {
-  string seen;  // the results, each with 6 bytes of the buffer
-  for (const int32_t size : sizes) {
-    char buffer[] = "!!!!!!";
-    seen.append(to_string(getter(buffer, size))).append(buffer, 6);
-  }
-  return seen;
+constexpr const char *HOSTS = "/etc/hosts";
+constexpr const char *INFO = "/etc/korvo/info";
+constexpr const char *CRONTAB = "/etc/crontab";
+constexpr const char *PRODUCT = "/proc/brackenhold";
+constexpr const char *ZONE = "/etc/localtime";
+constexpr const char *CENTRAL_EUROPE = "CET-1CEST,M3.5.0,M10.5.0/3";
+const string NTP = "* * * root /usr/sbin/ntpdate_script -b -s ";
+const string X250(250, 'x');
+
+// What a getter does with a buffer of that many bytes; 6 are looked at.
+void ExpectText(int32_t (*getter)(char *, int32_t), int32_t size, int32_t result,
+                const string &bytes) {
+  char buffer[] = "!!!!!!";
+  EXPECT_EQ(getter(buffer, size), result) << size;
+  EXPECT_EQ(string(buffer, 6), bytes) << size;
 }
 
-// The result, the crontab and how many names it has then, and what is read from it.
-static string Ntp(const char *before, int32_t enabled, string server, int32_t hours) {
-  NtpConfig config = {enabled, server.data(), hours};
-  before == nullptr ? RemoveFile(CRONTAB) : WriteFile(CRONTAB, before);
-  string seen = to_string(libbh_SetNtpConfig(0, &config)) + " ";
-  seen += ReadFile(CRONTAB) + to_string(std::filesystem::hard_link_count(CRONTAB));
-  libbh_GetNtpConfig(&config);
-  seen += (config.enabled == 1 ? " on " : " off ") + to_string(config.interval_hours) + " ";
-  if (config.server != nullptr) seen += config.server;
-  libbh_FreeNtpConfig(&config);
-  return seen;
-}
-
-static void Zone(const char *rule) {
+void Zone(const char *rule) {
   RemoveFile(ZONE);
   WriteFile(ZONE, "TZif2" + string(39, '\0') + "TZif2" + string(27, '\0') +
                       "\0\0\0\1\0\0\0\1\0\0\0\4"s + string(15, '\0') + "GMT\0\n"s + rule + "\n");
 }
 
 // Most significant byte first, as zone files have it.
-static string Big(int64_t number, int bytes) {
+string Big(int64_t number, int bytes) {
   string text;
   for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
     text += static_cast<char>(number >> shift);
@@ -56,7 +51,7 @@ static string Big(int64_t number, int bytes) {
 }
 
 // Its clocks are put on by an hour at that time, from UTC+3 to UTC+4, without any daylight saving.
-static void ZoneOfANewOffset(time_t change) {
+void ZoneOfANewOffset(time_t change) {
   const string head = "TZif2" + string(15, '\0');
   const string no_counts(24, '\0');
   const string counts = string(12, '\0') + Big(1, 4) + Big(2, 4) + Big(4, 4);
@@ -66,53 +61,99 @@ static void ZoneOfANewOffset(time_t change) {
   WriteFile(ZONE, head + no_counts + head + counts + change_to_second + types + "MSK\0\nMSK-4\n"s);
 }
 
-TEST(Settings, NamesAndServices) {
-  const auto host = [](auto to, int mode = 0) { return libbh_SetApHostName(mode, to, 1, "eth0"); };
-  const auto group = [](const char *name) { return libbh_SetGroupName(0, name, 0); };
+int32_t SetHost(const char *name, int32_t check_only = 0) {
+  return libbh_SetApHostName(check_only, name, 1, "eth0");
+}
+
+int32_t SetGroup(const char *name) {
+  return libbh_SetGroupName(0, name, 0);
+}
+
+TEST(HostName, TakesTheOldOnesPlaceInTheHostsFile) {
   libbh_lock();
   ASSERT_EQ(sethostname("abc", 3), 0);
   WriteFile(CALL_LOG, "");
   WriteFile(HOSTS, "::1 ip6\n1.2.3.4 abc\n#xabcx\n" + X250 + "xxabc\n" + X250 + "xxxxabc\n::2 x");
-  EXPECT_EQ((Ints{host("seventeen-letters"), host(""), host("abc")}), (Ints{-108, -108, 0}));
-  EXPECT_EQ((Ints{host("new", 1), host("sixteen-letters0")}), (Ints{0, 0}));
+  EXPECT_EQ(SetHost("seventeen-letters"), -108);
+  EXPECT_EQ(SetHost(""), -108);
+  EXPECT_EQ(SetHost("abc"), 0);
+  EXPECT_EQ(SetHost("new", 1), 0);
+  EXPECT_EQ(SetHost("sixteen-letters0"), 0);
   EXPECT_EQ(ReadFile(HOSTS),
             "::1 ip6\n" + X250 + "xxabc\n" + X250 + "xxxx::2 x\n192.168.40.2 sixteen-letters0\n");
-  EXPECT_EQ((RemoveFile(HOSTS), host("abc")), -10002);
-  EXPECT_EQ(Fill(libbh_GetHostName, {0, 1, 2, 3, 5}), "-4!!!!!!0\0!!!!!0\0!!!!!0a\0!!!!0abc\0!!"s);
+  EXPECT_EQ(ReadFile(CALL_LOG),
+            "/etc/init.d/networking restart\n/etc/init.d/smb restart\n"
+            "/etc/init.d/atalk restart\n");
+  RemoveFile(HOSTS);
+  EXPECT_EQ(SetHost("abc"), -10000 - ENOENT);
+  ExpectText(libbh_GetHostName, 0, -4, "!!!!!!");
+  ExpectText(libbh_GetHostName, 1, 0, "\0!!!!!"s);
+  ExpectText(libbh_GetHostName, 3, 0, "a\0!!!!"s);
+  ExpectText(libbh_GetHostName, 5, 0, "abc\0!!"s);
+  libbh_unlock();
+  EXPECT_EQ(SetHost("x"), -20000);
+}
+
+TEST(Workgroup, GoesWhereTheProductKeepsIt) {
+  libbh_lock();
   WriteFile("/etc/samba/smb.conf", "[x]\n workgroup = OLD\n");
-  WriteFile(INFO, "wg=\"OLD\"\ntimezone=\"1\"\n");
+  WriteFile(INFO, "wg=\"OLD\"\n");
   WriteFile(PRODUCT, "PRODUCTID=0x2000");
-  EXPECT_EQ((Ints{group("SEVENTEEN-LETTERS"), group(""), group("ABCD")}), (Ints{-112, -112, 0}));
-  EXPECT_EQ(Fill(libbh_GetGroupName, {3, 4, 5}), "-112!!!!!!0ABCD!!0ABCD\0!"s);
+  EXPECT_EQ(SetGroup("SEVENTEEN-LETTERS"), -112);
+  EXPECT_EQ(SetGroup(""), -112);
+  EXPECT_EQ(SetGroup("ABCD"), 0);
+  EXPECT_EQ(ReadFile(INFO), "wg=ABCD\n");
+  EXPECT_NE(access("/tmp/libbh_tmp", F_OK), 0) << "the copy is left";
+  ExpectText(libbh_GetGroupName, 3, -112, "!!!!!!");
+  ExpectText(libbh_GetGroupName, 4, 0, "ABCD!!");
+  ExpectText(libbh_GetGroupName, 5, 0, "ABCD\0!"s);
   EXPECT_EQ(libbh_GetGroupName(nullptr, 0), -112);
   EXPECT_EQ(libbh_GetGroupName(nullptr, 5), -10000 - EINVAL);
   EXPECT_EQ(libbh_GetAtalkWorkgroup(nullptr, 0), -113);
-  EXPECT_EQ(libbh_SetTimeZone(330) + access("/tmp/libbh_tmp", F_OK), -1);
-  EXPECT_EQ(ReadFile(INFO), "wg=ABCD\ntimezone=-5.5\n");
   WriteFile(PRODUCT, "PRODUCTID=0x2001");
-  WriteFile("/run/stand-ins/set_timezone.sh", "exit 3");
-  EXPECT_EQ((Ints{group("SIXTEEN-LETTERS."), libbh_SetTimeZone(0)}), (Ints{0, 768}));
-  EXPECT_EQ(ReadFile(INFO), "wg=SIXTEEN-LETTERS.\ntimezone=0\n");
+  EXPECT_EQ(SetGroup("SIXTEEN-LETTERS."), 0);
+  EXPECT_EQ(ReadFile(INFO), "wg=SIXTEEN-LETTERS.\n");
   RemoveFile(INFO);
   WriteFile("/etc/korsub_info.sh", "wg=OLD\n");
-  EXPECT_EQ((Ints{group("NEW"), libbh_SetTimeZone(-540), access(INFO, F_OK)}), (Ints{0, 768, -1}));
+  EXPECT_EQ(SetGroup("NEW"), 0);
+  EXPECT_NE(access(INFO, F_OK), 0);
   libbh_unlock();
-  EXPECT_EQ(host("x") + group("x") + libbh_SetTimeZoneName("x") + libbh_SetNtpConfig(0, nullptr),
-            -80000);
+  EXPECT_EQ(SetGroup("x"), -20000);
   EXPECT_EQ(ReadFile("/etc/korsub_info.sh"), "wg=NEW\n");
-  EXPECT_EQ((WriteFile(INFO, string(200000, '\xFF') + "\0\1\2"s), libbh_FileChksum(INFO)), 0xFDFE);
-  EXPECT_EQ((Ints{libbh_Reboot(), libbh_Shutdown(), libbh_LoadConfig()}), (Ints{0, 0, 0}));
-  const auto told = [] { return ReadFile(board::SYSLOG).find("Now Rebooting.") != string::npos; };
-  EXPECT_TRUE(board::WaitFor(told));
-  EXPECT_EQ(ReadFile(CALL_LOG),
-            "/etc/init.d/networking restart\n/etc/init.d/smb restart\n/etc/init.d/atalk "
-            "restart\n/usr/bin/nkf -e /tmp/libbh_tmp\n/usr/local/bin/set_timezone.sh "
-            "330\n/usr/local/bin/set_timezone.sh 0\n/usr/local/bin/set_timezone.sh "
-            "-540\n/www/script/korsub_shutdown2.sh 1\n/www/script/korsub_shutdown2.sh "
-            "2\n/usr/local/bin/load_config.sh\n");
 }
 
-TEST(Settings, WorkgroupIsSetInAProgramThatIgnoresItsChildren) {
+TEST(TimeZone, ScriptAndInformationFileAreTold) {
+  WriteFile(CALL_LOG, "");
+  WriteFile(INFO, "timezone=\"1\"\n");
+  EXPECT_EQ(libbh_SetTimeZone(330), 0);
+  EXPECT_EQ(ReadFile(INFO), "timezone=-5.5\n");
+  WriteFile("/run/stand-ins/set_timezone.sh", "exit 3");
+  EXPECT_EQ(libbh_SetTimeZone(0), 3 << 8);
+  EXPECT_EQ(ReadFile(INFO), "timezone=0\n");
+  RemoveFile(INFO);
+  EXPECT_EQ(libbh_SetTimeZone(-540), 3 << 8);
+  EXPECT_NE(access(INFO, F_OK), 0);
+  RemoveFile("/run/stand-ins/set_timezone.sh");
+  const string script = "/usr/local/bin/set_timezone.sh ";
+  EXPECT_EQ(ReadFile(CALL_LOG), script + "330\n" + script + "0\n" + script + "-540\n");
+}
+
+TEST(System, PowerScriptsAreRunAndLogged) {
+  WriteFile(CALL_LOG, "");
+  EXPECT_EQ(libbh_Reboot(), 0);
+  EXPECT_EQ(libbh_Shutdown(), 0);
+  EXPECT_EQ(ReadFile(CALL_LOG),
+            "/www/script/korsub_shutdown2.sh 1\n/www/script/korsub_shutdown2.sh 2\n");
+  const auto told = [] { return ReadFile(board::SYSLOG).find("Now Rebooting.") != string::npos; };
+  EXPECT_TRUE(board::WaitFor(told));
+}
+
+TEST(System, ChecksumOfAFileOfManyPieces) {
+  WriteFile("/tmp/file", string(200000, '\xFF') + "\0\1\2"s);
+  EXPECT_EQ(libbh_FileChksum("/tmp/file"), 0xFDFE);
+}
+
+TEST(Workgroup, IsSetInAProgramThatIgnoresItsChildren) {
   signal(SIGCHLD, SIG_IGN);  // no command has a status then
   libbh_lock();
   WriteFile(INFO, "wg=OLD\n");
@@ -122,7 +163,7 @@ TEST(Settings, WorkgroupIsSetInAProgramThatIgnoresItsChildren) {
   EXPECT_EQ(ReadFile(INFO), "wg=NEW\n");
 }
 
-TEST(Settings, WorkgroupNeedsAWholeCopy) {
+TEST(Workgroup, NeedsAWholeCopy) {
   libbh_lock();
   WriteFile(INFO, "wg=OLD\n");
   WriteFile(PRODUCT, "PRODUCTID=0x2000");
@@ -134,7 +175,7 @@ TEST(Settings, WorkgroupNeedsAWholeCopy) {
 }
 
 // The name that a program on the board reads from a stand-in of /bin/hostname.
-static string HostNameFrom(const string &script) {
+string HostNameFrom(const string &script) {
   char name[64] = "";
   EXPECT_EQ(rename("/bin/hostname", "/bin/hostname.real"), 0);
   WriteFile("/bin/hostname", "#!/bin/sh\n" + script);
@@ -144,7 +185,7 @@ static string HostNameFrom(const string &script) {
   return name;
 }
 
-TEST(Settings, HostNameIsTheFirstLineHoweverItComes) {
+TEST(HostName, IsTheFirstLineHoweverItComes) {
   while (waitpid(-1, nullptr, 0) > 0)  // other tests' children
     continue;
   EXPECT_EQ(HostNameFrom("printf abc\n"), "abc");
@@ -162,7 +203,7 @@ TEST(Settings, HostNameIsTheFirstLineHoweverItComes) {
   EXPECT_EQ(waitpid(-1, nullptr, 0), -1) << "a child is left by a signal";
 }
 
-TEST(Settings, HostNameIsReadByAProgramWithoutStandardDescriptors) {
+TEST(HostName, IsReadByAProgramWithoutStandardDescriptors) {
   ASSERT_EQ(sethostname("abc", 3), 0);
   const pid_t program = fork();
   if (program == 0) {
@@ -177,16 +218,16 @@ TEST(Settings, HostNameIsReadByAProgramWithoutStandardDescriptors) {
 }
 
 // A line of more than 255 characters, whose NTP command ends at the given one.
-static string LineWithCommandUpTo(size_t character) {
+string LineWithCommandUpTo(size_t character) {
   const string command = "/usr/sbin/ntpdate_script -b -s";
   return string(character - command.size(), 'x') + command + X250 + "\n";
 }
 
-static string WithNtpLine(const string &jobs) {
+string WithNtpLine(const string &jobs) {
   return jobs + "#0 */6 " + NTP + "b \n";
 }
 
-TEST(Settings, LongCrontabLineIsKeptOrDroppedWhole) {
+TEST(Ntp, LongCrontabLineIsKeptOrDroppedWhole) {
   NtpConfig config = {0, const_cast<char *>("b"), 6};
   const string in_the_front = LineWithCommandUpTo(255);
   const string behind_it = LineWithCommandUpTo(256);
@@ -199,28 +240,88 @@ TEST(Settings, LongCrontabLineIsKeptOrDroppedWhole) {
   EXPECT_EQ(ReadFile(CRONTAB), WithNtpLine(behind_it));
 }
 
-TEST(Settings, NtpSchedule) {
+TEST(Ntp, ScheduleIsTheLastLineOfTheCrontab) {
+  const struct {
+    const char *name;
+    string before;
+    int32_t enabled;
+    string server;
+    int32_t hours;
+    string after;
+    uint32_t links;   // a second one is the mark that others look for
+    int32_t is_read;  // whether it is on then
+  } cases[] = {
+      {"in an old one's place", "a\n0 9 " + NTP + "old\nb", 1, "n-1.org", 6,
+       "a\nb\n0 */6 " + NTP + "n-1.org \n", 2, 1},
+      {"on, but never", "", 1, "10.0.0.1", 0, "\n#0 */0 " + NTP + "10.0.0.1 \n", 2, 0},
+      {"off", "a\n", 0, "b", 99, "a\n#0 */99 " + NTP + "b \n", 2, 0},
+      {"off and unmarked", "", 0, "", 7, "\n#0 */7 " + NTP + " \n", 1, 0},
+      {"on again", "", 1, "c", 24, "\n0 */24 " + NTP + "c \n", 2, 1},
+  };
   libbh_lock();
-  EXPECT_EQ(Ntp("a\n0 9 * * * root /usr/sbin/ntpdate_script -b -s old\nb", 1, "n-1.org", 6),
-            "0 a\nb\n0 */6 " + NTP + "n-1.org \n2 on 6 n-1.org");
-  EXPECT_EQ(Ntp("", 1, "10.0.0.1", 0), "0 \n#0 */0 " + NTP + "10.0.0.1 \n2 off 0 10.0.0.1");
-  EXPECT_EQ(Ntp("a\n", 0, "b", 99), "0 a\n#0 */99 " + NTP + "b \n2 off 99 b");
-  EXPECT_EQ(Ntp("", 0, "", 7), "0 \n#0 */7 " + NTP + " \n1 off 7 ");
-  EXPECT_EQ(Ntp(nullptr, 1, "c", 24), "0 \n0 */24 " + NTP + "c \n2 on 24 c");
-  for (const string &server : {""s, ".a"s, "a..b"s, "a."s, "a_b"s, X250 + "abcdef"})
-    EXPECT_EQ(Ntp("a\n", 1, server, 25), "-111 a\n2 off 11 ") << server;
-  EXPECT_EQ(Ntp("", 0, "a..b", 6), "-111 2 off 12 ");
-  EXPECT_EQ(Ntp("", 1, "a", 25) + Ntp("", 1, "a", -1), "-110 2 off 12 -110 2 off 12 ");
-  EXPECT_TRUE(ReadFile(CALL_LOG).ends_with(
-      "/usr/sbin/ntpdate_script -b -s n-1.org\n/usr/sbin/ntpdate_script -b -s "
-      "10.0.0.1\n/usr/sbin/ntpdate_script -b -s c\n"));
+  WriteFile(CALL_LOG, "");
+  for (const auto &each : cases) {
+    SCOPED_TRACE(each.name);
+    WriteFile(CRONTAB, each.before);
+    NtpConfig config = {each.enabled, const_cast<char *>(each.server.c_str()), each.hours};
+    EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0);
+    EXPECT_EQ(ReadFile(CRONTAB), each.after);
+    EXPECT_EQ(std::filesystem::hard_link_count(CRONTAB), each.links);
+    ASSERT_EQ(libbh_GetNtpConfig(&config), 0);
+    EXPECT_EQ(config.enabled, each.is_read);
+    EXPECT_EQ(config.interval_hours, each.hours);
+    EXPECT_EQ(config.server, each.server);
+    libbh_FreeNtpConfig(&config);
+  }
+  const string script = "/usr/sbin/ntpdate_script -b -s ";
+  EXPECT_EQ(ReadFile(CALL_LOG), script + "n-1.org\n" + script + "10.0.0.1\n" + script + "c\n");
+}
+
+TEST(Ntp, BadServersAndIntervalsAreRefused) {
+  const struct {
+    int32_t enabled;
+    string server;
+    int32_t hours;
+    int32_t result;
+  } cases[] = {
+      {1, "", 25, -111},    {1, ".a", 25, -111},  {1, "a..b", 25, -111},
+      {1, "a.", 25, -111},  {1, "a_b", 25, -111}, {1, X250 + "abcdef", 25, -111},
+      {0, "a..b", 6, -111}, {1, "a", 25, -110},   {1, "a", -1, -110},
+  };
+  libbh_lock();
+  WriteFile(CRONTAB, "a\n");
+  for (const auto &each : cases) {
+    const NtpConfig config = {each.enabled, const_cast<char *>(each.server.c_str()), each.hours};
+    EXPECT_EQ(libbh_SetNtpConfig(0, &config), each.result) << each.server << " " << each.hours;
+  }
+  EXPECT_EQ(ReadFile(CRONTAB), "a\n");
+  libbh_unlock();
+  EXPECT_EQ(libbh_SetNtpConfig(0, nullptr), -20000);
+}
+
+TEST(Ntp, DefaultsStandForAMissingLine) {
+  NtpConfig config = {};
+  WriteFile(CRONTAB, "a\n");
+  EXPECT_EQ(libbh_GetNtpConfig(&config), 0);
+  EXPECT_EQ(config.interval_hours, 11);
+  WriteFile(CRONTAB, "");
+  EXPECT_EQ(libbh_GetNtpConfig(&config), 0);
+  EXPECT_EQ(config.interval_hours, 12);
+}
+
+TEST(Ntp, FullDiskIsReported) {
   const NtpConfig config = {0, const_cast<char *>("a"), 1};
-  EXPECT_EQ((RemoveFile(CRONTAB), symlink("/dev/full", CRONTAB)), 0);
-  EXPECT_EQ(libbh_SetNtpConfig(0, &config), -10028);
+  libbh_lock();
+  RemoveFile(CRONTAB);
+  EXPECT_EQ(libbh_SetNtpConfig(0, &config), 0) << "a missing crontab is made";
+  RemoveFile(CRONTAB);
+  ASSERT_EQ(symlink("/dev/full", CRONTAB), 0);
+  EXPECT_EQ(libbh_SetNtpConfig(0, &config), -10000 - ENOSPC);
+  RemoveFile(CRONTAB);
 }
 
 // The calls that an attempt to set date and time has made, as the call log has them.
-static string CallsToSet(time_t before, const DateTime &wanted) {
+string CallsToSet(time_t before, const DateTime &wanted) {
   const timeval clock = {before, 0};
   settimeofday(&clock, nullptr);
   WriteFile(CALL_LOG, "");
@@ -228,14 +329,13 @@ static string CallsToSet(time_t before, const DateTime &wanted) {
   return ReadFile(CALL_LOG);
 }
 
-static string SetTo(time_t time) {
+string SetTo(time_t time) {
   return "settimeofday " + to_string(time) + ".000000\n";
 }
 
-constexpr const char *CENTRAL_EUROPE = "CET-1CEST,M3.5.0,M10.5.0/3";
 const string SCRIPT = "/usr/local/bin/time_set.sh\n";
 
-TEST(Settings, DateAndTimeComeOutAsAskedWheneverDaylightSavingChanges) {
+TEST(Clock, DateAndTimeComeOutAsAskedWheneverDaylightSavingChanges) {
   const struct {
     const char *what;
     time_t before;
@@ -268,9 +368,12 @@ TEST(Settings, DateAndTimeComeOutAsAskedWheneverDaylightSavingChanges) {
   }
 }
 
-// Stands before the board's: if it is told so, a second passes after each look at the clock.
-static bool seconds_pass = false;
+// If it is set, a second passes after each look at the clock.
+bool seconds_pass = false;
 
+}  // namespace
+
+// Stands before the board's.
 time_t time(time_t *) noexcept {
   static time_t passed = 0;
   timespec now = {};
@@ -278,7 +381,9 @@ time_t time(time_t *) noexcept {
   return now.tv_sec + (seconds_pass ? passed++ : 0);
 }
 
-TEST(Settings, SecondThatPassesAtMidnightIsNoDay) {
+namespace {
+
+TEST(Clock, SecondThatPassesAtMidnightIsNoDay) {
   Zone(CENTRAL_EUROPE);
   seconds_pass = true;
   const time_t before_midnight = 1168037999;  // 2007-01-05 23:59:59 local
@@ -287,14 +392,14 @@ TEST(Settings, SecondThatPassesAtMidnightIsNoDay) {
   EXPECT_EQ(calls, SetTo(1170543599) + SetTo(1170471906) + SCRIPT);
 }
 
-TEST(Settings, DateIsNotLostWhereItsDayLeavesTheTimeOut) {
+TEST(Clock, DateIsNotLostWhereItsDayLeavesTheTimeOut) {
   ZoneOfANewOffset(1301180400);             // at 2011-03-27 2:00, when it becomes 3:00
   const time_t half_past_two = 1306881000;  // on another day
   const string calls = CallsToSet(half_past_two, {2011, 3, 27, 18, 0, 0});
   EXPECT_TRUE(calls.ends_with(SetTo(1301234400) + SCRIPT)) << calls;
 }
 
-TEST(Settings, DateAndTimeAreHalvesWhereOneFails) {
+TEST(Clock, DateAndTimeAreHalvesWhereOneFails) {
   const struct {
     const char *failing;
     DateTime now;
@@ -318,7 +423,7 @@ TEST(Settings, DateAndTimeAreHalvesWhereOneFails) {
   }
 }
 
-TEST(Settings, ZoneOfTheCallerIsFollowedAtEachCall) {
+TEST(Clock, ZoneOfTheCallerIsFollowedAtEachCall) {
   const timeval before = {1151706600, 0};  // 22:30 UTC
   DateTime now = {};
   settimeofday(&before, nullptr);
@@ -331,37 +436,63 @@ TEST(Settings, ZoneOfTheCallerIsFollowedAtEachCall) {
   unsetenv("TZ");
 }
 
-TEST(Settings, ClockAndZone) {
-  const auto date = libbh_SetDate, time = libbh_SetTime;
-  const timeval summer = {1151706600, 0};  // 2006-07-01 00:30:00 local
-  DateTime now = {}, winter = {2006, 12, 24, 18, 30, 15};
-  settimeofday(&summer, nullptr);
-  Zone("CET-1CEST,M3.5.0,M10.5.0/3");
-  EXPECT_EQ(date(0, 2000, 12, 31) + date(0, 2100, 2, 29) + date(0, 2001, 4, 31), -303);
-  EXPECT_EQ(date(0, 2001, 2, 29) + date(0, 2001, 0, 1) + date(0, 2001, 13, 1), -303);
-  EXPECT_EQ(time(0, 24, 0, 0) + time(0, -1, 0, 0) + time(0, 0, 60, 0) + time(0, 0, 0, -1), -404);
-  EXPECT_EQ(date(1, 2001, 1, 31) + date(1, 2004, 2, 29) + libbh_SetDateAndTime(1, &winter), 0);
-  EXPECT_EQ((libbh_GetDateAndTime(&now), now.hour), 0);
-  EXPECT_EQ(libbh_SetDateAndTime(0, &winter), 0);
-  EXPECT_TRUE(ReadFile(CALL_LOG).ends_with(" 1166981415.000000\n/usr/local/bin/time_set.sh\n"));
-  Zone("<-03>3");  // as another process does
-  EXPECT_EQ((libbh_GetDateAndTime(&now), now.hour), 14);
-  libbh_lock();
-  EXPECT_EQ((Ints{libbh_SetTimeZoneName(""), libbh_SetTimeZoneName("a/b/c")}), (Ints{-1, 0}));
-  EXPECT_EQ(std::filesystem::read_symlink(ZONE), "/usr/share/zoneinfo/a/b/c");
-  EXPECT_EQ(Fill(libbh_GetTimeZoneName, {5, 6}), "-5!!!!!!0a/b/c\0"s);
-  const char *piece = nullptr;
-  EXPECT_TRUE(libbh_SplitString(1, "ab//c/d", "/", &piece) == 1 && piece == "c/d"s);
+TEST(Clock, RefusesWhatIsNoDateOrTime) {
+  constexpr int32_t REFUSED = -101;
+  const struct {
+    int16_t year, month, day;
+    int32_t result;
+  } dates[] = {
+      {2000, 12, 31, REFUSED}, {2100, 2, 29, REFUSED}, {2001, 4, 31, REFUSED},
+      {2001, 2, 29, REFUSED},  {2001, 0, 1, REFUSED},  {2001, 13, 1, REFUSED},
+      {2001, 1, 31, 0},        {2004, 2, 29, 0},
+  };
+  for (const auto &date : dates)
+    EXPECT_EQ(libbh_SetDate(1, date.year, date.month, date.day), date.result)
+        << date.year << "-" << date.month << "-" << date.day;
+  EXPECT_EQ(libbh_SetTime(1, 24, 0, 0), REFUSED);
+  EXPECT_EQ(libbh_SetTime(1, -1, 0, 0), REFUSED);
+  EXPECT_EQ(libbh_SetTime(1, 0, 60, 0), REFUSED);
+  EXPECT_EQ(libbh_SetTime(1, 0, 0, -1), REFUSED);
+  EXPECT_EQ(libbh_SetTime(1, 23, 59, 59), 0);
 }
 
-static string ToTheMinute(const DateTime &date) {
+TEST(Clock, FollowsAZoneThatAnotherProcessSets) {
+  const timeval summer = {1151706600, 0};  // 2006-06-30 22:30 UTC
+  DateTime now = {};
+  settimeofday(&summer, nullptr);
+  Zone(CENTRAL_EUROPE);
+  libbh_GetDateAndTime(&now);
+  EXPECT_EQ(now.hour, 0);
+  Zone("<-03>3");
+  libbh_GetDateAndTime(&now);
+  EXPECT_EQ(now.hour, 19);
+}
+
+TEST(TimeZone, NameIsThatOfItsLink) {
+  libbh_lock();
+  EXPECT_EQ(libbh_SetTimeZoneName(""), -1);
+  EXPECT_EQ(libbh_SetTimeZoneName("a/b/c"), 0);
+  EXPECT_EQ(std::filesystem::read_symlink(ZONE), "/usr/share/zoneinfo/a/b/c");
+  ExpectText(libbh_GetTimeZoneName, 5, -5, "!!!!!!");
+  ExpectText(libbh_GetTimeZoneName, 6, 0, "a/b/c\0"s);
+  libbh_unlock();
+  EXPECT_EQ(libbh_SetTimeZoneName("x"), -20000);
+}
+
+TEST(Strings, PieceBehindSeveralSeparatorsEndsAtTheNext) {
+  const char *piece = nullptr;
+  EXPECT_EQ(libbh_SplitString(1, "ab//c/d", "/", &piece), 1);
+  EXPECT_STREQ(piece, "c/d");
+}
+
+string ToTheMinute(const DateTime &date) {
   string text;
   for (const int16_t part : {date.year, date.month, date.day, date.hour, date.minute})
     text += to_string(part) + " ";
   return text;
 }
 
-TEST(Settings, DatesBeyondTheYear2038) {
+TEST(Clock, DatesBeyondTheYear2038) {
   const struct {
     const char *name;
     DateTime date;
@@ -372,6 +503,7 @@ TEST(Settings, DatesBeyondTheYear2038) {
       {"a leap day", {2040, 2, 29, 12, 30, 5}, "settimeofday 2214131405.000000\n"},
       {"the first beyond 32 bits", {2106, 2, 7, 6, 28, 16}, "settimeofday 4294967296.000000\n"},
   };
+  RemoveFile(ZONE);  // the clock shows UTC then
   for (const auto &[name, date, clock] : cases) {
     SCOPED_TRACE(name);
     WriteFile(CALL_LOG, "");
@@ -382,3 +514,5 @@ TEST(Settings, DatesBeyondTheYear2038) {
     EXPECT_EQ(ToTheMinute(now), ToTheMinute(date));
   }
 }
+
+}  // namespace
