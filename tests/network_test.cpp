@@ -17,7 +17,6 @@ namespace {
 using std::string;
 using namespace fixture;
 using namespace std::string_literals;
-using Codes = std::vector<int64_t>;
 
 constexpr const char *CONFIG = "/etc/network/interfaces", *PID_FILE = "/run/dhcpcd-eth0.pid";
 constexpr const char *ANY = "0.0.0.0", *M8 = "255.0.0.0", *M24 = "255.255.255.0";
@@ -225,15 +224,36 @@ TEST_F(Network, KernelTablesAreRead) {
 TEST_F(Network, RouteTableIsReadByItsTitles) {
   const string pair = Pair("default gw 1.1.1.1");
   WriteFile(CONFIG, "iface lo\n" + pair + "iface eth0\n" + pair);
-  Sh("mv -T /proc/net /proc/real; mkdir /proc/net; cd /proc/net; x=$(yes x | head -n 200);"
-     "echo Iface Destination Gateway Flags $x RefCnt Use Metric Mask MTU Window IRTT >route;"
-     "echo eth0 00000000 01010101 1 $x 1 2 0 C0A80102 3 4 5 >>route; echo lo 0 01010101 3 >>route;"
-     "printf 'seventeen-letters %0300d\neth0 00000000 02020202 3' 4 >>route");
+  Sh("mv -T /proc/net /proc/real; mkdir /proc/net");
+  string unknown;  // 200 columns that mean nothing
+  for (int i = 0; i < 200; ++i)
+    unknown += "x ";
+  const string titles =
+      "Iface Destination Gateway Flags " + unknown + "RefCnt Use Metric Mask MTU Window IRTT\n";
+  const string whole_line = "eth0 00000000 01010101 1 " + unknown + "1 2 0 C0A80102 3 4 5\n";
+  const string long_words = "seventeen-letters " + string(299, '0') + "4\n";
+  WriteFile("/proc/net/route",
+            titles + whole_line + "lo 0 01010101 3\n" + long_words + "eth0 00000000 02020202 3");
   RouteEntry *list = nullptr;
   EXPECT_EQ(libbh_GetRouteTable(&list), 0);
-  EXPECT_EQ((Codes{list->mask.sin_addr.s_addr, list->flags, list->metric, list->next->flags,
-                   list->next->metric, list->next->next->flags, list->next->next->next->flags}),
-            (Codes{0xC0A80102, 0x401, 1, 3, 0, 4, 3}));
+  const struct {
+    const char *what;
+    int flags, metric;
+  } rows[] = {
+      {"default route, configured for eth0", 0x401, 1},
+      {"lo is never configured, and a short line has no metric", 3, 0},
+      {"what exceeds a column is read as the next", 4, 0},
+      {"another gateway than the configured one", 3, 0},
+  };
+  EXPECT_EQ(list->mask.sin_addr.s_addr, 0xC0A80102);
+  const RouteEntry *route = list;
+  for (const auto &row : rows) {
+    ASSERT_NE(route, nullptr) << row.what;
+    EXPECT_EQ(route->flags, row.flags) << row.what;
+    EXPECT_EQ(route->metric, row.metric) << row.what;
+    route = route->next;
+  }
+  EXPECT_EQ(route, nullptr);
   libbh_FreeRouteList(list);
 }
 
@@ -265,36 +285,65 @@ TEST_F(Network, DhcpClientIsStartedStoodInForOrWaitedFor) {
   EXPECT_GE(ticks, 10);
 }
 
-TEST_F(Network, AddressesAndRoutesAreChecked) {
-  EXPECT_EQ((Codes{Set(1, ANY, M24), Set(1, "255.255.255.255", M8), Set(1, "127.0.0.1", M24),
-                   Set(1, "10.0.0.1", ANY), Set(1, "224.0.0.1", M24),
-                   Set(1, "10.0.0.64", "255.255.255.192"), Set(1, "10.0.0.63", "255.255.255.192"),
-                   Set(1, "10.1.1.255", M8), Set(1, "223.255.255.1", M24), Set(1, "10.1.1.0", M8),
-                   Set(1, "224.0.0.1", ANY, 1), Set(1, "10.0.0.1", M8, 2)}),
-            (Codes{-430, -430, -430, -430, -430, -430, -430, -430, 0, 0, 0, -413}));
-  const RouteEntry any = To(ANY, ANY, ANY), good = To("11.0.0.0", M8, "192.168.1.1");
-  Sh("ip route add default via 192.168.1.254; ip route add 10.0.0.0/8 via 192.168.1.2");
-  EXPECT_EQ(
-      (Codes{Add(To("10.0.0.1", M8, "192.168.1.1")), Add(good, 0, "eth9"),
-             Add(To("10.0.0.0", M8, "192.168.2.2")), Add(To("10.0.0.0", M8, "192.168.1.2", 9)),
-             Add(To("10.0.0.0", M8, "192.168.1.3"), 1), Add(To("10.0.0.0", M24, "192.168.1.2"), 1),
-             Add(To("10.1.0.0", M24, "192.168.1.255")), libbh_DelRoute(1, &any),
-             libbh_DelRoute(0, &good), SetGateway("192.168.2.1"), SetGateway("192.168.1.0"),
-             SetGateway("192.168.1.255"), SetGateway("192.168.1.3", 1), SetGateway(ANY, 1)}),
-      (Codes{-420, -417, -417, -421, 0, 0, -10101, 0, -419, -418, -430, -430, 0, 0}));
-  libbh_unlock();
-  EXPECT_EQ((Codes{Set(0, "192.168.1.20", M24), Set(1, "192.168.1.20", M24), Add(good),
-                   libbh_DelRoute(0, &any)}),
-            Codes(4, -20000));
-  EXPECT_EQ(Did(SetGateway("192.168.1.3")),
-            "-20000\n" + STANZA + PAIR + KERNEL + VIA + "10.0.0.0/8 via 192.168.1.2\n");
-  libbh_lock();
-  Sh("for i in $(seq 62); do ip route add 12.$i.0.0/16 via 192.168.1.1; done");
-  EXPECT_EQ(Add(good, 1), 0);
-  Sh("ip route add 13.0.0.0/8 via 192.168.1.1");
-  EXPECT_EQ(Add(good, 1), -403);
+TEST_F(Network, AddressesAreChecked) {
+  const struct {
+    const char *address, *netmask;
+    int32_t mode, result;
+  } cases[] = {
+      {ANY, M24, 0, -430},
+      {"255.255.255.255", M8, 0, -430},
+      {"127.0.0.1", M24, 0, -430},
+      {"10.0.0.1", ANY, 0, -430},
+      {"224.0.0.1", M24, 0, -430},
+      {"10.0.0.64", "255.255.255.192", 0, -430},
+      {"10.0.0.63", "255.255.255.192", 0, -430},
+      {"10.1.1.255", M8, 0, -430},
+      {"223.255.255.1", M24, 0, 0},
+      {"10.1.1.0", M8, 0, 0},
+      {"224.0.0.1", ANY, 1, 0},  // DHCP finds an address of its own
+      {"10.0.0.1", M8, 2, -413},
+  };
+  for (const auto &test : cases)
+    EXPECT_EQ(Set(1, test.address, test.netmask, test.mode), test.result) << test.address;
 }
 
+TEST_F(Network, RoutesAreChecked) {
+  const RouteEntry any = To(ANY, ANY, ANY);
+  const RouteEntry good = To("11.0.0.0", M8, "192.168.1.1");
+  Sh("ip route add default via 192.168.1.254; ip route add 10.0.0.0/8 via 192.168.1.2");
+  EXPECT_EQ(Add(To("10.0.0.1", M8, "192.168.1.1")), -420) << "a host in the network's place";
+  EXPECT_EQ(Add(good, 0, "eth9"), -417);
+  EXPECT_EQ(Add(To("10.0.0.0", M8, "192.168.2.2")), -417) << "a gateway that is out of reach";
+  EXPECT_EQ(Add(To("10.0.0.0", M8, "192.168.1.2", 9)), -421) << "there already";
+  EXPECT_EQ(Add(To("10.0.0.0", M8, "192.168.1.3"), 1), 0) << "another gateway";
+  EXPECT_EQ(Add(To("10.0.0.0", M24, "192.168.1.2"), 1), 0) << "another mask";
+  EXPECT_EQ(Add(To("10.1.0.0", M24, "192.168.1.255")), -10101) << "the kernel refuses it";
+  EXPECT_EQ(libbh_DelRoute(1, &any), 0);
+  EXPECT_EQ(libbh_DelRoute(0, &good), -419) << "a route that is not there";
+  EXPECT_EQ(SetGateway("192.168.2.1"), -418);
+  EXPECT_EQ(SetGateway("192.168.1.0"), -430);
+  EXPECT_EQ(SetGateway("192.168.1.255"), -430);
+  EXPECT_EQ(SetGateway("192.168.1.3", 1), 0);
+  EXPECT_EQ(SetGateway(ANY, 1), 0);
+}
+
+TEST_F(Network, NothingChangesWithoutTheLock) {
+  const RouteEntry any = To(ANY, ANY, ANY);
+  libbh_unlock();
+  EXPECT_EQ(Set(0, "192.168.1.20", M24), -20000);
+  EXPECT_EQ(Set(1, "192.168.1.20", M24), -20000);
+  EXPECT_EQ(Add(To("11.0.0.0", M8, "192.168.1.1")), -20000);
+  EXPECT_EQ(libbh_DelRoute(0, &any), -20000);
+  EXPECT_EQ(Did(SetGateway("192.168.1.3")), "-20000\n" + STANZA + PAIR + KERNEL);
+}
+
+TEST_F(Network, KernelHoldsSixtyFourRoutes) {
+  const RouteEntry route = To("11.0.0.0", M8, "192.168.1.1");
+  Sh("for i in $(seq 64); do ip route add 12.$i.0.0/16 via 192.168.1.1; done");
+  EXPECT_EQ(Add(route, 1), 0);
+  Sh("ip route add 13.0.0.0/8 via 192.168.1.1");
+  EXPECT_EQ(Add(route, 1), -403);
+}
 TEST_F(Network, RoutesChangeInKernelAndFile) {
   const string other = Pair("default gw 192.168.1.1"), via = KERNEL + "default via 192.168.1.1\n";
   const string net = Pair("-net 10.0.0.0 netmask 255.0.0.0 gw 192.168.1.2 metric 2 ");
