@@ -18,7 +18,7 @@
 
 enum { HEADERS = 42, PACKET_HEADER = 32, PING = 32, DISCOVER = 320, EXEC = 43, LARGEST = DISCOVER };
 
-static const char *const files[] = {
+static const char *const FILES[] = {
     "/proc/net/dev",       "/proc/net/route",         "/proc/brackenhold",
     "/etc/samba/smb.conf", "/etc/network/interfaces", "/etc/brackenhold_release",
     "/etc/localtime",      "/etc/korvo/timer_status", "/etc/bh_servd.log",
@@ -57,8 +57,8 @@ static void SendFrame(const unsigned char *frame, size_t length) {
 static void ReadFiles(void) {
   char text[4096];
   size_t i;
-  for (i = 0; i < sizeof(files) / sizeof(files[0]); ++i) {
-    int fd = open(files[i], O_RDONLY | O_CLOEXEC);
+  for (i = 0; i < sizeof(FILES) / sizeof(FILES[0]); ++i) {
+    int fd = open(FILES[i], O_RDONLY | O_CLOEXEC);
     if (fd < 0) continue;
     while (read(fd, text, sizeof(text)) > 0) {
     }

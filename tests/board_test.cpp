@@ -46,11 +46,11 @@ class BoardTest : public testing::Test {
       ASSERT_TRUE(board::EnterNamespaces(why)) << why;
       entered = true;
     }
-    board_ = BootOne({});
-    ASSERT_TRUE(board_);
+    booted = BootOne({});
+    ASSERT_TRUE(booted);
   }
   void TearDown() override {
-    if (board_) board::Halt(*board_);
+    if (booted) board::Halt(*booted);
   }
   static std::optional<board::Board> BootOne(const board::Config &config) {
     std::string why;
@@ -59,20 +59,20 @@ class BoardTest : public testing::Test {
     return board;
   }
   std::string Shell(const std::string &line) {
-    return board::Run(*board_, {.argv = {"/bin/sh", "-c", line}}).output;
+    return board::Run(*booted, {.argv = {"/bin/sh", "-c", line}}).output;
   }
-  std::optional<board::Board> board_;
+  std::optional<board::Board> booted;
 };
 
 TEST_F(BoardTest, KeepsItsFilesToItself) {
   Shell("echo new > /etc/board-test; echo new > /usr/share/man/man1/board-test");
   for (const char *path : {"/etc/board-test", "/usr/share/man/man1/board-test"}) {
-    EXPECT_EQ(board::ReadFile(*board_, path), "new\n") << path;
+    EXPECT_EQ(board::ReadFile(*booted, path), "new\n") << path;
     EXPECT_FALSE(fs::exists(path)) << path;
   }
   Shell("rm -f /etc/nsswitch.conf");
-  EXPECT_FALSE(board::Exists(*board_, "/etc/nsswitch.conf"));
-  EXPECT_TRUE(board::WriteFile(*board_, "/var/run/board-test", "by way of a link"));
+  EXPECT_FALSE(board::Exists(*booted, "/etc/nsswitch.conf"));
+  EXPECT_TRUE(board::WriteFile(*booted, "/var/run/board-test", "by way of a link"));
   EXPECT_EQ(Shell("cat /run/board-test"), "by way of a link");
   EXPECT_FALSE(fs::exists("/run/board-test"));
   EXPECT_EQ(Shell("echo 1 2> /dev/null > /proc/sys/kernel/panic || echo refused"), "refused\n");
@@ -101,13 +101,13 @@ TEST_F(BoardTest, HasACopyOfTheMachinesEtc) {
 TEST_F(BoardTest, TwoDoNotSeeEachOther) {
   std::optional<board::Board> other = BootOne({.host_name = "second", .product_id = "0x2001"});
   ASSERT_TRUE(other);
-  EXPECT_NE(board_->wires[0], other->wires[0]);
+  EXPECT_NE(booted->wires[0], other->wires[0]);
   EXPECT_EQ(Shell("hostname; echo one > /tmp/mark"), "brackenhold\n");
   EXPECT_EQ(board::Run(*other, {.argv = {"hostname"}}).output, "second\n");
   EXPECT_FALSE(board::Exists(*other, "/tmp/mark"));
   const auto make = [] { return semget(0x4242, 1, IPC_CREAT | IPC_EXCL | 0600) >= 0 ? 0 : 1; };
-  EXPECT_EQ(board::RunInside(*board_, make).exit_code, 0);
-  EXPECT_EQ(board::RunInside(*board_, make).exit_code, 1);
+  EXPECT_EQ(board::RunInside(*booted, make).exit_code, 0);
+  EXPECT_EQ(board::RunInside(*booted, make).exit_code, 1);
   EXPECT_EQ(board::RunInside(*other, make).exit_code, 0);
   board::Halt(*other);
 }
@@ -115,11 +115,11 @@ TEST_F(BoardTest, TwoDoNotSeeEachOther) {
 // What the shim stands for must not reach the machine.
 TEST_F(BoardTest, MovesItsOwnClockAndNotesWhatIsRun) {
   const time_t before = time(nullptr);
-  EXPECT_EQ(board::Run(*board_, {.argv = {ThisProgram(), ON_BOARD}}).exit_code, 0);
+  EXPECT_EQ(board::Run(*booted, {.argv = {ThisProgram(), ON_BOARD}}).exit_code, 0);
   EXPECT_EQ(Shell("date -u +%Y-%m-%dT%H:%M"), "2001-02-03T04:05\n");
   EXPECT_LT(time(nullptr) - before, 60);
   Shell("/usr/sbin/eraseall /dev/mtd2; usermod -l admin -p 'a\\nb' admin");
-  EXPECT_EQ(board::ReadFile(*board_, board::CALL_LOG),
+  EXPECT_EQ(board::ReadFile(*booted, board::CALL_LOG),
             "settimeofday 981173106.250000\nreboot 0x4321fedc\n/usr/sbin/eraseall /dev/mtd2\n"
             "/usr/sbin/usermod -l admin -p a\\nb admin\n");
 }

@@ -249,8 +249,9 @@ TEST(Flash, TakesTheBootParameters) {
     const Work set = [&] { return kensa_SetBootParam(each.ramdisk); };
     WriteFile("/dev/mtd2", string(257, '+'));
     ExpectOutcome(Observe(set), 0, "", "/usr/sbin/eraseall /dev/mtd2\n");
-    const string filled(256 - head.size() - each.text.size(), '\0');
-    EXPECT_EQ(ReadFile("/dev/mtd2"), head + each.text + filled + "\xFF");
+    string block = head + each.text;
+    block.resize(256);
+    EXPECT_EQ(ReadFile("/dev/mtd2"), block.append("\xFF"));
     EXPECT_EQ(Observe(set, "*/open=/dev/mtd2").result, -1);
   }
 }

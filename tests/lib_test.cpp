@@ -47,7 +47,7 @@ TEST(ConfigValue, IsReadFromEveryShapeOfLine) {
   const struct {
     Value value;
     std::vector<string> contents;
-  } CASES[] = {
+  } cases[] = {
       {"a text", {"KEY=a text\nKEY=2\n", "KEY=\"a text\"\n", " \t KEY\t = \t a text"}},
       {"a text", {"KEY=\"a text\"\r\nB=1\r\n", "KEY=x \"a text\" # note\n"}},
       {"", {"A=1\nKEY=\nB=2\n", "KEY= ", "KEY=\"\"\n"}},
@@ -63,7 +63,7 @@ TEST(ConfigValue, IsReadFromEveryShapeOfLine) {
       {V(300), {V(300, "KEY=\"") + "\"\nB=1\n", V(300, "KEY=")}},
       {"piece", {x255 + "KEY=piece\n", string(9000, '\n') + "KEY=piece"}},
   };
-  for (const auto &c : CASES) {
+  for (const auto &c : cases) {
     for (const string &content : c.contents) {
       WriteFile(SETTINGS, content);
       EXPECT_EQ(Get(SETTINGS, "KEY"), c.value) << content;
@@ -83,7 +83,7 @@ TEST(SetConfigValue, ChangesOnlyTheValueOfDefiningLinesOrCreatesTheFile) {
     string value;
     int32_t result;
     string after;
-  } CASES[] = {
+  } cases[] = {
       {{}, "a\"b", 0, "KEY=\"a\\\\\\\"b\"\n"},
       {{}, V(300), 0, V(300, "KEY=\"") + "\"\n"},
       {"A=1\nKEY=1\nA=\n KEY \t= \t2\n", "a text", 0, "A=1\nKEY=a text\nA=\n KEY \t= \ta text\n"},
@@ -100,7 +100,7 @@ TEST(SetConfigValue, ChangesOnlyTheValueOfDefiningLinesOrCreatesTheFile) {
       {"A=1\nKEY=old\n", V(251), -10000 - EMSGSIZE, "A=1\nKEY=old\n"},
       {"KEY=old\n", V(247, "\""), -10000 - EMSGSIZE, "KEY=old\n"},
   };
-  for (const auto &c : CASES) {
+  for (const auto &c : cases) {
     Put(SETTINGS, c.before);
     EXPECT_EQ(libbh_SetConfigValue(SETTINGS, "KEY", c.value.c_str()), c.result) << c.after;
     EXPECT_EQ(ReadFile(SETTINGS), c.after);
@@ -113,14 +113,14 @@ TEST(SettingsFile, ThatCannotBeUsedIsReported) {
   const struct {
     const char *path, *key;
     int32_t result;
-  } CASES[] = {
+  } cases[] = {
       {"/tmp", "KEY", -10000 - EISDIR},        {"/tmp/missing/settings", "KEY", -10000 - ENOENT},
       {nullptr, "KEY", -10000 - EINVAL},       {SETTINGS, nullptr, -10000 - EINVAL},
       {"/proc/self/mem", "KEY", -10000 - EIO},  // opens, but its start does not read
   };
   WriteFile(SETTINGS, "KEY=old\n");
   testing::internal::CaptureStderr();
-  for (const auto &c : CASES) {
+  for (const auto &c : cases) {
     EXPECT_EQ(libbh_SetConfigValue(c.path, c.key, "new"), c.result);
     EXPECT_EQ(libbh_GetConfigValue(c.path, c.key), nullptr);
   }
@@ -181,7 +181,7 @@ TEST(Identity, TextsFitOrAreRefused) {
     const char *path, *content;
     int32_t size, result;
     const char *text;
-  } CASES[] = {
+  } cases[] = {
       {libbh_GetProductName, PRODUCT, "PRODUCTNAME=\"QBX-200\"\n", 11, -65, "?"},
       {libbh_GetProductName, PRODUCT, "PRODUCTNAME=twelve-chars\n", 13, 0, "twelve-chars"},
       {libbh_GetProductName, PRODUCT, "PRODUCTNAME=twelve-chars\n", 12, -65, "?"},
@@ -204,7 +204,7 @@ TEST(Identity, TextsFitOrAreRefused) {
       {libbh_GetReleaseBuildDate, RELEASE, "BUILDDATE=today\n", 6, 0, "today"},
       {libbh_GetReleaseBuildDate, RELEASE, "BUILDDATE=today\n", 5, -6, "?"},
   };
-  for (const auto &c : CASES) {
+  for (const auto &c : cases) {
     RemoveFile(PRODUCT);
     RemoveFile(RELEASE);
     WriteFile(c.path, c.content);
@@ -233,7 +233,7 @@ TEST(Identity, NumbersAndStatesAreTold) {
     const char *path;
     int32_t number;
     std::vector<Value> contents;
-  } CASES[] = {
+  } cases[] = {
       {Version<libbh_GetReleaseVersion>, RELEASE, 0x0225, {"VERSION=2.37\n"}},
       {Version<libbh_GetReleaseVersion>, RELEASE, 0x0A08, {"VERSION=\"010.08\"\r\n"}},
       {Version<libbh_GetVersion>, PRODUCT, 0x0300, {"VERSION=3\n", "VERSION=2.256\n"}},
@@ -257,7 +257,7 @@ TEST(Identity, NumbersAndStatesAreTold) {
       {libbh_GetProductState, "/etc/brackenhold_emergence", 2, {""}},
       {libbh_GetProductState, RELEASE, 1, {""}},
   };
-  for (const auto &c : CASES) {
+  for (const auto &c : cases) {
     for (const Value &content : c.contents) {
       Put(c.path, content);
       EXPECT_EQ(c.getter(), c.number) << content.value_or("no file ") << c.path;

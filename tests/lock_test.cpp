@@ -146,8 +146,9 @@ struct Race {
 }
 
 TEST(Lock, HasOneHolderAmongManyThatEndInEveryWay) {
-  void *memory =
-      mmap(nullptr, sizeof(Race), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  const int file = memfd_create("race", MFD_CLOEXEC);
+  ASSERT_EQ(ftruncate(file, sizeof(Race)), 0);
+  void *memory = mmap(nullptr, sizeof(Race), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   auto &race = *static_cast<Race *>(memory);  // the kernel zeroes it
   for (int i = 0; i < 200; ++i) {
     if (fork() == 0) RaceForTheLock(race, i, 200);

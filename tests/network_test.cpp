@@ -81,7 +81,7 @@ class Network : public testing::Test {
 };
 
 TEST_F(Network, FileIsSplitAtStanzaStarts) {
-  const string CASES[][3] = {
+  const string cases[][3] = {
       {"", "none", "none"},
       {"# iface eth0\n\n  # mapping eth0", "none", "# iface eth0\n\n  # mapping eth0\n"},
       {"auto eth0\n\n#1\niface eth0\n\n  \n  #2\n b\niface eth1\n\n#3\n d", "iface eth0\n b\n",
@@ -91,7 +91,7 @@ TEST_F(Network, FileIsSplitAtStanzaStarts) {
       {"\r\niface eth0\r\n\r\n#\r\n\t#\r\n", "iface eth0\r\n\r\n\t#\r\n", "\r\n"},
       {"iface\0 eth1\n\0iface eth0\n a\0b\0"s, "iface eth0\n ab\n", "iface eth1\n"},
   };
-  for (const auto &[content, own, rest] : CASES) {
+  for (const auto &[content, own, rest] : cases) {
     char *texts[2];
     WriteFile(CONFIG, content);
     EXPECT_EQ(libbh_SplitInterfaces("eth0", &texts[0], &texts[1]), 0);
