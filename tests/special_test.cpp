@@ -34,8 +34,8 @@ struct Case {
   uint32_t extra;
   string text;
   uint32_t result;
-  string trace;  // between the request's line and the result's
-  string calls;
+  string trace = {};  // between the request's line and the result's
+  string calls = {};
 };
 
 class Special : public testing::Test {
