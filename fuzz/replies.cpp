@@ -1,7 +1,7 @@
 // Replies as the client takes them apart and shows them.
 
+#include "client/format.h"
 #include "fuzz/input.h"
-#include "tools/bhctl/datagram.h"
 #include "tools/bhctl/text.h"
 
 using namespace bhctl;

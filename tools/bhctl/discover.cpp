@@ -1,28 +1,29 @@
-// Each round sends one broadcast and shows all its answers together.
+// Each round sends broadcasts and shows all its answers together.
 
 #include "tools/bhctl/discover.h"
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
-#include <map>
+#include <ctime>
 #include <nlohmann/json.hpp>
-#include <thread>
-#include <tuple>
 
-#include "tools/bhctl/print.h"
+#include "tools/bhctl/inventory.h"
+#include "tools/bhctl/suggest.h"
+#include "tools/bhctl/targets.h"
 #include "tools/bhctl/text.h"
 
 namespace bhctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Rows = std::vector<std::vector<std::string>>;
 
 constexpr const char *PRODUCT_STATE_NAMES[] = {"unknown", "normal", "emergency"};
 constexpr const char *CHANGE_MARKS[] = {" ", "+", "-", "~"};  // by Change
 constexpr const char *CHANGE_NAMES[] = {"none", "new", "gone", "moved"};
+constexpr Tone CHANGE_TONES[] = {Tone::PLAIN, Tone::GOOD, Tone::BAD, Tone::WARNING};
 
 template <size_t SIZE>
 std::string FieldCell(const char (&field)[SIZE]) {
@@ -60,17 +61,144 @@ std::string FirmwareCell(const DiscoverInfo &info) {
   return sub_version.empty() ? version : version + " (" + sub_version + ")";
 }
 
-std::vector<std::string> Row(const Appliance &appliance) {
-  const DiscoverInfo &info = appliance.info;
-  return {AddressText(info.address),
-          AddressText(info.netmask),
-          FieldCell(info.host_name),
-          FieldCell(info.product_name),
-          FirmwareCell(info),
-          MacText(appliance.mac),
-          (info.status & DISCOVER_DHCP_LEASE) != 0 ? "yes" : "no",
-          StateCell(info),
-          TimeText(info, ' ')};
+std::string AddressCell(const Appliance &appliance) {
+  return AddressText(appliance.info.address);
+}
+
+std::string NetmaskCell(const Appliance &appliance) {
+  return AddressText(appliance.info.netmask);
+}
+
+std::string GatewayCell(const Appliance &appliance) {
+  return appliance.info.gateway == 0 ? "-" : AddressText(appliance.info.gateway);
+}
+
+std::string NameCell(const Appliance &appliance) {
+  return FieldCell(appliance.info.host_name);
+}
+
+std::string WorkgroupCell(const Appliance &appliance) {
+  return FieldCell(appliance.info.workgroup);
+}
+
+std::string ProductCell(const Appliance &appliance) {
+  return FieldCell(appliance.info.product_name);
+}
+
+std::string ProductIdCell(const Appliance &appliance) {
+  return HexText(appliance.info.product_id);
+}
+
+std::string VersionCell(const Appliance &appliance) {
+  return FirmwareCell(appliance.info);
+}
+
+std::string MacCell(const Appliance &appliance) {
+  return MacText(appliance.answer.mac);
+}
+
+std::string DhcpCell(const Appliance &appliance) {
+  return (appliance.info.status & DISCOVER_DHCP_LEASE) != 0 ? "yes" : "no";
+}
+
+Tone StateTone(const Appliance &appliance) {
+  return appliance.info.product_state == PRODUCT_STATE_NORMAL ? Tone::GOOD : Tone::WARNING;
+}
+
+std::string ColoredStateCell(const Appliance &appliance) {
+  return Toned(StateCell(appliance.info), StateTone(appliance));
+}
+
+// One word, for narrow tables.
+std::string StatusCell(const Appliance &appliance) {
+  const bool normal = appliance.info.product_state == PRODUCT_STATE_NORMAL;
+  const bool initialized = (appliance.info.status & DISCOVER_INITIALIZED) != 0;
+  const std::string text =
+      normal && !initialized ? "uninitialized" : ProductStateName(appliance.info.product_state);
+  return Toned(text, initialized ? StateTone(appliance) : Tone::WARNING);
+}
+
+std::string NumberCell(const Appliance &appliance) {
+  return VersionText(appliance.info.firmware_major, appliance.info.firmware_minor);
+}
+
+std::string TimeCell(const Appliance &appliance) {
+  return TimeText(appliance.info, ' ');
+}
+
+std::string DaemonCell(const Appliance &appliance) {
+  return VersionText(appliance.info.daemon_version >> 8, appliance.info.daemon_version & 0xFFU);
+}
+
+std::string InterfaceCell(const Appliance &appliance) {
+  return appliance.answer.interface;
+}
+
+struct Column {
+  const char *name;   // on the command line
+  const char *title;  // of the table
+  std::string (*cell)(const Appliance &appliance);
+};
+
+constexpr Column COLUMNS[] = {
+    {"address", "ADDRESS", AddressCell},
+    {"netmask", "NETMASK", NetmaskCell},
+    {"name", "HOST NAME", NameCell},
+    {"product", "PRODUCT", ProductCell},
+    {"firmware", "FIRMWARE", VersionCell},
+    {"mac", "MAC", MacCell},
+    {"dhcp", "DHCP", DhcpCell},
+    {"state", "STATE", ColoredStateCell},
+    {"version", "VERSION", NumberCell},
+    {"status", "STATUS", StatusCell},
+    {"time", "TIME", TimeCell},
+    {"workgroup", "WORKGROUP", WorkgroupCell},
+    {"gateway", "GATEWAY", GatewayCell},
+    {"product-id", "PRODUCT ID", ProductIdCell},
+    {"daemon", "DAEMON", DaemonCell},
+    {"interface", "INTERFACE", InterfaceCell},
+};
+constexpr const char *SHORT = "address,name,version,mac,status";  // in 80 columns
+constexpr const char *LONG = "address,netmask,name,product,firmware,mac,dhcp,state,time";
+
+struct Layout {
+  std::vector<const Column *> columns;
+  const Column *sort = nullptr;  // null: by address
+};
+
+const Column *FindColumn(const std::string &name) {
+  const auto *found = std::find_if(std::begin(COLUMNS), std::end(COLUMNS),
+                                   [&](const Column &column) { return name == column.name; });
+  return found == std::end(COLUMNS) ? nullptr : found;
+}
+
+int UnknownColumn(const std::string &name) {
+  return UsageFailure("unknown column '" + SafeText(name) + "'" + Suggestion(name, ColumnNames()) +
+                      "; see 'bhctl help discover'");
+}
+
+int ReadLayout(const Options &options, Layout &layout) {
+  const std::string *given = Given(options, "--columns");
+  std::string list = given != nullptr ? *given : Given(options, "--long") != nullptr ? LONG : SHORT;
+  for (size_t begin = 0; begin <= list.size();) {
+    const size_t end = std::min(list.find(',', begin), list.size());
+    const std::string name = list.substr(begin, end - begin);
+    layout.columns.push_back(FindColumn(name));
+    if (layout.columns.back() == nullptr) return UnknownColumn(name);
+    begin = end + 1;
+  }
+  const std::string *sort = Given(options, "--sort");
+  if (sort == nullptr) return EXIT_DONE;
+  layout.sort = FindColumn(*sort);
+  return layout.sort == nullptr ? UnknownColumn(*sort) : EXIT_DONE;
+}
+
+void Sort(const Layout &layout, std::vector<Appliance> &appliances) {
+  if (layout.sort == nullptr || layout.sort->cell == AddressCell) return;
+  std::stable_sort(appliances.begin(), appliances.end(),
+                   [&](const Appliance &a, const Appliance &b) {
+                     return layout.sort->cell(a) < layout.sort->cell(b);
+                   });
 }
 
 void AddStatusJson(uint32_t status, Json &object) {
@@ -110,140 +238,174 @@ void AddInfoJson(const DiscoverInfo &info, Json &object) {
   object["eth0_mac"] = MacText(std::to_array(info.eth0_mac));
 }
 
-void ShowJson(const Appliance &appliance, bool with_changes) {
-  Json object;
-  if (with_changes) object["change"] = CHANGE_NAMES[static_cast<size_t>(appliance.change)];
-  object["mac"] = MacText(appliance.mac);
-  object["state"] = StateName(appliance.state);
-  if (appliance.state == ACP_STATE_OK) AddInfoJson(appliance.info, object);
-  PrintJson(object);
+std::vector<std::string> TableRow(const Layout &layout, const Appliance &appliance,
+                                  bool with_changes) {
+  const auto change = static_cast<size_t>(appliance.change);
+  std::vector<std::string> row;
+  if (with_changes) row.push_back(Toned(CHANGE_MARKS[change], CHANGE_TONES[change]));
+  for (const Column *column : layout.columns)
+    row.push_back(column->cell(appliance));
+  return row;
 }
 
-void ShowTable(const std::vector<Appliance> &appliances, bool with_changes) {
-  std::vector<std::vector<std::string>> rows = {
-      {"ADDRESS", "NETMASK", "HOST NAME", "PRODUCT", "FIRMWARE", "MAC", "DHCP", "STATE", "TIME"}};
-  if (with_changes) rows[0].insert(rows[0].begin(), " ");
-  for (const Appliance &appliance : appliances) {
-    if (appliance.state != ACP_STATE_OK) continue;
-    rows.push_back(Row(appliance));
-    if (!with_changes) continue;
-    std::vector<std::string> &row = rows.back();
-    row.insert(row.begin(), CHANGE_MARKS[static_cast<size_t>(appliance.change)]);
-  }
+void ShowTable(const Layout &layout, const std::vector<Appliance> &appliances, bool with_changes) {
+  Rows rows(1);
+  if (with_changes) rows[0].emplace_back(" ");
+  for (const Column *column : layout.columns)
+    rows[0].emplace_back(column->title);
+  for (const Appliance &appliance : appliances)
+    if (appliance.answer.state == ACP_STATE_OK)
+      rows.push_back(TableRow(layout, appliance, with_changes));
   if (rows.size() > 1) PrintTable(rows);
 }
 
-bool ComesBefore(const Appliance &a, const Appliance &b) {
-  return std::tie(a.info.address, a.mac) < std::tie(b.info.address, b.mac);
+void ShowJson(const Appliance &appliance, bool with_change) {
+  Json object;
+  if (with_change) object["change"] = CHANGE_NAMES[static_cast<size_t>(appliance.change)];
+  object.update(ApplianceJson(appliance));
+  PrintJson(object);
 }
 
-using ByMac = std::map<Mac, const Appliance *>;
-
-ByMac Index(const std::vector<Appliance> &appliances) {
-  ByMac index;
-  for (const Appliance &appliance : appliances)
-    index.emplace(appliance.mac, &appliance);
-  return index;
-}
-
-const Appliance *Find(const ByMac &index, const Mac &mac) {
-  const auto found = index.find(mac);
-  return found == index.end() ? nullptr : found->second;
-}
-
-Change ChangeSince(const Appliance *before, const Appliance &now) {
-  if (before == nullptr) return Change::NEW;
-  const bool same = before->info.address == now.info.address &&
-                    FieldText(before->info.host_name) == FieldText(now.info.host_name);
-  return same ? Change::NONE : Change::MOVED;
-}
-
-// SIGINT is blocked during output, so no line is cut off.
-void HoldInterrupt(int how) {
-  sigset_t interrupt;
-  sigemptyset(&interrupt);
-  sigaddset(&interrupt, SIGINT);
-  sigprocmask(how, &interrupt, nullptr);
-}
-
-void EndAtInterrupt() {
-  struct sigaction action = {};
-  action.sa_handler = [](int) { _exit(EXIT_DONE); };
-  sigaction(SIGINT, &action, nullptr);
-  HoldInterrupt(SIG_UNBLOCK);
-}
-
-// False if standard output cannot be written.
-bool ShowRound(const std::vector<Appliance> &appliances, bool json) {
-  HoldInterrupt(SIG_BLOCK);
-  ShowAppliances(appliances, json, true);
-  if (!json && !appliances.empty()) PrintLine("");
-  const bool written = fflush(stdout) == 0 && ferror(stdout) == 0;
-  HoldInterrupt(SIG_UNBLOCK);
-  return written;
-}
-
-int Watch(const Options &options) {
-  EndAtInterrupt();
-  std::vector<Appliance> before;
-  for (bool first = true;; first = false) {
-    const Clock::time_point end = Clock::now() + options.timeout;
-    std::vector<Answer> answers;
-    const int status = Ask(options, MakeDiscoverRequest(), answers);
-    if (first && status == EXIT_USAGE) return status;  // later, the interface may come back
-    const std::vector<Appliance> now = AppliancesOf(answers);
-    if (!ShowRound(Compare(before, now), options.json)) return EXIT_NO_ANSWER;
-    before = now;
-    std::this_thread::sleep_until(end);
+int ShowAppliances(const Options &options, const Layout &layout,
+                   const std::vector<Appliance> &appliances) {
+  int status = EXIT_DONE;
+  for (const Appliance &appliance : appliances) {
+    if (appliance.answer.state != ACP_STATE_OK) status = EXIT_REFUSED;
+    if (options.json)
+      ShowJson(appliance, false);
+    else if (appliance.answer.state != ACP_STATE_OK)
+      PrintError(MacText(appliance.answer.mac) + " refused: " + StateName(appliance.answer.state));
   }
+  if (!options.json) ShowTable(layout, appliances, false);
+  return status;
+}
+
+std::string ClockText() {
+  const time_t now = time(nullptr);
+  tm local = {};
+  char text[32] = "";
+  localtime_r(&now, &local);
+  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+  return text;
+}
+
+// The whole table anew, at the top of the terminal.
+void Redraw(const Layout &layout, const std::vector<Appliance> &appliances) {
+  PrintText("\x1B[H\x1B[J");
+  PrintLine(ClockText() + "  " + std::to_string(appliances.size()) + " appliances");
+  ShowTable(layout, appliances, true);
+}
+
+// Only what has changed, a line each.
+void PrintChanges(const Options &options, const Layout &layout,
+                  const std::vector<Appliance> &appliances) {
+  Rows rows;
+  for (const Appliance &appliance : appliances) {
+    if (appliance.change == Change::NONE) continue;
+    if (options.json) {
+      Json object = {{"seen", ClockText()}};
+      object["change"] = CHANGE_NAMES[static_cast<size_t>(appliance.change)];
+      object.update(ApplianceJson(appliance));
+      PrintJson(object);
+      continue;
+    }
+    rows.push_back(TableRow(layout, appliance, true));
+    rows.back().insert(rows.back().begin(), ClockText());
+  }
+  PrintTable(rows);
+}
+
+int Watch(const Options &options, const Layout &layout) {
+  const bool redraw = isatty(STDOUT_FILENO) == 1 && !options.json;
+  std::vector<Appliance> known;
+  for (bool first = true; !IsCancelled(options.scope.cancel); first = false) {
+    const Clock::time_point end = Clock::now() + options.scope.timeout;
+    std::vector<Appliance> now;
+    Outcome outcome = acp::Discover(options.scope, now);
+    // Later, the interface may come back.
+    if (first && outcome.result == acp::Result::INVALID) return UsageFailure(outcome.message);
+    if (IsCancelled(options.scope.cancel)) break;
+    known = Compare(known, now, MAX_SILENT);
+    Sort(layout, known);
+    if (redraw)
+      Redraw(layout, known);
+    else
+      PrintChanges(options, layout, known);
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) return EXIT_NO_ANSWER;
+    Pause(options.scope.cancel,
+          std::max(std::chrono::microseconds(0),
+                   std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now())));
+  }
+  return EXIT_INTERRUPTED;
+}
+
+int DiscoverTargets(const Options &options, const Layout &layout) {
+  std::vector<Target> targets;
+  const int status = ChooseTargets(options, targets);
+  if (status != EXIT_DONE) return status;
+  std::vector<Answer> answers;
+  int result = EXIT_DONE;
+  for (const Target &target : targets) {
+    if (target.discovered) {
+      answers.push_back(*target.discovered);
+      continue;
+    }
+    PrintError("no answer from '" + SafeText(target.name) + "'");
+    result = EXIT_REFUSED;
+  }
+  std::vector<Appliance> appliances = AppliancesOf(answers);
+  Sort(layout, appliances);
+  return std::max(result, ShowAppliances(options, layout, appliances));
 }
 
 }  // namespace
 
-std::vector<Appliance> AppliancesOf(const std::vector<Answer> &answers) {
-  std::vector<Appliance> appliances;
-  appliances.reserve(answers.size());
-  for (const Answer &answer : answers)
-    appliances.push_back({answer.mac, answer.state, ReadDiscoverInfo(answer.body)});
-  std::sort(appliances.begin(), appliances.end(), ComesBefore);
-  return appliances;
+Json ApplianceJson(const Appliance &appliance) {
+  Json object = {{"mac", MacText(appliance.answer.mac)},
+                 {"state", StateName(appliance.answer.state)}};
+  if (appliance.answer.state == ACP_STATE_OK) AddInfoJson(appliance.info, object);
+  return object;
 }
 
-std::vector<Appliance> Compare(const std::vector<Appliance> &before, std::vector<Appliance> now) {
-  const ByMac known = Index(before);
-  const ByMac seen = Index(now);
-  std::vector<Appliance> gone;
-  for (const Appliance &earlier : before)
-    if (Find(seen, earlier.mac) == nullptr) gone.push_back(earlier);
-  for (Appliance &appliance : now)
-    appliance.change = ChangeSince(Find(known, appliance.mac), appliance);
-  for (Appliance &appliance : gone) {
-    appliance.change = Change::GONE;
-    now.push_back(appliance);
-  }
-  std::sort(now.begin(), now.end(), ComesBefore);
-  return now;
+Rows ApplianceRows(const Appliance &appliance) {
+  const DiscoverInfo &info = appliance.info;
+  return {{"Address:", AddressText(info.address) + ", netmask " + AddressText(info.netmask)},
+          {"Gateway:", GatewayCell(appliance)},
+          {"DHCP:", DhcpCell(appliance)},
+          {"MAC address:", MacCell(appliance) + ", answers on " + InterfaceCell(appliance)},
+          {"Host name:", NameCell(appliance)},
+          {"Workgroup:", WorkgroupCell(appliance)},
+          {"Product:", ProductCell(appliance) + ", " + ProductIdCell(appliance)},
+          {"Firmware:", FirmwareCell(info) + ", " + FieldCell(info.firmware_build_date)},
+          {"System:", VersionText(info.system_major, info.system_minor) + ", " +
+                          FieldCell(info.system_build_date)},
+          {"Daemon:", DaemonCell(appliance)},
+          {"State:", ColoredStateCell(appliance)},
+          {"Time:", TimeCell(appliance)}};
 }
 
-int ShowAppliances(const std::vector<Appliance> &appliances, bool json, bool with_changes) {
-  int status = EXIT_DONE;
-  for (const Appliance &appliance : appliances) {
-    if (appliance.state != ACP_STATE_OK) status = EXIT_REFUSED;
-    if (json)
-      ShowJson(appliance, with_changes);
-    else if (appliance.state != ACP_STATE_OK)
-      PrintError(MacText(appliance.mac) + " refused: " + StateName(appliance.state));
-  }
-  if (!json) ShowTable(appliances, with_changes);
-  return status;
+std::vector<std::string> ColumnNames() {
+  std::vector<std::string> names;
+  for (const Column &column : COLUMNS)
+    names.emplace_back(column.name);
+  return names;
 }
 
 int Discover(const Options &options) {
-  if (options.arguments.contains("--watch")) return Watch(options);
-  std::vector<Answer> answers;
-  const int status = Ask(options, MakeDiscoverRequest(), answers);
+  Layout layout;
+  const int status = ReadLayout(options, layout);
   if (status != EXIT_DONE) return status;
-  return ShowAppliances(AppliancesOf(answers), options.json, false);
+  if (Given(options, "--watch") != nullptr) return Watch(options, layout);
+  if (HasTargets(options)) return DiscoverTargets(options, layout);
+  std::vector<Appliance> appliances;
+  Outcome outcome = acp::Discover(options.scope, appliances);
+  if (!outcome.IsDone()) {
+    PrintError(outcome.message);
+    if (!outcome.hint.empty()) PrintError(outcome.hint);
+    return ExitStatusOf(outcome.result);
+  }
+  Sort(layout, appliances);
+  return ShowAppliances(options, layout, appliances);
 }
 
 }  // namespace bhctl

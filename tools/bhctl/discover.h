@@ -3,35 +3,24 @@
 #ifndef BH_TOOLS_BHCTL_DISCOVER_H_
 #define BH_TOOLS_BHCTL_DISCOVER_H_
 
+#include <string>
 #include <vector>
 
-#include "tools/bhctl/client.h"
+#include "client/appliances.h"
+#include "tools/bhctl/options.h"
+#include "tools/bhctl/print.h"
 
 namespace bhctl {
 
-// Since the previous round.
-enum class Change { NONE, NEW, GONE, MOVED };  // moved: to another address or host name
-
-struct Appliance {
-  Mac mac = {};        // of the interface that answered
-  uint32_t state = 0;  // AcpState
-  DiscoverInfo info = {};
-  Change change = Change::NONE;
-};
-
-// Sorted by address; `change` is NONE.
-std::vector<Appliance> AppliancesOf(const std::vector<Answer> &answers);
-
-// `now` with each `change` set, and with the appliances that are gone since `before`.
-std::vector<Appliance> Compare(const std::vector<Appliance> &before, std::vector<Appliance> now);
-
-// Prints a table or JSON; refusals go to standard error. Returns EXIT_REFUSED if there is a
-// refusal, else EXIT_DONE.
-int ShowAppliances(const std::vector<Appliance> &appliances, bool json, bool with_changes);
-
-// Returns the program's exit status. With argument --watch it repeats, and returns only if the
-// interface does not exist at the start or if output fails; SIGINT ends the program with EXIT_DONE.
+// Arguments --watch, --long, --columns and --sort. Returns the program's exit status.
 int Discover(const Options &options);
+
+// All that the discovery tells: as an object, and as rows of name and value.
+Json ApplianceJson(const Appliance &appliance);
+std::vector<std::vector<std::string>> ApplianceRows(const Appliance &appliance);
+
+// The names of the columns, in their order.
+std::vector<std::string> ColumnNames();
 
 }  // namespace bhctl
 

@@ -1,50 +1,38 @@
-// With a signalfd instead of a handler, one poll waits for a signal and a socket, and no signal is
-// lost between a check and a wait.
-
 #include "tools/bhctl/interrupt.h"
 
-#include <poll.h>
-#include <sys/signalfd.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
+#include <initializer_list>
 
 namespace bhctl {
 namespace {
 
-sigset_t Interrupts() {
-  sigset_t set;
-  sigemptyset(&set);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction action = {};
-    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
-      sigaddset(&set, signal);
-  }
-  return set;
+volatile sig_atomic_t event = -1;
+
+void Note(int /*signal*/) {
+  const uint64_t one = 1;
+  const ssize_t written = write(event, &one, sizeof(one));
+  (void)written;
 }
 
 }  // namespace
 
-Descriptor HoldInterrupts() {
-  const sigset_t set = Interrupts();
-  Descriptor held(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (held.IsOpen()) sigprocmask(SIG_BLOCK, &set, nullptr);
-  return held;
-}
-
-bool Interrupted(const Descriptor &held) {
-  pollfd readable = {held.Get(), POLLIN, 0};
-  return held.IsOpen() && poll(&readable, 1, 0) > 0;
-}
-
-void DropInterrupts(const Descriptor &held) {
-  signalfd_siginfo info = {};
-  while (held.IsOpen() && read(held.Get(), &info, sizeof(info)) > 0)
-    ;
-}
-
-void ReleaseInterrupts() {
-  const sigset_t set = Interrupts();
-  sigprocmask(SIG_UNBLOCK, &set, nullptr);
+// SA_RESETHAND: the next signal of that kind acts as usual. Without SA_RESTART, a read of the
+// terminal ends.
+int CatchInterrupts() {
+  event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (event < 0) return -1;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
+    action.sa_handler = Note;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(signal, &action, nullptr);
+  }
+  return event;
 }
 
 }  // namespace bhctl

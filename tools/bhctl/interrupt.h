@@ -1,25 +1,14 @@
-// Holds back the signals that end the program (SIGINT, SIGTERM, SIGHUP) while there is something to
-// clean up first.
+// The signals that end the program (SIGINT, SIGTERM, SIGHUP) first let it clean up.
 
 #ifndef BH_TOOLS_BHCTL_INTERRUPT_H_
 #define BH_TOOLS_BHCTL_INTERRUPT_H_
 
-#include "lib/descriptor.h"
-
 namespace bhctl {
 
-// From now on such a signal only makes the result readable. Ignored signals stay ignored. If no
-// descriptor is free, signals still end the program.
-Descriptor HoldInterrupts();
-
-// Whether a signal is pending. Always false without a descriptor.
-bool Interrupted(const Descriptor &held);
-
-// Discards pending signals.
-void DropInterrupts(const Descriptor &held);
-
-// Signals end the program again; a pending one does so at once.
-void ReleaseInterrupts();
+// From now on the first such signal only makes the returned descriptor readable; a second one ends
+// the program at once. Ignored signals stay ignored. Returns -1, and changes nothing, if no
+// descriptor is free.
+int CatchInterrupts();
 
 }  // namespace bhctl
 

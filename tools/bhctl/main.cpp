@@ -3,45 +3,49 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <map>
-#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/bhctl/commands.h"
+#include "tools/bhctl/help.h"
+#include "tools/bhctl/interrupt.h"
 #include "tools/bhctl/options.h"
 #include "tools/bhctl/print.h"
+#include "tools/bhctl/suggest.h"
+#include "tools/bhctl/targets.h"
 #include "tools/bhctl/text.h"
 
 namespace bhctl {
 namespace {
 
-constexpr const char *FOOTER =
-    "Exit status:\n"
-    "  0  done\n"
-    "  1  the appliance refused; bhctl prints its state code\n"
-    "  2  usage error, unusable image, unknown interface, or no confirmation\n"
-    "  3  no answer, or this machine could not send the request or the image, or write the "
-    "result\n"
-    "  exec --type 1: the command's own status; with a message, one of the above";
-
 constexpr double MAX_TIMEOUT = 86400;  // seconds
+
+using Values = std::map<std::string, std::string>;
 
 // The parser's results, not yet checked.
 struct CommandLine {
-  std::string interface;
-  std::string mac;
-  double timeout = 2;
-  std::string pass_phrase;
-  std::string password;
-  std::map<std::string, std::map<std::string, std::string>> arguments;  // by command, then by name
+  Values globals;
+  std::vector<std::string> targets;
+  std::map<std::string, Values> arguments;  // by command, then by name
+  std::vector<std::string> words;
+  std::string help_for;
 };
+
+// Other spellings of an option.
+struct Alias {
+  const char *name;
+  const char *alias;
+};
+constexpr Alias ALIASES[] = {
+    {"--interface", "-i"}, {"--help", "-h"}, {"--count", "-c"}, {"--initialized", "--initialised"}};
 
 int UsageError(const std::string &message) {
   PrintError(message);
@@ -49,24 +53,33 @@ int UsageError(const std::string &message) {
   return EXIT_USAGE;
 }
 
-void DeclareGlobalOptions(CLI::App &app, CommandLine &line, Options &options) {
-  app.add_option("-i,--interface", line.interface, "use only this network interface")
-      ->type_name("NAME");
-  app.add_option("--mac", line.mac, "address only this appliance")->type_name("MAC");
-  app.add_option("--timeout", line.timeout,
-                 "wait this long for answers; default: 2, or more for slow commands")
-      ->type_name("SECONDS");
-  app.add_flag("--json", options.json, "print one JSON object per line for each appliance");
-  app.add_option("--pass-phrase", line.pass_phrase,
-                 "pass phrase of the command mode; default: $BHCTL_PASS_PHRASE")
-      ->type_name("TEXT");
-  app.add_option("--password", line.password, "administrator's password; default: $BHCTL_PASSWORD")
-      ->type_name("TEXT");
-  app.add_flag("--password-stdin", options.password_stdin,
-               "read the administrator's password from standard input");
-  app.add_flag("--yes", options.assume_yes, "do not ask for confirmation");
-  app.set_version_flag("--version", "bhctl " BHCTL_VERSION, "print the version");
-  app.set_help_flag("-h,--help", "print this help");
+// As the parser takes it: "-i,--interface".
+std::string WithAlias(const std::string &name) {
+  for (const Alias &alias : ALIASES)
+    if (name == alias.name) return std::string(alias.alias) + "," + name;
+  return name;
+}
+
+bool IsFlag(const Argument &argument) {
+  return argument.name.starts_with("-") && argument.value.empty();
+}
+
+void Declare(CLI::App &app, const Argument &argument, std::string &value) {
+  const std::string name = WithAlias(argument.name);
+  if (IsFlag(argument))
+    app.add_flag(name, value)->disable_flag_override()->take_last();
+  else
+    app.add_option(name, value)->take_last();
+}
+
+void DeclareGlobals(CLI::App &app, CommandLine &line) {
+  app.set_help_flag();  // help is a global option like others
+  for (const Argument &option : GlobalOptions()) {
+    if (option.name == "--to")
+      app.add_option("--to", line.targets)->allow_extra_args(false)->take_all();
+    else
+      Declare(app, option, line.globals[option.name]);
+  }
 }
 
 // Extra words are allowed here, because CheckLeftovers has better messages than the parser.
@@ -74,58 +87,140 @@ void DeclareCommands(CLI::App &app, CommandLine &line) {
   app.fallthrough();
   app.allow_extras();
   app.require_subcommand(0, 1);
-  for (const SubCommand &command : Commands()) {
-    CLI::App *declared = app.add_subcommand(command.name, command.description);
-    declared->group("Commands");
-    declared->footer("Global options and exit status: see 'bhctl --help'.");
-    for (const Argument &argument : command.arguments) {
-      std::string &value = line.arguments[command.name][argument.name];
-      if (argument.flag)
-        declared->add_flag(argument.name, value, argument.description)->disable_flag_override();
-      else
-        declared->add_option(argument.name, value, argument.description)
-            ->type_name("")
-            ->required(argument.required);
-    }
+  CLI::App *help = app.add_subcommand("help");
+  help->set_help_flag();
+  help->add_option("COMMAND", line.help_for);
+  for (const Command &command : Commands()) {
+    CLI::App *declared = app.add_subcommand(command.name);
+    declared->set_help_flag();
+    for (const Argument &argument : command.arguments)
+      if (!command.takes_words || argument.name.starts_with("-"))
+        Declare(*declared, argument, line.arguments[command.name][argument.name]);
   }
 }
 
-// The number of inserted, removed and replaced characters between two words.
-size_t EditDistance(const std::string &from, const std::string &to) {
-  std::vector<size_t> row(to.size() + 1);
-  std::iota(row.begin(), row.end(), size_t{0});
-  for (size_t i = 0; i < from.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i + 1;
-    for (size_t j = 0; j < to.size(); ++j) {
-      const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
-    }
-  }
-  return row.back();
-}
-
-std::string UnknownCommand(const std::string &word) {
-  constexpr size_t MAX_TYPO = 2;  // swapped characters count as two
-  const auto best = std::min_element(
-      Commands().begin(), Commands().end(), [&](const SubCommand &a, const SubCommand &b) {
-        return EditDistance(word, a.name) < EditDistance(word, b.name);
+const Argument *FindOption(const std::vector<Argument> &arguments, std::string name) {
+  for (const Alias &alias : ALIASES)
+    if (name == alias.alias) name = alias.name;
+  const auto found =
+      std::find_if(arguments.begin(), arguments.end(), [&](const Argument &argument) {
+        return argument.name.starts_with("-") && argument.name == name;
       });
-  std::string message = "unknown command '" + word + "'";
-  if (EditDistance(word, best->name) <= MAX_TYPO) message += ", did you mean '" + best->name + "'?";
-  return message;
+  return found == arguments.end() ? nullptr : &*found;
 }
 
-int CheckLeftovers(const CLI::App &app) {
+// Whether the next word is the option's value.
+bool TakesNext(const std::string &word, const Command *command) {
+  const Argument *option = FindOption(GlobalOptions(), word);
+  if (option == nullptr && command != nullptr) option = FindOption(command->arguments, word);
+  return option != nullptr && !option->value.empty();
+}
+
+// Where the words of a command begin that takes all that follows; the number of words if none does.
+// "--" ends the options.
+size_t WordsBegin(const std::vector<std::string> &args) {
+  const Command *command = nullptr;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const bool option = args[i].size() > 1 && args[i][0] == '-';
+    if (command != nullptr && (!option || args[i] == "--")) return i;
+    if (option) {
+      if (TakesNext(args[i], command)) ++i;
+      continue;
+    }
+    command = FindCommand(args[i]);
+    if (command == nullptr || !command->takes_words) break;
+  }
+  return args.size();
+}
+
+// Cuts the words off the arguments.
+void TakeWords(std::vector<std::string> &args, CommandLine &line) {
+  const size_t begin = WordsBegin(args);
+  line.words.assign(args.begin() + static_cast<ptrdiff_t>(begin), args.end());
+  if (!line.words.empty() && line.words.front() == "--") line.words.erase(line.words.begin());
+  args.resize(begin);
+}
+
+bool IsKnownFlag(const std::string &name) {
+  const Argument *option = FindOption(GlobalOptions(), name);
+  for (const Command &command : Commands())
+    if (option == nullptr) option = FindOption(command.arguments, name);
+  return option != nullptr && IsFlag(*option);
+}
+
+// The parser's own texts are for programmers. It fails only for a value that is too much or
+// missing.
+int ParseFailure(const CLI::ParseError &error, const std::vector<std::string> &args) {
+  for (const std::string &word : args) {
+    const size_t sign = word.find('=');
+    if (sign != std::string::npos && IsKnownFlag(word.substr(0, sign)))
+      return UsageError(word.substr(0, sign) + " takes no value");
+  }
+  const std::string text = error.what();
+  return UsageError(SafeText(text.substr(0, text.find_first_of(": "))) + " needs a value");
+}
+
+std::vector<std::string> CommandNames() {
+  std::vector<std::string> names = {"help"};
+  for (const Command &command : Commands())
+    names.push_back(command.name);
+  return names;
+}
+
+std::vector<std::string> OptionNames(const Command *command) {
+  std::vector<std::string> names;
+  for (const Argument &option : GlobalOptions())
+    names.push_back(option.name);
+  if (command == nullptr) return names;
+  for (const Argument &argument : command->arguments)
+    if (argument.name.starts_with("-")) names.push_back(argument.name);
+  return names;
+}
+
+int CheckLeftovers(const CLI::App &app, const Command *command) {
   std::vector<std::string> leftovers = app.remaining(true);
   std::erase(leftovers, "--");  // precedes a path that starts with '-'
-  const bool command_found = !app.get_subcommands().empty();
-  if (leftovers.empty()) return command_found ? EXIT_DONE : UsageError("a command is required");
+  if (leftovers.empty())
+    return command != nullptr ? EXIT_DONE : UsageError("a command is required");
   const std::string &word = leftovers.front();
-  if (word[0] == '-') return UsageError("unknown option '" + word + "'");
-  if (command_found) return UsageError("unexpected argument '" + word + "'");
-  return UsageError(UnknownCommand(word));
+  const std::string name = SafeText(word.substr(0, word.find('=')));
+  if (word[0] == '-')
+    return UsageError("unknown option '" + name + "'" + Suggestion(name, OptionNames(command)));
+  if (command != nullptr) return UsageError("unexpected argument '" + SafeText(word) + "'");
+  return UsageError("unknown command '" + SafeText(word) + "'" + Suggestion(word, CommandNames()));
+}
+
+std::string ListOf(const std::vector<std::string> &words) {
+  std::string list;
+  for (const std::string &word : words)
+    list += (list.empty() ? "" : ", ") + word;
+  return list;
+}
+
+int CheckWord(const Argument &argument, const std::string &value) {
+  const auto &words = argument.words;
+  if (words.empty() || std::find(words.begin(), words.end(), value) != words.end())
+    return EXIT_DONE;
+  return UsageError(argument.name + " must be one of " + ListOf(words) + ", not '" +
+                    SafeText(value) + "'" + Suggestion(value, words));
+}
+
+int ReadArguments(const CLI::App &chosen, const Command &command, CommandLine &line,
+                  Options &options) {
+  options.command = command.name;
+  options.words = line.words;
+  if (command.takes_words && line.words.empty()) return UsageError("COMMAND is required");
+  for (const Argument &argument : command.arguments) {
+    if (command.takes_words && !argument.name.starts_with("-")) continue;
+    if (chosen.count(argument.name) == 0) {
+      if (argument.required) return UsageError(argument.name + " is required");
+      continue;
+    }
+    const std::string &value = line.arguments[command.name][argument.name];
+    if (const int status = CheckWord(argument, value); status != EXIT_DONE) return status;
+    options.arguments[argument.name] = value;
+  }
+  return EXIT_DONE;
 }
 
 std::optional<std::string> Environment(const char *name) {
@@ -134,69 +229,153 @@ std::optional<std::string> Environment(const char *name) {
   return value;
 }
 
-int CheckGlobalOptions(const CLI::App &app, const CommandLine &line, Options &options) {
-  if (app.count("--interface") != 0 && line.interface.empty())
-    return UsageError("--interface needs a name");
-  options.interface = line.interface;
+int ReadTimeout(const CLI::App &app, const std::string &text, const Command &command,
+                Options &options) {
+  options.scope.timeout = command.timeout;
+  options.timeout_given = app.count("--timeout") != 0;
+  if (!options.timeout_given) return EXIT_DONE;
+  double seconds = 0;
+  const char *end = text.data() + text.size();
+  const auto [after, error] = std::from_chars(text.data(), end, seconds);
+  if (error != std::errc() || after != end || !(seconds > 0 && seconds <= MAX_TIMEOUT))
+    return UsageError("--timeout must be a number of seconds, greater than 0 and at most a day");
+  options.scope.timeout = std::chrono::microseconds(static_cast<int64_t>(ceil(seconds * 1e6)));
+  return EXIT_DONE;
+}
+
+int ReadTargets(const CLI::App &app, const CommandLine &line, Options &options) {
+  options.targets = line.targets;
+  options.all = app.count("--all") != 0;
   if (app.count("--mac") != 0) {
-    options.mac = ParseMac(line.mac);
-    if (!options.mac) return UsageError("--mac: not a MAC address: '" + line.mac + "'");
-    if (options.mac == BROADCAST_MAC) options.mac.reset();
+    const std::string &text = line.globals.at("--mac");
+    const std::optional<Mac> mac = ParseMac(text);
+    if (!mac) return UsageError("--mac: not a MAC address: '" + SafeText(text) + "'");
+    if (mac != BROADCAST_MAC) options.targets.push_back(text);
   }
-  if (!(line.timeout > 0 && line.timeout <= MAX_TIMEOUT))
-    return UsageError("--timeout must be greater than 0 and at most a day");
-  options.timeout = std::chrono::microseconds(static_cast<int64_t>(ceil(line.timeout * 1e6)));
+  for (const std::string &target : options.targets)
+    if (target.empty()) return UsageError("--to needs a name");
+  // Discovery looks for everything, unless the command line itself says otherwise.
+  const bool discovers = options.command == "discover" || options.command == "complete";
+  const std::optional<std::string> standing = Environment("BHCTL_TO");
+  if (!HasTargets(options) && !discovers && standing && !standing->empty())
+    options.targets.push_back(*standing);
+  return EXIT_DONE;
+}
+
+int ReadCount(const CLI::App &app, const CommandLine &line, const char *name,
+              std::optional<size_t> &count) {
+  if (app.count(name) == 0) return EXIT_DONE;
+  const std::string &text = line.globals.at(name);
+  const std::optional<uint32_t> number = ParseU32(text);
+  if (!number || *number == 0)
+    return UsageError(std::string(name) + " must be a number from 1, not '" + SafeText(text) + "'");
+  count = *number;
+  return EXIT_DONE;
+}
+
+int ReadLimits(const CLI::App &app, const CommandLine &line, Options &options) {
+  std::optional<size_t> parallel;
+  int status = ReadCount(app, line, "--parallel", parallel);
+  if (status == EXIT_DONE) status = ReadCount(app, line, "--stop-after", options.limits.stop_after);
+  options.limits.parallel = parallel.value_or(options.limits.parallel);
+  return status;
+}
+
+int ReadSecrets(const CLI::App &app, const CommandLine &line, Options &options) {
   options.pass_phrase = app.count("--pass-phrase") != 0
-                            ? line.pass_phrase
+                            ? line.globals.at("--pass-phrase")
                             : Environment("BHCTL_PASS_PHRASE").value_or("");
-  if (app.count("--password") != 0 && options.password_stdin)
+  options.password_stdin = app.count("--password-stdin") != 0;
+  const bool given = app.count("--password") != 0;
+  if (given && options.password_stdin)
     return UsageError("--password and --password-stdin cannot be combined");
-  if (app.count("--password") != 0)
-    options.password = line.password;
+  if (given)
+    options.password = line.globals.at("--password");
   else if (!options.password_stdin)
     options.password = Environment("BHCTL_PASSWORD");
   return EXIT_DONE;
 }
 
-int RunCommand(const CLI::App &app, const CommandLine &line, Options &options) {
-  const CLI::App &chosen = *app.get_subcommands().front();
-  const auto command =
-      std::find_if(Commands().begin(), Commands().end(),
-                   [&](const SubCommand &each) { return chosen.get_name() == each.name; });
-  options.command = command->name;
-  for (const Argument &argument : command->arguments) {
-    if (chosen.count(argument.name) == 0) continue;
-    options.arguments[argument.name] = line.arguments.at(command->name).at(argument.name);
-  }
-  if (app.count("--timeout") == 0) options.timeout = command->timeout;
-  const int status = command->run(options);
+int ReadInterface(const CLI::App &app, const CommandLine &line, Options &options) {
+  options.scope.interface = line.globals.at("--interface");
+  if (app.count("--interface") == 0)
+    options.scope.interface = Environment("BHCTL_INTERFACE").value_or("");
+  else if (options.scope.interface.empty())
+    return UsageError("--interface needs a name");
+  return EXIT_DONE;
+}
+
+int ReadColor(const CLI::App &app, const CommandLine &line) {
+  const std::string color = app.count("--color") == 0 ? "auto" : line.globals.at("--color");
+  if (const int status = CheckWord(*FindOption(GlobalOptions(), "--color"), color);
+      status != EXIT_DONE)
+    return status;
+  ChooseColor(color == "always" ? Color::ALWAYS : color == "never" ? Color::NEVER : Color::AUTO);
+  return EXIT_DONE;
+}
+
+int ReadGlobals(const CLI::App &app, const CommandLine &line, const Command &command,
+                Options &options) {
+  options.json = app.count("--json") != 0;
+  options.assume_yes = app.count("--yes") != 0;
+  int status = ReadInterface(app, line, options);
+  if (status == EXIT_DONE) status = ReadTargets(app, line, options);
+  if (status == EXIT_DONE)
+    status = ReadTimeout(app, line.globals.at("--timeout"), command, options);
+  if (status == EXIT_DONE) status = ReadLimits(app, line, options);
+  if (status == EXIT_DONE) status = ReadSecrets(app, line, options);
+  return status == EXIT_DONE ? ReadColor(app, line) : status;
+}
+
+int Finish(int status) {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
   PrintError("cannot write to standard output");
   return EXIT_NO_ANSWER;
 }
 
-int Run(int argc, char **argv) {
-  CLI::App app("Manages network-storage appliances on the local network.", "bhctl");
-  CommandLine line;
-  Options options;
-  app.footer(FOOTER);
-  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-  DeclareGlobalOptions(app, line, options);
-  DeclareCommands(app, line);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp &) {
-    fputs(app.help().c_str(), stdout);
-    return EXIT_DONE;
-  } catch (const CLI::CallForVersion &version) {
-    PrintLine(version.what());
-    return EXIT_DONE;
-  } catch (const CLI::ParseError &error) {
-    return UsageError(error.what());
+int PrintHelp(const std::string &name) {
+  const Command *command = FindCommand(name);
+  if (command == nullptr && !name.empty() && name != "help")
+    return UsageError("unknown command '" + SafeText(name) + "'" +
+                      Suggestion(name, CommandNames()));
+  PrintText(command == nullptr ? MainHelp() : CommandHelp(*command));
+  return Finish(EXIT_DONE);
+}
+
+int RunCommandLine(const CLI::App &app, CommandLine &line) {
+  const std::vector<CLI::App *> chosen = app.get_subcommands();
+  const std::string name = chosen.empty() ? "" : chosen.front()->get_name();
+  if (name == "help") return PrintHelp(line.help_for);
+  if (app.count("--help") != 0) return PrintHelp(name);
+  if (app.count("--version") != 0) {
+    PrintLine("bhctl " BHCTL_VERSION);
+    return Finish(EXIT_DONE);
   }
-  int status = CheckGlobalOptions(app, line, options);
-  if (status == EXIT_DONE) status = CheckLeftovers(app);
-  return status == EXIT_DONE ? RunCommand(app, line, options) : status;
+  const Command *command = FindCommand(name);
+  int status = CheckLeftovers(app, command);
+  if (status != EXIT_DONE) return status;
+  Options options;
+  status = ReadArguments(*chosen.front(), *command, line, options);
+  if (status == EXIT_DONE) status = ReadGlobals(app, line, *command, options);
+  if (status != EXIT_DONE) return status;
+  options.scope.warn = PrintError;
+  options.scope.cancel = CatchInterrupts();
+  return Finish(command->run(options));
+}
+
+int Run(std::vector<std::string> args) {
+  CLI::App app("", "bhctl");
+  CommandLine line;
+  DeclareGlobals(app, line);
+  DeclareCommands(app, line);
+  TakeWords(args, line);
+  std::vector<std::string> backwards(args.rbegin(), args.rend());  // as the parser wants them
+  try {
+    app.parse(backwards);
+  } catch (const CLI::ParseError &error) {
+    return ParseFailure(error, args);
+  }
+  return RunCommandLine(app, line);
 }
 
 }  // namespace
@@ -204,7 +383,7 @@ int Run(int argc, char **argv) {
 
 int main(int argc, char **argv) {
   try {
-    return bhctl::Run(argc, argv);
+    return bhctl::Run({argv + std::min(argc, 1), argv + argc});
   } catch (const std::exception &error) {
     fprintf(stderr, "bhctl: %s\n", error.what());
     return bhctl::EXIT_NO_ANSWER;

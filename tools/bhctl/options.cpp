@@ -16,4 +16,20 @@ int UsageFailure(const std::string &message) {
   return EXIT_USAGE;
 }
 
+int ExitStatusOf(Result result) {
+  switch (result) {
+    case Result::DONE:
+      return EXIT_DONE;
+    case Result::REFUSED:
+      return EXIT_REFUSED;
+    case Result::INVALID:
+      return EXIT_USAGE;
+    case Result::NO_ANSWER:
+      return EXIT_NO_ANSWER;
+    case Result::CANCELLED:
+      return EXIT_INTERRUPTED;
+  }
+  return EXIT_NO_ANSWER;
+}
+
 }  // namespace bhctl

@@ -2,26 +2,21 @@
 
 #include "tools/bhctl/password.h"
 
-#include <crypt.h>
-
-#include <algorithm>
-#include <memory>
-#include <random>
-
+#include "client/password_hash.h"
 #include "tools/bhctl/terminal.h"
 
 namespace bhctl {
 namespace {
 
-// After an end of input.
-int NoLine() {
+// After an end of input or an interrupt.
+int NoLine(int status) {
+  if (status != EXIT_USAGE) return status;
   return UsageFailure("there is no password on standard input");
 }
 
-bool IsNewPassword(const std::string &password) {
-  return !password.empty() && password.size() <= MAX_NEW_PASSWORD &&
-         std::all_of(password.begin(), password.end(),
-                     [](char byte) { return byte >= ' ' && byte <= '~'; });
+int AskHidden(const Options &options, const char *prompt, std::string &line) {
+  const int status = ReadHidden(options.scope.cancel, prompt, line);
+  return status == EXIT_DONE ? status : NoLine(status);
 }
 
 }  // namespace
@@ -30,7 +25,9 @@ int ReadPassword(const Options &options, std::optional<std::string> &password) {
   password = options.password;
   if (options.password || (!options.password_stdin && !IsTerminal())) return EXIT_DONE;
   std::string line;
-  if (!(IsTerminal() ? ReadHidden("Password: ", line) : ReadLine(line))) return NoLine();
+  const int status = IsTerminal() ? ReadHidden(options.scope.cancel, "Password: ", line)
+                                  : ReadLine(options.scope.cancel, line);
+  if (status != EXIT_DONE) return NoLine(status);
   password = line;
   return EXIT_DONE;
 }
@@ -50,18 +47,20 @@ int NeedPassPhrase(const Options &options, std::string &pass_phrase) {
   if (!pass_phrase.empty()) return EXIT_DONE;
   if (!IsTerminal())
     return UsageFailure("the pass phrase of the command mode is required: give --pass-phrase");
-  return ReadHidden("Pass phrase: ", pass_phrase) ? EXIT_DONE : NoLine();
+  return AskHidden(options, "Pass phrase: ", pass_phrase);
 }
 
-int NeedNewPassword(const std::optional<std::string> &given, std::string &password) {
+int NeedNewPassword(const Options &options, const std::optional<std::string> &given,
+                    std::string &password) {
   password = given.value_or("");
   if (!given) {
     if (!IsTerminal())
       return UsageFailure(
           "the new password is required: give --new-password or BHCTL_NEW_PASSWORD");
     std::string again;
-    if (!ReadHidden("New password: ", password) || !ReadHidden("Repeat new password: ", again))
-      return NoLine();
+    int status = AskHidden(options, "New password: ", password);
+    if (status == EXIT_DONE) status = AskHidden(options, "Repeat new password: ", again);
+    if (status != EXIT_DONE) return status;
     if (again != password) return UsageFailure("the passwords differ");
   }
   if (IsNewPassword(password)) return EXIT_DONE;
@@ -69,22 +68,19 @@ int NeedNewPassword(const std::optional<std::string> &given, std::string &passwo
                       " ASCII characters: the appliance ignores the rest");
 }
 
-std::string HashPassword(const std::string &password, const std::string &salt) {
-  const auto memory = std::make_unique<crypt_data>();  // 32 KB
-  const char *hash = crypt_r(password.c_str(), salt.c_str(), memory.get());
-  if (hash == nullptr) return "";
-  const std::string text = hash;
-  return text.size() == PASSWORD_HASH && text.starts_with(salt) ? text : "";
+Credentials CredentialsOf(const Options &options) {
+  Credentials credentials;
+  if (!options.pass_phrase.empty()) credentials.pass_phrase = PassPhrase(options.pass_phrase);
+  return credentials;
 }
 
-std::string RandomSalt() {
-  constexpr char CHARACTERS[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-  std::random_device random;
-  std::uniform_int_distribution<size_t> pick(0, sizeof(CHARACTERS) - 2);
-  std::string salt;
-  while (salt.size() < 2)
-    salt += CHARACTERS[pick(random)];
-  return salt;
+int ReadCredentials(const Options &options, Credentials &credentials) {
+  std::optional<std::string> password;
+  const int status = ReadPassword(options, password);
+  credentials = CredentialsOf(options);
+  if (password && (options.password || options.password_stdin || !password->empty()))
+    credentials.password = AdminPassword(*password);
+  return status;
 }
 
 }  // namespace bhctl

@@ -1,4 +1,4 @@
-// Reads passwords, and hashes them for the account database.
+// Reads passwords.
 
 #ifndef BH_TOOLS_BHCTL_PASSWORD_H_
 #define BH_TOOLS_BHCTL_PASSWORD_H_
@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "client/credentials.h"
 #include "tools/bhctl/options.h"
 
 namespace bhctl {
 
 // The administrator's password: from the options, or from standard input if the options say so.
 // Otherwise prompts without echo if standard input is a terminal, or leaves `password` unset.
-// Returns EXIT_DONE, or prints an error and returns EXIT_USAGE.
+// Returns EXIT_DONE, or prints an error and returns another ExitStatus.
 int ReadPassword(const Options &options, std::optional<std::string> &password);
 
 // The same, but a missing password is an error.
@@ -23,15 +24,16 @@ int NeedPassPhrase(const Options &options, std::string &pass_phrase);
 
 // The administrator's new password: `given`, or else from the terminal, twice. Returns like
 // ReadPassword; EXIT_USAGE also for a password that is empty, too long or not ASCII.
-int NeedNewPassword(const std::optional<std::string> &given, std::string &password);
+int NeedNewPassword(const Options &options, const std::optional<std::string> &given,
+                    std::string &password);
 
-constexpr size_t MAX_NEW_PASSWORD = 8;  // bytes; crypt(3) ignores the rest
-constexpr size_t PASSWORD_HASH = 13;    // bytes, including the salt
+// Only the pass phrase, if the options have one.
+Credentials CredentialsOf(const Options &options);
 
-// The DES form of crypt(3). The salt is two characters of "./0-9A-Za-z". Returns an empty string if
-// the system does not support it.
-std::string HashPassword(const std::string &password, const std::string &salt);
-std::string RandomSalt();
+// The pass phrase, and the administrator's password from ReadPassword. An empty line on the
+// terminal means no password: the appliance may have verified it earlier. Returns like
+// ReadPassword.
+int ReadCredentials(const Options &options, Credentials &credentials);
 
 }  // namespace bhctl
 

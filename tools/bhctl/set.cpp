@@ -1,31 +1,25 @@
-// The appliance answers before it takes the new address, and checks little else. So bhctl checks
-// the arguments.
+// "done" is printed only for what the appliance shows afterwards.
 
 #include "tools/bhctl/set.h"
 
-#include <algorithm>
 #include <charconv>
-#include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "tools/bhctl/client.h"
-#include "tools/bhctl/credentials.h"
+#include "client/identity.h"
+#include "tools/bhctl/password.h"
 #include "tools/bhctl/print.h"
-#include "tools/bhctl/refusal.h"
-#include "tools/bhctl/session.h"
+#include "tools/bhctl/targets.h"
 #include "tools/bhctl/terminal.h"
+#include "tools/bhctl/text.h"
 
 namespace bhctl {
 namespace {
 
-constexpr size_t MAX_NAME = 16;      // bytes of a host name or workgroup
 constexpr int32_t MAX_OFFSET = 840;  // minutes; no zone is farther from UTC
 constexpr int FIRST_YEAR = 2001;     // that the appliance accepts
+constexpr std::chrono::seconds MAX_WAIT{600};
+constexpr std::chrono::seconds BETWEEN_LOOKS{1};
 
-constexpr const char *CHANGE_FAILED_HINT =
-    "a disk is being formatted, another program is changing the settings, or the address is not "
-    "usable; the other settings may have changed";
-constexpr const char *EMERGENCY_HINT = "the emergency system is running; it supports only --ip";
 constexpr const char *ADDRESS_WARNING =
     "The appliance will no longer be reachable at its present address";
 
@@ -38,191 +32,168 @@ int ReadAddress(const Options &options, const char *name, std::optional<uint32_t
                       "'");
 }
 
-int ReadAddresses(const Options &options, Settings &settings) {
+int ReadAddresses(const Options &options, IdentityChange &change) {
   std::optional<uint32_t> netmask;
-  int status = ReadAddress(options, "--ip", settings.address);
+  int status = ReadAddress(options, "--ip", change.address);
   if (status == EXIT_DONE) status = ReadAddress(options, "--netmask", netmask);
-  if (status == EXIT_DONE) status = ReadAddress(options, "--gateway", settings.gateway);
+  if (status == EXIT_DONE) status = ReadAddress(options, "--gateway", change.gateway);
   if (status != EXIT_DONE) return status;
-  if (settings.address.has_value() != netmask.has_value())
+  if (change.address.has_value() != netmask.has_value())
     return UsageFailure("--ip and --netmask must be given together");
-  settings.netmask = netmask.value_or(0);
+  change.netmask = netmask.value_or(0);
   return EXIT_DONE;
-}
-
-bool IsControl(char character) {
-  return static_cast<unsigned char>(character) < ' ' || character == '\x7F';
 }
 
 int ReadName(const Options &options, const char *option, std::string &name) {
   const std::string *text = Given(options, option);
   if (text == nullptr) return EXIT_DONE;
   name = *text;
-  if (!name.empty() && name.size() <= MAX_NAME && name.front() != '-' &&
-      std::none_of(name.begin(), name.end(), IsControl))
-    return EXIT_DONE;
-  return UsageFailure(std::string(option) + " must have 1 to " + std::to_string(MAX_NAME) +
-                      " bytes, no control characters, and no '-' at the start");
+  return name.empty() ? UsageFailure(std::string(option) + " must not be empty") : EXIT_DONE;
 }
 
-int ReadTime(const Options &options, Settings &settings) {
+int ReadTime(const Options &options, IdentityChange &change) {
   const std::string *text = Given(options, "--time");
   if (text == nullptr) return EXIT_DONE;
-  settings.now = *text == "now";
-  if (settings.now) return EXIT_DONE;
-  settings.time = ParseDateTime(*text);
-  if (settings.time && settings.time->year >= FIRST_YEAR) return EXIT_DONE;
+  change.now = *text == "now";
+  if (change.now) return EXIT_DONE;
+  change.time = ParseDateTime(*text);
+  if (change.time && change.time->year >= FIRST_YEAR) return EXIT_DONE;
   return UsageFailure("--time must be now or \"YYYY-MM-DD HH:MM:SS\" from " +
                       std::to_string(FIRST_YEAR) + " on, not '" + SafeText(*text) + "'");
 }
 
-int ReadTimezone(const Options &options, Settings &settings) {
+int ReadTimezone(const Options &options, IdentityChange &change) {
   const std::string *text = Given(options, "--timezone");
   if (text == nullptr) return EXIT_DONE;
   int32_t minutes = 0;
   const char *end = text->data() + text->size();
   const auto [after, error] = std::from_chars(text->data(), end, minutes);
-  settings.timezone = minutes;
+  change.timezone = minutes;
   if (error == std::errc() && after == end && minutes >= -MAX_OFFSET && minutes <= MAX_OFFSET)
     return EXIT_DONE;
   return UsageFailure("--timezone must be a number of minutes from -" + std::to_string(MAX_OFFSET) +
                       " to " + std::to_string(MAX_OFFSET) + ", not '" + SafeText(*text) + "'");
 }
 
-int ReadSettings(const Options &options, Settings &settings) {
-  settings.dhcp = Given(options, "--dhcp") != nullptr;
-  settings.initialised = Given(options, "--initialised") != nullptr;
-  int status = ReadAddresses(options, settings);
-  if (status == EXIT_DONE) status = ReadName(options, "--hostname", settings.host_name);
-  if (status == EXIT_DONE) status = ReadName(options, "--workgroup", settings.workgroup);
-  if (status == EXIT_DONE) status = ReadTime(options, settings);
-  if (status == EXIT_DONE) status = ReadTimezone(options, settings);
-  if (status == EXIT_DONE && options.arguments.empty())
-    return UsageFailure("nothing to change, see 'bhctl set --help'");
-  return status;
+bool ChangesNothing(const IdentityChange &change) {
+  return !ChangesAddress(change) && change.host_name.empty() && change.workgroup.empty() &&
+         !change.time && !change.now && !change.gateway && !change.timezone && !change.initialized;
 }
 
-bool ChangesAddress(const Settings &settings) {
-  return settings.dhcp || settings.address;
+int ReadChange(const Options &options, IdentityChange &change) {
+  change.dhcp = Given(options, "--dhcp") != nullptr;
+  change.initialized = Given(options, "--initialized") != nullptr;
+  int status = ReadAddresses(options, change);
+  if (status == EXIT_DONE) status = ReadName(options, "--hostname", change.host_name);
+  if (status == EXIT_DONE) status = ReadName(options, "--workgroup", change.workgroup);
+  if (status == EXIT_DONE) status = ReadTime(options, change);
+  if (status == EXIT_DONE) status = ReadTimezone(options, change);
+  if (status != EXIT_DONE) return status;
+  if (ChangesNothing(change)) return UsageFailure("nothing to change, see 'bhctl help set'");
+  Outcome checked = CheckIdentity(change);
+  return checked.IsDone() ? EXIT_DONE : UsageFailure(checked.message);
 }
 
-uint32_t ChangeMask(const Settings &settings) {
-  uint32_t mask = 0;
-  if (ChangesAddress(settings)) mask |= CHANGE_MASK_IP;
-  if (!settings.host_name.empty()) mask |= CHANGE_MASK_HOSTNAME;
-  if (!settings.workgroup.empty()) mask |= CHANGE_MASK_WORKGROUP;
-  if (settings.time) mask |= CHANGE_MASK_DATETIME;
-  if (settings.initialised) mask |= FLAG_CHANGE_INIT;
-  if (settings.gateway) mask |= CHANGE_MASK_GATEWAY;
-  if (settings.timezone) mask |= CHANGE_MASK_TIMEZONE;
-  return mask;
+std::string QuestionText(const IdentityChange &change) {
+  return change.dhcp ? "set --dhcp" : "set --ip " + AddressText(change.address.value_or(0));
 }
 
-std::string QuestionText(const Settings &settings) {
-  return settings.dhcp ? "set --dhcp" : "set --ip " + AddressText(settings.address.value_or(0));
-}
-
-bool IsEmergency(const Session &session) {
-  return session.info.product_state == PRODUCT_STATE_EMERGENCY;
-}
-
-// A request for DHCP has address 0, which the emergency system would use.
-int CheckSystem(const Session &session, const Settings &settings) {
-  if (!IsEmergency(session) || !settings.dhcp) return EXIT_DONE;
-  PrintError(MacText(session.mac) +
-             " is running its emergency system, which does not support DHCP");
+int ShowMissing(const Options &options, const Target &target,
+                const std::vector<NotTaken> &missing) {
+  Json list = Json::array();
+  for (const NotTaken &each : missing)
+    list.push_back({{"setting", each.setting}, {"wanted", each.wanted}, {"found", each.found}});
+  if (options.json)
+    PrintJson({{"mac", MacText(target.GetMac())},
+               {"state", StateName(ACP_STATE_OK)},
+               {"not_taken", list}});
+  for (const NotTaken &each : missing)
+    PrintError("the appliance did not take the setting '" + each.setting + "': wanted " +
+               SafeText(each.wanted) + ", found " +
+               SafeText(each.found.empty() ? "none" : each.found));
   return EXIT_REFUSED;
 }
 
-DateTime LocalTime() {
-  const time_t now = time(nullptr);
-  tm local = {};
-  localtime_r(&now, &local);
-  const auto number = [](int value) { return static_cast<uint16_t>(value); };
-  return {number(local.tm_year + 1900), number(local.tm_mon + 1),
-          number(local.tm_mday),        number(local.tm_hour),
-          number(local.tm_min),         number(std::min(local.tm_sec, 59))};
+bool AwaitsLease(const IdentityChange &change, const DiscoverInfo &found) {
+  return change.dhcp && (found.status & DISCOVER_DHCP_LEASE) == 0;
 }
 
-int ShowRefused(const Options &chosen, const Session &session, uint32_t state) {
-  std::string hint;
-  if (state == ACP_STATE_PASSWORD_ERROR)
-    hint = NotVerifiedHint(session);
-  else if (state == ACP_STATE_FAILURE)
-    hint = IsEmergency(session) ? EMERGENCY_HINT : CHANGE_FAILED_HINT;
-  return ShowRefusal(chosen, session.mac, state, hint);
-}
-
-int ShowDone(const Options &chosen, const Session &session, const Settings &settings) {
-  if (chosen.json) {
-    Json object = {{"mac", MacText(session.mac)}, {"state", StateName(ACP_STATE_OK)}};
-    if (settings.address && !settings.dhcp) object["address"] = AddressText(*settings.address);
+int ShowDone(const Options &options, const Target &target, const IdentityChange &change,
+             const DiscoverInfo &found) {
+  const std::string address = AddressText(found.address);
+  if (options.json) {
+    Json object = {{"mac", MacText(target.GetMac())}, {"state", StateName(ACP_STATE_OK)}};
+    if (ChangesAddress(change)) object["address"] = address;
     PrintJson(object);
-  } else if (settings.dhcp) {
-    PrintLine("done; the appliance now requests an address by DHCP, see 'bhctl discover'");
-  } else if (settings.address) {
-    PrintLine("done; the appliance now takes the address " + AddressText(*settings.address));
+  } else if (AwaitsLease(change, found)) {
+    PrintLine("done; the appliance has no lease yet, see 'bhctl discover'");
   } else {
-    PrintLine("done");
+    PrintLine(ChangesAddress(change) ? "done; the appliance is at " + address : "done");
   }
-  if (IsEmergency(session) && ChangeMask(settings) != CHANGE_MASK_IP) PrintError(EMERGENCY_HINT);
   return EXIT_DONE;
 }
 
-int AskChange(const Options &chosen, const Session &session, Settings &settings) {
-  if (settings.now) settings.time = LocalTime();
-  Answer answer;
-  const int status = AskOne(chosen, MakeChangeRequest(settings), answer);
-  if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
-  if (status != EXIT_DONE) return status;
-  if (answer.state != ACP_STATE_OK) return ShowRefused(chosen, session, answer.state);
-  return ShowDone(chosen, session, settings);
+// Looks once, or with --wait until the appliance shows all that was set.
+Outcome Verify(const Options &options, const Session &session, const IdentityChange &change,
+               std::vector<NotTaken> &missing, DiscoverInfo &found) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end =
+      Clock::now() + (Given(options, "--wait") == nullptr ? std::chrono::seconds(0) : MAX_WAIT);
+  for (;;) {
+    Outcome outcome = VerifyIdentity(options.scope, session, change, missing, found);
+    const bool settled = outcome.IsDone() && missing.empty() && !AwaitsLease(change, found);
+    if (settled || outcome.result == acp::Result::CANCELLED || Clock::now() >= end) return outcome;
+    Pause(options.scope.cancel, BETWEEN_LOOKS);
+  }
 }
 
-// Fields outside the mask stay zero.
-ChangeIpRequest ChangeRecord(const Settings &settings) {
-  const DateTime time = settings.time.value_or(DateTime());
-  ChangeIpRequest record = {};
-  record.flag = settings.dhcp ? FLAG_DHCP : 0;
-  record.change_mask = ChangeMask(settings);
-  record.address = settings.address.value_or(0);
-  record.netmask = settings.netmask;
-  settings.host_name.copy(record.host_name, sizeof(record.host_name) - 1);
-  settings.workgroup.copy(record.workgroup, sizeof(record.workgroup) - 1);
-  record.year = time.year;
-  record.month = time.month;
-  record.day = time.day;
-  record.hour = time.hour;
-  record.minute = time.minute;
-  record.second = time.second;
-  record.gateway = settings.gateway.value_or(0);
-  record.time_zone = settings.timezone.value_or(0);
-  return record;
+// A change whose answer is lost may have been made all the same: what the appliance shows counts.
+int Apply(const Options &options, const Target &target, const Session &session,
+          const IdentityChange &change) {
+  Outcome outcome = ChangeIdentity(options.scope, session, change);
+  const bool unknown = outcome.result == acp::Result::NO_ANSWER;
+  if (!outcome.IsDone() && !unknown) return Report(options, target.GetMac(), outcome);
+  std::vector<NotTaken> missing;
+  DiscoverInfo found = {};
+  Outcome verified = Verify(options, session, change, missing, found);
+  if (!verified.IsDone() && !unknown) {
+    verified.message = "the appliance accepted the change, but does not answer since";
+    verified.hint = "its new address or network may be unusable; look for it with 'bhctl discover'";
+  }
+  if (!verified.IsDone()) return Report(options, target.GetMac(), unknown ? outcome : verified);
+  if (!missing.empty()) return ShowMissing(options, target, missing);
+  return ShowDone(options, target, change, found);
+}
+
+int SetOn(const Options &options, const Target &target, const IdentityChange &change,
+          const Credentials &credentials) {
+  Session session;
+  Outcome outcome = OpenSession(options.scope, *target.discovered, SecretsOf(credentials), session);
+  if (outcome.IsDone())
+    outcome = Authorize(SessionScope(options.scope, session), session, credentials);
+  if (!outcome.IsDone()) return Report(options, target.GetMac(), outcome);
+  return Apply(options, target, session, change);
 }
 
 }  // namespace
 
-Request MakeChangeRequest(const Settings &settings) {
-  return {ACP_CHANGE_IP, ACP_CHANGE_IP_REPLY, 0, BodyOf(ChangeRecord(settings))};
-}
-
 int Set(const Options &options) {
-  Settings settings;
+  IdentityChange change;
   Credentials credentials;
-  int status = ReadSettings(options, settings);
-  if (status == EXIT_DONE && ChangesAddress(settings))
-    status = CheckConfirmable(options, QuestionText(settings));
+  int status = ReadChange(options, change);
+  if (status == EXIT_DONE && ChangesAddress(change))
+    status = CheckConfirmable(options, QuestionText(change));
   if (status == EXIT_DONE) status = ReadCredentials(options, credentials);
+  std::vector<Target> targets;
+  if (status == EXIT_DONE) status = ChooseTargets(options, targets);
+  if (status == EXIT_DONE && targets.size() > 1 && (change.address || !change.host_name.empty()))
+    status = UsageFailure("an address or a host name can be given to one appliance only");
+  if (status == EXIT_DONE && ChangesAddress(change))
+    status = Confirm(options, targets, QuestionText(change), ADDRESS_WARNING);
   if (status != EXIT_DONE) return status;
-  Session session;
-  status = OpenSession(options, SecretsOf(credentials), session);
-  if (status != EXIT_DONE) return status;
-  const Options chosen = SessionOptions(options, session);
-  status = CheckSystem(session, settings);
-  if (status == EXIT_DONE && ChangesAddress(settings))
-    status = Confirm(chosen, session, QuestionText(settings), ADDRESS_WARNING);
-  if (status == EXIT_DONE) status = AuthorizeOrReport(chosen, session, credentials);
-  return status == EXIT_DONE ? AskChange(chosen, session, settings) : status;
+  return RunOnTargets(options, targets, [&](const Options &chosen, const Target &target) {
+    return SetOn(chosen, target, change, credentials);
+  });
 }
 
 }  // namespace bhctl

@@ -1,5 +1,4 @@
-// A request is sent once, to one appliance, and never repeated: a second one might restart it
-// again.
+// One request each, and what its reply means.
 
 #include "tools/bhctl/special.h"
 
@@ -10,15 +9,15 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/bhctl/client.h"
-#include "tools/bhctl/credentials.h"
+#include "client/hints.h"
+#include "client/special.h"
 #include "tools/bhctl/password.h"
 #include "tools/bhctl/print.h"
-#include "tools/bhctl/refusal.h"
-#include "tools/bhctl/session.h"
 #include "tools/bhctl/status.h"
+#include "tools/bhctl/suggest.h"
 #include "tools/bhctl/terminal.h"
 #include "tools/bhctl/text.h"
+#include "tools/bhctl/wait.h"
 
 namespace bhctl {
 namespace {
@@ -104,17 +103,11 @@ constexpr Hint HINTS[] = {
     {ACP_STATE_BAD_PRODUCT, OTHER_PRODUCTS},
 };
 
-constexpr uint32_t NOT_READY = 0xFFFFFFFE;
-constexpr uint32_t HELD_BY_ANOTHER = 0xFFFFFFFD;
 constexpr Hint LOCK_HINTS[] = {
     {ACP_STATE_FAILURE, "the appliance cannot create the lock file"},
-    {NOT_READY, "the lock is not ready; try again"},
-    {HELD_BY_ANOTHER, "another program or the daemon itself holds the lock"},
+    {LOCK_NOT_READY, "the lock is not ready; try again"},
+    {LOCK_HELD_BY_ANOTHER, "another program or the daemon itself holds the lock"},
 };
-
-constexpr uint32_t LOCK_HELD = 0;
-constexpr uint32_t LOCK_NOT_HELD = 1;
-constexpr uint32_t NO_CHECKSUM = 0xFFFF;
 
 // One run of a command.
 struct Call {
@@ -124,7 +117,15 @@ struct Call {
   std::vector<uint8_t> text;     // of the request
   std::optional<Secret> secret;  // becomes the text, encoded with the session's key
   Credentials credentials;
+};
+
+// On one appliance.
+struct Run {
+  const Call &call;
+  const Options &options;
+  const Target &target;
   Session session;
+  uint32_t result = 0;
 };
 
 std::string CommandText(const Call &call) {
@@ -134,20 +135,26 @@ std::string CommandText(const Call &call) {
   return text;
 }
 
+std::string Listed(const std::vector<std::string> &words) {
+  std::string list;
+  for (const std::string &word : words)
+    list += (list.empty() ? "" : ", ") + word;
+  return list;
+}
+
 // Returns null with a message if no row has the given word.
 const Special *ChooseRow(const Options &options) {
   const SpecialGroup *group = FindGroup(options.command.c_str());
   const std::string *given = group == nullptr ? nullptr : Given(options, group->word);
   const std::string word = given == nullptr ? "" : *given;
-  std::string words;
+  std::vector<std::string> words;
   for (const Special &row : SPECIALS) {
     if (row.name != options.command) continue;
     if (row.word == word) return &row;
-    if (!words.empty()) words += ", ";
-    words += row.word;
+    words.emplace_back(row.word);
   }
-  PrintError(std::string(group == nullptr ? "argument" : group->word) + " must be one of " + words +
-             ", not '" + SafeText(word) + "'");
+  PrintError(std::string(group == nullptr ? "argument" : group->word) + " must be one of " +
+             Listed(words) + ", not '" + SafeText(word) + "'" + Suggestion(word, words));
   return nullptr;
 }
 
@@ -196,66 +203,85 @@ int ReadCall(const Options &options, Call &call) {
   call.row = ChooseRow(options);
   if (call.row == nullptr) return EXIT_USAGE;
   call.options = options;
-  if (options.timeout.count() == 0) call.options.timeout = call.row->timeout;
+  if (!options.timeout_given) call.options.scope.timeout = call.row->timeout;
   if ((call.row->properties & NEEDS_COMMAND_MODE) != 0) call.credentials = CredentialsOf(options);
   const int status = ReadOperand(call);
   if (status != EXIT_DONE || (call.row->properties & NEEDS_CONFIRMATION) == 0) return status;
   return CheckConfirmable(options, CommandText(call));
 }
 
-int OpenCallSession(Call &call) {
-  std::vector<Secret> secrets = SecretsOf(call.credentials);
-  if (call.secret) secrets.push_back(*call.secret);
-  const int status = OpenSession(call.options, secrets, call.session);
-  if (status != EXIT_DONE) return status;
-  call.options = SessionOptions(call.options, call.session);
-  if (call.secret) call.text = EncodePassword(*call.secret, call.session.key).value();
-  if ((call.row->properties & NEEDS_CONFIRMATION) == 0) return EXIT_DONE;
-  return Confirm(call.options, call.session, CommandText(call), call.row->description);
-}
-
-std::string RefusalHint(const Call &call, uint32_t state) {
-  if (state == ACP_STATE_NOT_PERMIT) return NotEnabledHint(call.session);
-  if (state == ACP_STATE_PASSWORD_ERROR && call.secret)
-    return std::string(call.secret->name) + " is wrong";
-  if (call.row->result == LOCK) return HintFor(LOCK_HINTS, state);
-  if (call.row->result == CHECKSUM && state == NO_CHECKSUM)
+std::string RefusalHint(const Run &run) {
+  const Special &row = *run.call.row;
+  if (run.result == ACP_STATE_NOT_PERMIT) return NotEnabledHint(run.session);
+  if (run.result == ACP_STATE_PASSWORD_ERROR && run.call.secret)
+    return std::string(run.call.secret->name) + " is wrong";
+  if (row.result == LOCK) return HintFor(LOCK_HINTS, run.result);
+  if (row.result == CHECKSUM && run.result == NO_CHECKSUM)
     return "the file is missing, empty, unreadable or all zero bytes";
-  return state == ACP_STATE_FAILURE ? call.row->failure : HintFor(HINTS, state);
+  return run.result == ACP_STATE_FAILURE ? row.failure : HintFor(HINTS, run.result);
 }
 
-bool IsRefused(const Call &call, uint32_t result) {
-  if (call.row->result == CHECKSUM) return result >= NO_CHECKSUM;
-  if (call.row->result == LOCK_STATUS) return result > LOCK_NOT_HELD;
-  return result != ACP_STATE_OK;
+bool IsRefused(const Run &run) {
+  if (run.call.row->result == CHECKSUM) return run.result >= NO_CHECKSUM;
+  if (run.call.row->result == LOCK_STATUS) return run.result > LOCK_NOT_HELD;
+  return run.result != ACP_STATE_OK;
 }
 
-int ShowDone(const Call &call, uint32_t result) {
-  Json object = {{"mac", MacText(call.session.mac)}, {"state", StateName(ACP_STATE_OK)}};
+void WarnOfMadeUpMac(const Run &run) {
+  if (!run.session.made_up_mac || !run.call.secret) return;
+  PrintError(
+      "the password cannot be encoded under this machine's key, so this applies to the made-up MAC "
+      "address " +
+      MacText(run.session.src_mac) +
+      " only: give the pass phrase and the password with each command");
+}
+
+int ShowDone(const Run &run) {
+  Json object = {{"mac", MacText(run.session.mac)}, {"state", StateName(ACP_STATE_OK)}};
   std::string line = "done";
-  if (call.row->result == CHECKSUM) {
+  if (run.call.row->result == CHECKSUM) {
     char text[7];
-    snprintf(text, sizeof(text), "0x%04x", result & 0xFFFFU);
+    snprintf(text, sizeof(text), "0x%04x", run.result & 0xFFFFU);
     object["checksum"] = line = text;
   }
-  if (call.row->result == LOCK) line = "taken";
-  if (call.row->result == LOCK_STATUS) {
-    object["held"] = result == LOCK_HELD;
-    line = result == LOCK_HELD
+  if (run.call.row->result == LOCK) line = "taken";
+  if (run.call.row->result == LOCK_STATUS) {
+    object["held"] = run.result == LOCK_HELD;
+    line = run.result == LOCK_HELD
                ? "held by the appliance's daemon, or not taken since the appliance started"
                : "not held by the appliance's daemon: free, or held by another program";
   }
-  if (call.options.json)
+  if (run.options.json)
     PrintJson(object);
   else
     PrintLine(line);
-  if (call.session.made_up_mac && call.secret)
-    PrintError(
-        "the password cannot be encoded under this machine's key, so this applies to the made-up "
-        "MAC address " +
-        MacText(call.session.src_mac) +
-        " only: give the pass phrase and the password with each command");
+  WarnOfMadeUpMac(run);
   return EXIT_DONE;
+}
+
+// Opens the session, gets the rights, sends the request.
+Outcome Send(Run &run) {
+  const Call &call = run.call;
+  std::vector<Secret> secrets = SecretsOf(call.credentials);
+  if (call.secret) secrets.push_back(*call.secret);
+  const Scope &scope = run.options.scope;
+  Outcome outcome = OpenSession(scope, *run.target.discovered, secrets, run.session);
+  if (!outcome.IsDone()) return outcome;
+  outcome = Authorize(SessionScope(scope, run.session), run.session, call.credentials);
+  if (!outcome.IsDone()) return outcome;
+  std::vector<uint8_t> text = call.text;
+  if (call.secret) text = EncodePassword(*call.secret, run.session.key).value();
+  return AskSpecial(scope, run.session, MakeSpecialRequest(call.row->code, call.row->extra, text),
+                    run.result);
+}
+
+int RunCall(const Call &call, const Options &options, const Target &target) {
+  Run run = {call, options, target, {}};
+  Outcome outcome = Send(run);
+  if (outcome.IsDone() && IsRefused(run)) outcome = Refusal(run.result, RefusalHint(run));
+  if (!outcome.IsDone()) return Report(options, target.GetMac(), outcome);
+  if (Given(options, "--wait") == nullptr) return ShowDone(run);
+  return WaitForRestart(options, target);
 }
 
 }  // namespace
@@ -280,23 +306,22 @@ const char *OperandName(Operand operand) {
 int RunSpecial(const Options &options) {
   Call call;
   int status = ReadCall(options, call);
-  if (status == EXIT_DONE) status = OpenCallSession(call);
-  if (status == EXIT_DONE) status = AuthorizeOrReport(call.options, call.session, call.credentials);
+  std::vector<Target> targets;
+  if (status == EXIT_DONE) status = ChooseTargets(options, targets);
+  if (status == EXIT_DONE && (call.row->properties & NEEDS_CONFIRMATION) != 0)
+    status = Confirm(options, targets, CommandText(call), call.row->description);
   if (status != EXIT_DONE) return status;
-  Answer answer;
-  const Request request = MakeSpecialRequest(call.row->code, call.row->extra, call.text);
-  status = AskOne(call.options, request, answer);
-  if (status == EXIT_NO_ANSWER) PrintError(MAYBE_DONE);
-  if (status != EXIT_DONE) return status;
-  if (!IsRefused(call, answer.state)) return ShowDone(call, answer.state);
-  return ShowRefusal(call.options, answer.mac, answer.state, RefusalHint(call, answer.state));
+  return RunOnTargets(call.options, targets, [&](const Options &chosen, const Target &target) {
+    return RunCall(call, chosen, target);
+  });
 }
 
 int RaidOrCreate(const Options &options) {
   const std::string *action = Given(options, "ACTION");
   if (action == nullptr) return Raid(options);
   if (*action != "create")
-    return UsageFailure("ACTION must be create, not '" + SafeText(*action) + "'");
+    return UsageFailure("ACTION must be create, not '" + SafeText(*action) + "'" +
+                        Suggestion(*action, {"create"}));
   if (!options.arguments.contains("KIND")) return UsageFailure("KIND is required");
   Options create = options;
   create.command += " create";

@@ -2,36 +2,13 @@
 
 #include "tools/bhctl/text.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
 
-#include "lib/address.h"
-
 namespace bhctl {
 namespace {
-
-struct NamedState {
-  uint32_t state;
-  const char *name;
-};
-
-constexpr NamedState STATES[] = {
-    {ACP_STATE_OK, "ACP_STATE_OK"},
-    {ACP_STATE_FAILURE, "ACP_STATE_FAILURE"},
-    {ACP_STATE_PASSWORD_ERROR, "ACP_STATE_PASSWORD_ERROR"},
-    {ACP_STATE_NO_KEY, "ACP_STATE_NO_KEY"},
-    {ACP_STATE_NOT_SUPPORT, "ACP_STATE_NOT_SUPPORT"},
-    {ACP_STATE_NOW_LOCKING, "ACP_STATE_NOW_LOCKING"},
-    {ACP_STATE_NOT_PERMIT, "ACP_STATE_NOT_PERMIT"},
-    {ACP_STATE_TEST_FAIL, "ACP_STATE_TEST_FAIL"},
-    {ACP_STATE_NO_SPACE, "ACP_STATE_NO_SPACE"},
-    {ACP_STATE_BAD_PRODUCT, "ACP_STATE_BAD_PRODUCT"},
-    {ACP_STATE_BAD_FIRM_TYPE, "ACP_STATE_BAD_FIRM_TYPE"},
-};
 
 struct SizeUnit {
   uint64_t bytes;
@@ -41,13 +18,6 @@ struct SizeUnit {
 constexpr SizeUnit GIGABYTE = {1'000'000'000, "GB"};
 constexpr SizeUnit UNITS[] = {
     {1'000'000'000'000, "TB"}, GIGABYTE, {1'000'000, "MB"}, {1'000, "kB"}};
-
-int HexDigit(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  return -1;
-}
 
 std::string InUnit(uint64_t bytes, const SizeUnit &unit) {
   const uint64_t tenths = bytes % unit.bytes * 10 / unit.bytes;
@@ -60,22 +30,9 @@ bool Reorders(uint32_t code) {
          (code >= 0x2066 && code <= 0x2069);
 }
 
-// The length of the multi-byte UTF-8 character at the start of `text`. 0 if there is none, or if it
-// is a control character (U+0080 to U+009F) or reorders the text.
-size_t Utf8Length(std::string_view text) {
-  const auto lead = static_cast<uint8_t>(text[0]);
-  if (lead < 0xC2 || lead > 0xF4) return 0;
-  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (text.size() < length) return 0;
-  uint32_t code = lead & (0x7FU >> length);
-  for (size_t i = 1; i < length; ++i) {
-    const auto byte = static_cast<uint8_t>(text[i]);
-    if ((byte & 0xC0) != 0x80) return 0;
-    code = code << 6 | (byte & 0x3FU);
-  }
-  constexpr uint32_t LOWEST[] = {0, 0, 0xA0, 0x800, 0x10000};
-  if (code < LOWEST[length] || code > 0x10FFFF || Reorders(code)) return 0;
-  return code >= 0xD800 && code <= 0xDFFF ? 0 : length;
+// Whether a terminal may get it: control characters (U+0080 to U+009F, too) are commands.
+bool IsSafe(const CodePoint &point) {
+  return point.code >= 0x20 && !(point.code >= 0x7F && point.code <= 0x9F) && !Reorders(point.code);
 }
 
 // Returns nullopt if a character is not a digit.
@@ -101,38 +58,6 @@ bool IsInCalendar(const DateTime &time) {
 
 }  // namespace
 
-std::optional<Mac> ParseMac(std::string_view text) {
-  constexpr size_t GROUP = 3;  // two digits and a separator
-  if (text.size() != MAC_SIZE * GROUP - 1) return std::nullopt;
-  if (text[2] != ':' && text[2] != '-') return std::nullopt;
-  Mac mac = {};
-  for (size_t i = 0; i < MAC_SIZE; ++i) {
-    const int high = HexDigit(text[i * GROUP]);
-    const int low = HexDigit(text[i * GROUP + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    if (i + 1 < MAC_SIZE && text[i * GROUP + 2] != text[2]) return std::nullopt;
-    mac[i] = static_cast<uint8_t>(high << 4 | low);
-  }
-  return mac;
-}
-
-std::string MacText(const Mac &mac) {
-  char text[18];
-  snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
-           mac[4], mac[5]);
-  return text;
-}
-
-std::string AddressText(uint32_t address) {
-  return Dotted(AddressOf(address));
-}
-
-std::optional<uint32_t> ParseAddress(const std::string &text) {
-  in_addr address = {};
-  if (inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
-  return ntohl(address.s_addr);
-}
-
 std::optional<DateTime> ParseDateTime(std::string_view text) {
   constexpr std::string_view PATTERN = "YYYY-MM-DD HH:MM:SS";
   if (text.size() != PATTERN.size()) return std::nullopt;
@@ -151,22 +76,42 @@ std::optional<DateTime> ParseDateTime(std::string_view text) {
   return IsInCalendar(time) ? std::optional(time) : std::nullopt;
 }
 
-std::string StateName(uint32_t state) {
-  const auto *found = std::find_if(std::begin(STATES), std::end(STATES),
-                                   [=](const NamedState &named) { return named.state == state; });
-  if (found != std::end(STATES)) return found->name;
-  char text[11];
-  snprintf(text, sizeof(text), "0x%08" PRIX32, state);
-  return text;
+CodePoint FirstCodePoint(std::string_view text) {
+  const auto lead = static_cast<uint8_t>(text[0]);
+  if (lead < 0x80) return {lead, 1};
+  if (lead < 0xC2 || lead > 0xF4) return {};
+  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (text.size() < length) return {};
+  uint32_t code = lead & (0x7FU >> length);
+  for (size_t i = 1; i < length; ++i) {
+    const auto byte = static_cast<uint8_t>(text[i]);
+    if ((byte & 0xC0) != 0x80) return {};
+    code = code << 6 | (byte & 0x3FU);
+  }
+  constexpr uint32_t LOWEST[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (code < LOWEST[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return {};
+  return {code, length};
 }
 
 std::string SafeText(std::string_view text) {
   std::string safe;
   while (!text.empty()) {
-    const bool ascii = text[0] >= 0x20 && text[0] <= 0x7E;
-    const size_t length = ascii ? 1 : Utf8Length(text);
-    safe += length == 0 ? "?" : text.substr(0, length);
-    text.remove_prefix(std::max<size_t>(length, 1));
+    const CodePoint point = FirstCodePoint(text);
+    const bool replaced = point.length == 0 || !IsSafe(point);
+    const size_t length = std::max<size_t>(replaced ? 1 : point.length, 1);
+    safe += replaced ? "?" : text.substr(0, length);
+    text.remove_prefix(length);
+  }
+  return safe;
+}
+
+std::string SafeLines(std::string_view text) {
+  std::string safe;
+  while (!text.empty()) {
+    const size_t length = std::min(text.find_first_of("\n\t"), text.size());
+    safe += SafeText(text.substr(0, length));
+    safe += text.substr(length, 1);
+    text.remove_prefix(std::min(length + 1, text.size()));
   }
   return safe;
 }
@@ -196,18 +141,6 @@ std::optional<uint32_t> ParseU32(std::string_view text) {
   const auto [after, error] = std::from_chars(text.data(), end, number, hexadecimal ? 16 : 10);
   if (error != std::errc() || after != end) return std::nullopt;
   return number;
-}
-
-std::string HexText(uint32_t number) {
-  char text[11];
-  snprintf(text, sizeof(text), "0x%" PRIx32, number);
-  return text;
-}
-
-std::string WordText(uint32_t word) {
-  char text[11];
-  snprintf(text, sizeof(text), "0x%08" PRIx32, word);
-  return text;
 }
 
 std::string MillisecondsText(std::chrono::microseconds time) {

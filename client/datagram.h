@@ -1,8 +1,8 @@
 // Encodes requests, decodes replies, and matches replies to requests. A reply may be malformed:
 // nothing is read past its end.
 
-#ifndef BH_TOOLS_BHCTL_DATAGRAM_H_
-#define BH_TOOLS_BHCTL_DATAGRAM_H_
+#ifndef BH_CLIENT_DATAGRAM_H_
+#define BH_CLIENT_DATAGRAM_H_
 
 #include <array>
 #include <cstdint>
@@ -14,7 +14,7 @@
 
 #include "acp/packet.h"
 
-namespace bhctl {
+namespace acp {
 
 using Mac = std::array<uint8_t, MAC_SIZE>;
 using Bytes = std::span<const uint8_t>;
@@ -32,6 +32,7 @@ struct Request {
   bool whole_timeout = false;  // wait for it even when no more answers arrive
   uint32_t result = 0;         // the header's field; a parameter of some requests
   uint16_t second_reply = 0;   // command code of a second reply; 0: none
+  bool repeatable = false;     // does no harm, and costs little, when it arrives again
 };
 
 struct Reply {
@@ -75,6 +76,6 @@ DiskInfo ReadDiskInfo(Bytes body);
 RaidInfo ReadRaidInfo(Bytes body);
 PartitionInfo ReadPartitionInfo(Bytes body);
 
-}  // namespace bhctl
+}  // namespace acp
 
-#endif  // BH_TOOLS_BHCTL_DATAGRAM_H_
+#endif  // BH_CLIENT_DATAGRAM_H_

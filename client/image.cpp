@@ -1,6 +1,6 @@
 // Checks and reads image files.
 
-#include "tools/bhctl/image.h"
+#include "client/image.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-namespace bhctl {
+namespace acp {
 namespace {
 
 constexpr size_t WORD = 4;  // bytes
@@ -75,4 +75,4 @@ Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std:
   return buffer.first(size);
 }
 
-}  // namespace bhctl
+}  // namespace acp

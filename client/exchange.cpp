@@ -1,7 +1,7 @@
 // Requests and replies are limited broadcasts, and replies may have any source address. So an
 // appliance with an address from another network is reached, too.
 
-#include "tools/bhctl/client.h"
+#include "client/exchange.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -16,15 +16,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <span>
 #include <string>
 #include <utility>
 
-#include "tools/bhctl/interrupt.h"
-#include "tools/bhctl/print.h"
+#include "client/format.h"
+#include "lib/address.h"
 
-namespace bhctl {
+namespace acp {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -35,17 +36,21 @@ constexpr Milliseconds QUIET_TIME{250};
 // Holds the burst of a large network. The kernel accounts 1 to 2.5 KB for even a short datagram,
 // and doubles the requested size.
 constexpr int RECEIVE_BUFFER = 4 * 1024 * 1024;
+// A repeatable request, or its answer, may be lost. An appliance that is silent for longer is at
+// work: requests wait in its queue, so they become rarer.
+constexpr Milliseconds REPEAT_INTERVAL{250};
+constexpr std::chrono::seconds OFTEN{2};
+// With each repetition a large network answers as a whole, and takes its time.
+constexpr Milliseconds TIME_PER_ANSWER{4};
+// While further appliances answer, it is not over: they are asked once more. But it never takes
+// more than twice the timeout.
+constexpr Milliseconds EXTENSION{500};
 
 struct IfAddrsDeleter {
   void operator()(ifaddrs *list) const {
     freeifaddrs(list);
   }
 };
-
-int SystemFailure(const std::string &what, int error) {
-  PrintError(what + ": " + strerror(error));
-  return EXIT_NO_ANSWER;
-}
 
 // Loopback and point-to-point links have no Ethernet address of their own.
 bool IsEthernet(const ifaddrs &entry, const sockaddr_ll &link) {
@@ -65,27 +70,21 @@ void AddLink(const ifaddrs &entry, std::vector<Interface> &interfaces) {
   interfaces.push_back(interface);
 }
 
-// IPv4 entries carry the address's label, which may be "eth0:1".
-void MarkIpv4(const ifaddrs &entry, std::vector<Interface> &interfaces) {
-  const std::string label = entry.ifa_name;
-  const std::string name = label.substr(0, label.find(':'));
-  for (Interface &interface : interfaces)
-    if (interface.name == name) interface.has_ipv4 = true;
+uint32_t InetAddress(const sockaddr *address) {
+  sockaddr_in inet = {};
+  if (address != nullptr) memcpy(&inet, address, sizeof(inet));
+  return ntohl(inet.sin_addr.s_addr);
 }
 
-// Every Ethernet interface of this machine; empty if the system call fails.
-std::vector<Interface> ListInterfaces() {
-  ifaddrs *first = nullptr;
-  std::vector<Interface> interfaces;
-  if (getifaddrs(&first) != 0) return interfaces;
-  const std::unique_ptr<ifaddrs, IfAddrsDeleter> list(first);
-  for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
-    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET)
-      AddLink(*entry, interfaces);
-  for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
-    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
-      MarkIpv4(*entry, interfaces);
-  return interfaces;
+// IPv4 entries carry the address's label, which may be "eth0:1".
+void AddAddress(const ifaddrs &entry, std::vector<Interface> &interfaces) {
+  const std::string label = entry.ifa_name;
+  const std::string name = label.substr(0, label.find(':'));
+  for (Interface &interface : interfaces) {
+    if (interface.name != name) continue;
+    interface.addresses.push_back(InetAddress(entry.ifa_addr));
+    interface.netmasks.push_back(InetAddress(entry.ifa_netmask));
+  }
 }
 
 bool CanBroadcast(const Interface &interface) {
@@ -93,29 +92,27 @@ bool CanBroadcast(const Interface &interface) {
 }
 
 // A named interface needs no IPv4 address, so a new machine can reach a new appliance.
-int ChooseNamed(const std::string &name, std::vector<Interface> &interfaces) {
-  if (if_nametoindex(name.c_str()) == 0) {
-    PrintError("no such interface: " + name);
-    return EXIT_USAGE;
-  }
+Outcome ChooseNamed(const std::string &name, std::vector<Interface> &interfaces) {
+  if (if_nametoindex(name.c_str()) == 0)
+    return Failure(Result::INVALID, "no such interface: " + name);
   std::erase_if(interfaces, [&](const Interface &interface) {
     return interface.name != name || !CanBroadcast(interface);
   });
-  if (!interfaces.empty()) return EXIT_DONE;
-  PrintError("interface " + name +
-             " is down, or is not an Ethernet interface that supports broadcast");
-  return EXIT_NO_ANSWER;
+  if (!interfaces.empty()) return {};
+  return Failure(
+      Result::NO_ANSWER,
+      "interface " + name + " is down, or is not an Ethernet interface that supports broadcast");
 }
 
-int ChooseInterfaces(const std::string &name, std::vector<Interface> &interfaces) {
+Outcome ChooseInterfaces(const std::string &name, std::vector<Interface> &interfaces) {
   interfaces = ListInterfaces();
   if (!name.empty()) return ChooseNamed(name, interfaces);
   std::erase_if(interfaces, [](const Interface &interface) {
-    return !interface.has_ipv4 || !CanBroadcast(interface);
+    return interface.addresses.empty() || !CanBroadcast(interface);
   });
-  if (!interfaces.empty()) return EXIT_DONE;
-  PrintError("no usable interface: none is up, supports broadcast and has an IPv4 address");
-  return EXIT_NO_ANSWER;
+  if (!interfaces.empty()) return {};
+  return Failure(Result::NO_ANSWER,
+                 "no usable interface: none is up, supports broadcast and has an IPv4 address");
 }
 
 // SO_RCVBUFFORCE exceeds the system's limit, but needs CAP_NET_ADMIN.
@@ -127,7 +124,7 @@ void WidenReceiveBuffer(const Descriptor &socket) {
 
 // Any local port will do: the appliance replies to the port that the request came from. Binds the
 // socket to `interface` unless that is empty.
-int PrepareSocket(const Descriptor &socket, const std::string &interface) {
+Outcome PrepareSocket(const Descriptor &socket, const std::string &interface) {
   const int on = 1;
   if (!socket.IsOpen()) return SystemFailure("cannot open a socket", errno);
   WidenReceiveBuffer(socket);
@@ -143,7 +140,7 @@ int PrepareSocket(const Descriptor &socket, const std::string &interface) {
   any.sin_addr.s_addr = htonl(INADDR_ANY);
   if (bind(socket.Get(), reinterpret_cast<const sockaddr *>(&any), sizeof(any)) != 0)
     return SystemFailure("cannot bind a socket", errno);
-  return EXIT_DONE;
+  return {};
 }
 
 // IP_PKTINFO selects the interface, whatever the routing table says.
@@ -172,12 +169,13 @@ bool SendOn(const Descriptor &socket, int interface_index, std::vector<uint8_t> 
 }
 
 // Removes the interfaces that the request could not be sent on.
-void SendRequest(const Descriptor &socket, const Request &request, const Mac &dst_mac,
-                 std::vector<Interface> &interfaces) {
-  std::erase_if(interfaces, [&](const Interface &interface) {
-    if (SendOn(socket, interface.index, EncodeRequest(request, interface.mac, dst_mac)))
+void SendRequest(const Scope &scope, Exchange &exchange) {
+  const Mac dst_mac = scope.mac.value_or(BROADCAST_MAC);
+  std::erase_if(exchange.asked, [&](const Interface &interface) {
+    if (SendOn(exchange.socket, interface.index,
+               EncodeRequest(exchange.request, interface.mac, dst_mac)))
       return false;
-    PrintError("cannot send on " + interface.name + ": " + strerror(errno));
+    if (scope.warn) scope.warn("cannot send on " + interface.name + ": " + ErrorText(errno));
     return true;
   });
 }
@@ -200,10 +198,9 @@ ssize_t ReceiveNow(const Descriptor &socket, std::span<uint8_t> datagram, int &i
   return length;
 }
 
-bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
-                  Clock::time_point deadline) {
+bool WaitReadable(const Exchange &exchange, Clock::time_point deadline) {
   const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-  pollfd watched[] = {{socket.Get(), POLLIN, 0}, {interrupt.Get(), POLLIN, 0}};
+  pollfd watched[] = {{exchange.socket.Get(), POLLIN, 0}, {exchange.cancel, POLLIN, 0}};
   if (poll(watched, 2, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) return false;
   return watched[0].revents != 0;
 }
@@ -211,11 +208,11 @@ bool WaitReadable(const Descriptor &socket, const Descriptor &interrupt,
 // Waits for one datagram until `deadline` or an interrupt. Returns nullopt if none came or if it is
 // malformed. Reads before it polls, so a burst costs one system call per datagram.
 std::optional<Reply> ReceiveReply(const Exchange &exchange, Clock::time_point deadline,
-                                  const Descriptor &interrupt, int &interface_index) {
+                                  int &interface_index) {
   uint8_t datagram[MAX_REPLY + 1];  // one more byte reveals a longer one
   ssize_t length = ReceiveNow(exchange.socket, datagram, interface_index);
   if (length < 0) {
-    if (!WaitReadable(exchange.socket, interrupt, deadline)) return std::nullopt;
+    if (!WaitReadable(exchange, deadline)) return std::nullopt;
     length = ReceiveNow(exchange.socket, datagram, interface_index);
   }
   if (length < 0 || static_cast<size_t>(length) > MAX_REPLY) return std::nullopt;
@@ -251,12 +248,11 @@ std::vector<Mac> OwnMacs(const std::vector<Interface> &asked) {
   return macs;
 }
 
-std::optional<Answer> NextAnswer(const Exchange &exchange, Clock::time_point deadline,
-                                 const Descriptor &interrupt) {
+std::optional<Answer> NextAnswer(const Exchange &exchange, Clock::time_point deadline) {
   const std::vector<Mac> own_macs = OwnMacs(exchange.asked);
-  while (Clock::now() < deadline && !Interrupted(interrupt)) {
+  while (Clock::now() < deadline && !IsCancelled(exchange.cancel)) {
     int index = 0;
-    const std::optional<Reply> reply = ReceiveReply(exchange, deadline, interrupt, index);
+    const std::optional<Reply> reply = ReceiveReply(exchange, deadline, index);
     if (reply && AnswersRequest(*reply, exchange.request, own_macs, exchange.wanted))
       return MakeAnswer(exchange, *reply, index);
   }
@@ -272,63 +268,149 @@ bool AddAnswer(Answer answer, std::vector<Answer> &answers) {
   return true;
 }
 
-void Collect(const Exchange &exchange, std::chrono::microseconds timeout,
-             std::vector<Answer> &answers) {
-  const Clock::time_point last = exchange.sent + timeout;
-  Clock::time_point deadline = last;
-  while (std::optional<Answer> answer = NextAnswer(exchange, deadline, Descriptor())) {
+// The answers to the request as sent last, until `deadline` or the end of the burst. False when
+// there is nothing more to wait for.
+bool CollectUntil(const Exchange &exchange, Clock::time_point last, Clock::time_point deadline,
+                  std::vector<Answer> &answers) {
+  while (std::optional<Answer> answer = NextAnswer(exchange, deadline)) {
     if (!AddAnswer(std::move(*answer), answers)) continue;
-    if (exchange.wanted) return;
+    if (exchange.wanted) return false;
     if (!exchange.request.whole_timeout) deadline = std::min(last, Clock::now() + QUIET_TIME);
+  }
+  return answers.empty() || exchange.request.whole_timeout;
+}
+
+// When to send the request again, after it was sent at `now` and so many have answered.
+Clock::time_point NextSending(const Exchange &exchange, Clock::time_point now,
+                              Clock::time_point last, size_t answered) {
+  if (!exchange.request.repeatable) return last;
+  const auto elapsed = now - exchange.sent;
+  if (exchange.wanted && elapsed >= OFTEN) return now + elapsed;
+  return now + REPEAT_INTERVAL + TIME_PER_ANSWER * static_cast<int64_t>(answered);
+}
+
+void Collect(const Scope &scope, Exchange &exchange, std::vector<Answer> &answers) {
+  Clock::time_point last = exchange.sent + scope.timeout;
+  const Clock::time_point limit = last + scope.timeout;
+  Clock::time_point next = NextSending(exchange, exchange.sent, last, 0);
+  size_t known = 0;
+  while (CollectUntil(exchange, last, std::min(next, last), answers)) {
+    const Clock::time_point now = Clock::now();
+    next = NextSending(exchange, now, last, answers.size());
+    if (answers.size() > known)
+      last = std::max(last, std::min(limit, std::max(next, now + EXTENSION)));
+    known = answers.size();
+    if (now >= last || IsCancelled(scope.cancel)) return;
+    SendRequest(scope, exchange);
+    if (exchange.asked.empty()) return;
   }
 }
 
-void WarnOfOverflow(const Descriptor &socket) {
+void WarnOfOverflow(const Scope &scope, const Descriptor &socket) {
   uint32_t memory[SK_MEMINFO_VARS] = {};
   socklen_t size = sizeof(memory);
-  if (getsockopt(socket.Get(), SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
+  if (scope.warn && getsockopt(socket.Get(), SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 &&
       memory[SK_MEMINFO_DROPS] != 0)
-    PrintError("answers were lost: they arrived faster than this machine could read them");
+    scope.warn("answers were lost: they arrived faster than this machine could read them");
+}
+
+// The kernel uses the stricter of both settings.
+bool FiltersReversePath(const std::string &interface) {
+  int strictest = 0;
+  for (const std::string &name : {std::string("all"), interface}) {
+    int mode = 0;
+    std::ifstream("/proc/sys/net/ipv4/conf/" + name + "/rp_filter") >> mode;
+    strictest = std::max(strictest, mode);
+  }
+  return strictest == 1;
 }
 
 }  // namespace
 
-int Begin(const Options &options, const Request &request, Exchange &exchange) {
-  int status = ChooseInterfaces(options.interface, exchange.asked);
-  if (status != EXIT_DONE) return status;
+std::vector<Interface> ListInterfaces() {
+  ifaddrs *first = nullptr;
+  std::vector<Interface> interfaces;
+  if (getifaddrs(&first) != 0) return interfaces;
+  const std::unique_ptr<ifaddrs, IfAddrsDeleter> list(first);
+  for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
+    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET)
+      AddLink(*entry, interfaces);
+  for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next)
+    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET)
+      AddAddress(*entry, interfaces);
+  return interfaces;
+}
+
+bool IsCancelled(int cancel) {
+  pollfd readable = {cancel, POLLIN, 0};
+  return cancel >= 0 && poll(&readable, 1, 0) > 0;
+}
+
+void Pause(int cancel, std::chrono::microseconds timeout) {
+  pollfd readable = {cancel, POLLIN, 0};
+  poll(&readable, 1, static_cast<int>(std::chrono::ceil<Milliseconds>(timeout).count()));
+}
+
+Outcome Cancelled() {
+  return Failure(Result::CANCELLED, "interrupted");
+}
+
+std::string NoAnswerHint(const Scope &scope) {
+  std::string filtered;
+  std::string others;
+  for (const Interface &interface : ListInterfaces()) {
+    if (!CanBroadcast(interface)) continue;
+    const bool asked =
+        scope.interface.empty() ? !interface.addresses.empty() : interface.name == scope.interface;
+    if (!asked && !interface.addresses.empty())
+      others += (others.empty() ? "" : ", ") + interface.name;
+    if (asked && FiltersReversePath(interface.name))
+      filtered += (filtered.empty() ? "" : ", ") + interface.name;
+  }
+  if (!filtered.empty())
+    return "this machine drops answers from other networks than its own on " + filtered +
+           ": reverse-path filtering is on (rp_filter); set net.ipv4.conf.all.rp_filter and the "
+           "interface's to 0 or 2";
+  return others.empty() ? "" : "the appliance may be on another interface: " + others;
+}
+
+Outcome Begin(const Scope &scope, const Request &request, Exchange &exchange) {
+  Outcome outcome = ChooseInterfaces(scope.interface, exchange.asked);
+  if (!outcome.IsDone()) return outcome;
   exchange.socket = Descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  status = PrepareSocket(exchange.socket, options.interface);
-  if (status != EXIT_DONE) return status;
+  outcome = PrepareSocket(exchange.socket, scope.interface);
+  if (!outcome.IsDone()) return outcome;
   for (Interface &interface : exchange.asked)
-    interface.mac = options.src_mac.value_or(interface.mac);
+    interface.mac = scope.src_mac.value_or(interface.mac);
   exchange.request = request;
-  exchange.wanted = options.mac;
+  exchange.wanted = scope.mac;
+  exchange.cancel = scope.cancel;
   exchange.sent = Clock::now();
-  SendRequest(exchange.socket, request, options.mac.value_or(BROADCAST_MAC), exchange.asked);
-  return exchange.asked.empty() ? EXIT_NO_ANSWER : EXIT_DONE;
+  SendRequest(scope, exchange);
+  if (!exchange.asked.empty()) return outcome;
+  return Failure(Result::NO_ANSWER, "the request could not be sent");
 }
 
-std::optional<Answer> Await(const Exchange &exchange, std::chrono::microseconds timeout,
-                            const Descriptor &interrupt) {
-  return NextAnswer(exchange, Clock::now() + timeout, interrupt);
+std::optional<Answer> Await(const Exchange &exchange, std::chrono::microseconds timeout) {
+  return NextAnswer(exchange, Clock::now() + timeout);
 }
 
-int Ask(const Options &options, const Request &request, std::vector<Answer> &answers) {
+Outcome Ask(const Scope &scope, const Request &request, std::vector<Answer> &answers) {
   Exchange exchange;
-  const int status = Begin(options, request, exchange);
-  if (status != EXIT_DONE) return status;
-  Collect(exchange, options.timeout, answers);
-  if (!options.mac || answers.empty()) WarnOfOverflow(exchange.socket);
-  if (!answers.empty()) return EXIT_DONE;
-  PrintError("no answer");
-  return EXIT_NO_ANSWER;
+  Outcome outcome = Begin(scope, request, exchange);
+  if (!outcome.IsDone()) return outcome;
+  Collect(scope, exchange, answers);
+  if (!scope.mac || answers.empty()) WarnOfOverflow(scope, exchange.socket);
+  if (IsCancelled(scope.cancel) && (answers.empty() || !scope.mac)) return Cancelled();
+  if (!answers.empty()) return outcome;
+  return Failure(Result::NO_ANSWER, "no answer", NoAnswerHint(scope));
 }
 
-int AskOne(const Options &options, const Request &request, Answer &answer) {
+Outcome AskOne(const Scope &scope, const Request &request, Answer &answer) {
   std::vector<Answer> answers;
-  const int status = Ask(options, request, answers);
-  if (status == EXIT_DONE) answer = std::move(answers.front());
-  return status;
+  Outcome outcome = Ask(scope, request, answers);
+  if (outcome.IsDone()) answer = std::move(answers.front());
+  return outcome;
 }
 
-}  // namespace bhctl
+}  // namespace acp

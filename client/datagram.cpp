@@ -1,17 +1,22 @@
 // Whole datagrams are converted, with the same table that the daemon uses.
 
-#include "tools/bhctl/datagram.h"
+#include "client/datagram.h"
 
 #include <algorithm>
 
 #include "acp/body.h"
 #include "acp/convert.h"
 
-namespace bhctl {
+namespace acp {
 namespace {
 
 bool SameMac(const uint8_t (&field)[MAC_SIZE], const Mac &mac) {
   return std::equal(mac.begin(), mac.end(), field);
+}
+
+Request Repeatable(Request request) {
+  request.repeatable = true;
+  return request;
 }
 
 template <size_t SIZE>
@@ -27,20 +32,20 @@ void Append(std::vector<uint8_t> &body, Bytes more) {
 
 // Waits for the whole timeout: an appliance reads a dozen files before it answers.
 Request MakeDiscoverRequest() {
-  return {ACP_DISCOVER, ACP_DISCOVER_REPLY, sizeof(DiscoverInfo), {}, true};
+  return Repeatable({ACP_DISCOVER, ACP_DISCOVER_REPLY, sizeof(DiscoverInfo), {}, true});
 }
 
 Request MakePingRequest() {
-  return {ACP_PING, ACP_PING_REPLY, 0, {}};
+  return Repeatable({ACP_PING, ACP_PING_REPLY, 0, {}});
 }
 
 Request MakeRaidRequest() {
-  return {ACP_INFO_RAID, ACP_INFO_RAID_REPLY, sizeof(RaidInfo), {}};
+  return Repeatable({ACP_INFO_RAID, ACP_INFO_RAID_REPLY, sizeof(RaidInfo), {}});
 }
 
 // Padded because the appliance ignores the text in a datagram of less than 96 bytes.
 Request MakeDiskRequest(const std::string &directory) {
-  Request request = {ACP_INFO_HDD, ACP_INFO_HDD_REPLY, sizeof(DiskInfo), {}};
+  Request request = Repeatable({ACP_INFO_HDD, ACP_INFO_HDD_REPLY, sizeof(DiskInfo), {}});
   if (directory.empty()) return request;
   request.body.assign(directory.begin(), directory.end());
   request.body.resize(std::max(directory.size() + 1, sizeof(DiskRequest)));
@@ -48,7 +53,7 @@ Request MakeDiskRequest(const std::string &directory) {
 }
 
 Request MakePartitionRequest(const std::string &path) {
-  Request request = {ACP_PART, ACP_PART_REPLY, sizeof(PartitionInfo), {}};
+  Request request = Repeatable({ACP_PART, ACP_PART_REPLY, sizeof(PartitionInfo), {}});
   request.body.assign(path.begin(), path.end());
   request.body.push_back(0);
   return request;
@@ -123,4 +128,4 @@ PartitionInfo ReadPartitionInfo(Bytes body) {
   return info;
 }
 
-}  // namespace bhctl
+}  // namespace acp

@@ -1,11 +1,11 @@
 // The word numbers are those of ATA IDENTIFY DEVICE.
 
-#include "tools/bhctl/drive.h"
+#include "client/drive.h"
 
 #include <algorithm>
 #include <iterator>
 
-namespace bhctl {
+namespace acp {
 namespace {
 
 constexpr size_t SERIAL_FIRST = 10;
@@ -68,4 +68,4 @@ uint64_t DriveBytes(const DriveIdentity &drive) {
   return drive.sectors > UINT64_MAX / SECTOR_SIZE ? UINT64_MAX : drive.sectors * SECTOR_SIZE;
 }
 
-}  // namespace bhctl
+}  // namespace acp

@@ -1,18 +1,17 @@
 // A session with one appliance, for requests that carry passwords: the appliance, the requester and
-// the key. The key is valid for half an hour. bhctl does not store it.
+// the key. The key is valid for half an hour. It is never stored.
 
-#ifndef BH_TOOLS_BHCTL_SESSION_H_
-#define BH_TOOLS_BHCTL_SESSION_H_
+#ifndef BH_CLIENT_SESSION_H_
+#define BH_CLIENT_SESSION_H_
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/bhctl/datagram.h"
-#include "tools/bhctl/options.h"
+#include "client/exchange.h"
 
-namespace bhctl {
+namespace acp {
 
 constexpr size_t MAX_PASSWORD = 32;  // bytes
 
@@ -37,14 +36,17 @@ struct Secret {
 // it, or if it is too long or has a NUL.
 std::optional<std::vector<uint8_t>> EncodePassword(const Secret &password, uint32_t key);
 
-// Discovers options.mac, or the only appliance that answers, in at most 2 seconds. The reply has
-// the key. If a password cannot be encoded under this machine's key, bhctl retries from a made-up
-// MAC address. Returns EXIT_DONE, or prints an error and returns another ExitStatus.
-int OpenSession(const Options &options, const std::vector<Secret> &passwords, Session &session);
+// Discovers scope.mac, which must be set, in at most 2 seconds. The reply has the key. If a secret
+// cannot be encoded under this machine's key, retries from a made-up MAC address.
+Outcome OpenSession(const Scope &scope, const std::vector<Secret> &secrets, Session &session);
 
-// `options` for requests of the session: its appliance, its interface, its requester.
-Options SessionOptions(const Options &options, const Session &session);
+// The same with the answer to a discovery of the last seconds, which saves another one.
+Outcome OpenSession(const Scope &scope, const Answer &discovered,
+                    const std::vector<Secret> &secrets, Session &session);
 
-}  // namespace bhctl
+// `scope` for requests of the session: its appliance, its interface, its requester.
+Scope SessionScope(const Scope &scope, const Session &session);
 
-#endif  // BH_TOOLS_BHCTL_SESSION_H_
+}  // namespace acp
+
+#endif  // BH_CLIENT_SESSION_H_

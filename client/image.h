@@ -1,16 +1,16 @@
 // A firmware image in a file. It is read in pieces, since it may be larger than memory.
 
-#ifndef BH_TOOLS_BHCTL_IMAGE_H_
-#define BH_TOOLS_BHCTL_IMAGE_H_
+#ifndef BH_CLIENT_IMAGE_H_
+#define BH_CLIENT_IMAGE_H_
 
 #include <cstdint>
 #include <span>
 #include <string>
 
+#include "client/datagram.h"
 #include "lib/descriptor.h"
-#include "tools/bhctl/datagram.h"
 
-namespace bhctl {
+namespace acp {
 
 constexpr size_t IMAGE_PIECE = 65536;  // bytes; a multiple of the checksum's word
 // The appliance adds 256 bytes to the size, in 32 bits.
@@ -35,6 +35,6 @@ bool OpenImage(const std::string &path, Image &image, std::string &why);
 // with the reason in `why`, if reading fails or the file became shorter.
 Bytes ReadPiece(const Image &image, uint32_t at, std::span<uint8_t> buffer, std::string &why);
 
-}  // namespace bhctl
+}  // namespace acp
 
-#endif  // BH_TOOLS_BHCTL_IMAGE_H_
+#endif  // BH_CLIENT_IMAGE_H_

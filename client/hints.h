@@ -1,23 +1,20 @@
-// Reports refused requests: the appliance's state code and a hint.
+// What refusals can mean.
 
-#ifndef BH_TOOLS_BHCTL_REFUSAL_H_
-#define BH_TOOLS_BHCTL_REFUSAL_H_
+#ifndef BH_CLIENT_HINTS_H_
+#define BH_CLIENT_HINTS_H_
 
 #include <cstdint>
 #include <span>
 #include <string>
 
-#include "tools/bhctl/datagram.h"
-#include "tools/bhctl/options.h"
-
-namespace bhctl {
+namespace acp {
 
 struct Hint {
   uint32_t state;
   const char *text;
 };
 
-// For a request without an answer.
+// For a request without an answer that must not be repeated.
 constexpr const char *MAYBE_DONE = "the appliance may have carried out the request anyway";
 
 // Hints for ACP_STATE_NO_KEY, and for ACP_STATE_BAD_PRODUCT where few products have the command.
@@ -27,10 +24,6 @@ constexpr const char *OTHER_PRODUCTS = "only products 0x2001 and 0x2002 support 
 // Returns an empty string for a state without a hint.
 std::string HintFor(std::span<const Hint> hints, uint32_t state);
 
-// Prints the state's name, and the hint unless it is empty or the output is JSON. Returns
-// EXIT_REFUSED.
-int ShowRefusal(const Options &options, const Mac &mac, uint32_t state, const std::string &hint);
+}  // namespace acp
 
-}  // namespace bhctl
-
-#endif  // BH_TOOLS_BHCTL_REFUSAL_H_
+#endif  // BH_CLIENT_HINTS_H_

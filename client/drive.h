@@ -1,14 +1,14 @@
 // Decodes the ATA identification words of a drive.
 
-#ifndef BH_TOOLS_BHCTL_DRIVE_H_
-#define BH_TOOLS_BHCTL_DRIVE_H_
+#ifndef BH_CLIENT_DRIVE_H_
+#define BH_CLIENT_DRIVE_H_
 
 #include <cstdint>
 #include <string>
 
 #include "acp/packet.h"
 
-namespace bhctl {
+namespace acp {
 
 struct DriveIdentity {
   std::string model;
@@ -26,6 +26,6 @@ bool HasDriveInformation(const DiskInfo &info);
 // The capacity; UINT64_MAX if it does not fit into 64 bits.
 uint64_t DriveBytes(const DriveIdentity &drive);
 
-}  // namespace bhctl
+}  // namespace acp
 
-#endif  // BH_TOOLS_BHCTL_DRIVE_H_
+#endif  // BH_CLIENT_DRIVE_H_
