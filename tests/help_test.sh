@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# The manual pages have no warnings and name every option, command and function. The completion of
-# bhctl offers exactly what its help names. Takes the path of bhctl.
+# The manual pages have no warnings and name every option, command and function. bhctl's help fits a
+# terminal, and the completion offers exactly what it names. Takes the path of bhctl.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bhctl=$1
 status=0
+PATH=$(dirname "$1"):$PATH
 source packaging/bash-completion/bhctl
 
 fail() {
@@ -13,24 +13,15 @@ fail() {
 }
 
 commands() {
-  "$bhctl" --help |
-    sed -nE '/^Commands:/,/^$/ s/^  ([a-z-]+) .*/\1/p'
+  bhctl --help | sed -nE '/^Commands:/,/^$/ s/^  ([a-z-]+) .*/\1/p'
 }
 
 options() {  # of a command, or the global ones
-  "$bhctl" "$@" --help |
-    sed -nE 's/^  (-.,)?(--?[a-z-]+) .*/\1\2/p' |
-    tr , '\n'
+  bhctl help "$@" | sed -nE 's/^  (--[a-z-]+) .*/\1/p'
 }
 
-choices() {  # the words for each argument of a command, one argument per line
-  "$bhctl" "$1" --help |
-    sed -nE '/^Positionals:/,/^$/ s/^ +[A-Z]+( REQUIRED)? +(.*)/\2/p' |
-    sed -E '
-      s/^(create), for.*/\1/
-      s/^of array: //
-      s/,? or |, / /g
-      /[^a-z0-9 ]|^(path|device|the) /s/.*//'
+choices() {  # the words for the arguments of a command
+  bhctl complete words "$1"
 }
 
 expect_manual() {  # a page that has the words of standard input
@@ -39,8 +30,7 @@ expect_manual() {  # a page that has the words of standard input
   text=$(groff -mandoc -Kutf8 -Tascii -P-cbou -rLL=500n "$page" 2>/dev/null)
   mapfile -t names
   for name in "${names[@]:-name to look for}"; do
-    grep -qE -- "(^|[^a-z-])$name([^a-z-]|$)" <<<"$text" ||
-      fail "$1: no $name"
+    grep -qE -- "(^|[^a-z-])$name([^a-z-]|$)" <<<"$text" || fail "$1: no $name"
   done
 }
 
@@ -48,41 +38,42 @@ expect_completion() {  # of a line: the words of standard input
   COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=()
   _bhctl
   diff <(tr ' ' '\n' | grep . | sort -u) \
-    <(printf '%s\n' "${COMPREPLY[@]}" | grep . | sort) ||
-    fail "$1: wanted <, completed >"
-}
-
-takes_value() {  # whether an option of a command does
-  [[ $("$bhctl" "$1" --no-such "$2" 2>&1) == *'1 required'* ]]
+    <(printf '%s\n' "${COMPREPLY[@]}" | grep . | sort) || fail "$1: wanted <, completed >"
 }
 
 expect_manual bh_servd.8 < <(
   sed -nE 's/^    \{"([a-z]+)", [a-z]+_argument,.*/--\1/p' daemon/options.cpp)
-expect_manual libbh.3 < <(
-  grep -oE '\blibbh_\w+\(' lib/libbh.h | tr -d '(')
+expect_manual libbh.3 < <(grep -oE '\blibbh_\w+\(' lib/libbh.h | tr -d '(')
+expect_manual acp_client.3 < <(
+  sed -nE 's/^[A-Za-z].*[ &*>]([A-Z][A-Za-z]+)\(.*/\1/p' $(ls client/*.h | grep -v hints))
 expect_manual bhctl.1 < <(
   commands
   options
   for command in $(commands); do
     options "$command"
+    choices "$command"
   done)
 
 expect_completion 'bhctl ' < <(commands)
-expect_completion 'bhctl exec --type ' <<<'0 1 2 3'
+expect_completion 'bhctl exec --type ' <<<'0 1 2 3 4 5 6'
+expect_completion 'bhctl --color ' <<<'auto always never'
 for command in $(commands); do
-  expect_completion "bhctl $command -" < <(options; options "$command")
-  line="bhctl --mac 02:0b:4a:00:00:10 $command"
-  while read -r words; do
-    expect_completion "$line " <<<"$words"
-    line+=' word'
-  done < <(choices "$command"; echo)
-  for option in $(options "$command"); do
-    ! takes_value "$command" "$option" ||
-      expect_completion "bhctl $command $option -" </dev/null
-  done
+  help=$(bhctl help "$command")
+  [ "$help" = "$(bhctl "$command" --help)" ] || fail "$command: another help"
+  ! grep -nE '.{81}' <<<"$help" || fail "$command: too wide"
+  [ "$command" = help ] && continue
+  grep -q "^  bhctl $command" <<<"$help" || fail "$command: no example"
+  expect_completion "bhctl --json $command -" < <(options; options "$command")
+  [ "$command" = upgrade ] || expect_completion "bhctl -i lo $command " < <(choices "$command")
 done
-for option in $(options); do
-  ! takes_value ping "$option" ||
-    expect_completion "bhctl ping $option -" </dev/null
-done
+
+# Other shells' completions, where there are such shells.
+! command -v zsh >/dev/null || zsh -n packaging/zsh/_bhctl || fail 'zsh: cannot read it'
+if command -v fish >/dev/null; then
+  complete_in_fish() {
+    fish --no-config -c "source packaging/fish/bhctl.fish; complete -C 'bhctl $1'" | cut -f 1 | sort
+  }
+  diff <(commands | sort) <(complete_in_fish '') || fail 'fish: wanted <, completed >'
+  diff <(choices boot | sort) <(complete_in_fish 'boot ') || fail 'fish: wanted <, completed >'
+fi
 exit $status
