@@ -47,7 +47,9 @@ constexpr struct {
     {"--file PATH=TEXT", "a file on the board; may be repeated"},
     {"--boards N", "N boards on one bridge, bridge0; the command runs at the client's end"},
     {"--run-daemon", "start the daemon on every interface first"},
-    {"--demo", "start the daemon and discover it, then a shell at the client's end"},
+    {"--demo",
+     "start the daemon and discover it, then a shell at the client's end; with a command: that "
+     "alone"},
     {"--enter", "run the command on the (first) board of this shell (BH_BOARD_PID)"},
     {"--help", "this text"},
 };
@@ -232,6 +234,7 @@ void SetClientEnvironment(const Boards &boards) {
   setenv("PATH", (directory + ":" + (path == nullptr ? "/usr/bin:/bin" : path)).c_str(), 1);
   setenv("BH_BOARD_PID", inits.c_str(), 1);
   setenv("BASH_FUNC_board%%", function.c_str(), 1);
+  setenv("PROMPT_COMMAND", "PS1='client$ '", 1);  // the system's rc file sets another one
   setenv("PS1", "client$ ", 1);
 }
 
@@ -247,7 +250,7 @@ void SetClientEnvironment(const Boards &boards) {
     perror(argv[0]);
     _exit(127);
   }
-  execlp("bash", "bash", "--norc", "-i", nullptr);
+  execlp("bash", "bash", "--rcfile", BASH_COMPLETION, "-i", nullptr);
   execl("/bin/sh", "sh", "-i", nullptr);
   _exit(127);
 }
@@ -280,24 +283,49 @@ void PrintBoards(const Boards &boards) {
            ClientInterface(boards).c_str());
 }
 
-int Demo(const Boards &boards) {
-  const std::string near = ClientInterface(boards);
+// What the simulated board accepts.
+constexpr char PASSWORD[] = "admin";
+constexpr char PASS_PHRASE[] = "FernGate";
+
+void SetDemoEnvironment(const Boards &boards) {
+  setenv("BHCTL_INTERFACE", ClientInterface(boards).c_str(), 1);
+  setenv("BHCTL_PASSWORD", PASSWORD, 1);
+  setenv("BHCTL_PASS_PHRASE", PASS_PHRASE, 1);
+}
+
+void PrintGreeting(const Boards &boards) {
+  const char *choice = AreBridged(boards) ? " --all" : "";
+  const char *board = AreBridged(boards) ? "board 1" : "board";
+  printf(
+      "\nThis shell is at the other end of the wire. Its environment has the interface (%s),\n"
+      "the administrator's password (%s) and the pass phrase (%s). Try:\n"
+      "  bhctl show%s\n"
+      "  bhctl exec%s uname -a\n"
+      "  bhctl set%s --workgroup OFFICE\n"
+      "`%s` is a shell on the board, `%s cat /var/log/calls` what its programs were asked.\n"
+      "`exit` switches all off.\n"
+      "\n"
+      "The daemon and its packets are real. The kernel is this machine's, seen through "
+      "namespaces;\n"
+      "drives, flash and network hardware are files; the appliance's own programs are stand-ins,\n"
+      "which note their call and do little else.\n",
+      ClientInterface(boards).c_str(), PASSWORD, PASS_PHRASE, choice, choice, choice, board, board);
+}
+
+int Demo(const Boards &boards, const std::vector<std::string> &command) {
+  SetDemoEnvironment(boards);
+  if (!command.empty()) return StartDaemon(boards, 1) ? RunAtClient(boards, command) : NO_BOARD;
   PrintBoards(boards);
   if (!StartDaemon(boards, 1)) return 1;
-  printf("bh_servd serves %s. Asking with: bhctl -i %s discover\n",
-         boards[0].config.interfaces[0].name.c_str(), near.c_str());
-  if (RunAtClient(boards, {"bhctl", "-i", near, "discover"}) != 0) {
+  printf("bh_servd serves %s. Asking with: bhctl discover\n",
+         boards[0].config.interfaces[0].name.c_str());
+  if (RunAtClient(boards, {"bhctl", "discover"}) != 0) {
     fputs("boot: nobody answers. The board's syslog:\n", stderr);
     fputs(board::ReadFile(boards[0], board::SYSLOG).c_str(), stderr);
     return 1;
   }
-  if (isatty(STDIN_FILENO) == 0) return 0;
-  const std::string board = AreBridged(boards) ? "board 1" : "board";
-  printf(
-      "This shell is at the other end of the wire. Try `bhctl -i %s raid`, and\n"
-      "`%s` or `%s cat /var/log/syslog` to be on the board. `exit` switches all off.\n",
-      near.c_str(), board.c_str(), board.c_str());
-  return RunAtClient(boards, {});
+  PrintGreeting(boards);
+  return isatty(STDIN_FILENO) == 0 ? 0 : RunAtClient(boards, {});
 }
 
 int Enter(const Options &options) {
@@ -324,7 +352,7 @@ bool WriteFiles(const board::Board &board, const Options &options) {
 int Use(const Boards &boards, const Options &options) {
   for (const board::Board &board : boards)
     if (!WriteFiles(board, options)) return NO_BOARD;
-  if (options.demo) return Demo(boards);
+  if (options.demo) return Demo(boards, options.command);
   if (options.daemon && !StartDaemons(boards)) return NO_BOARD;
   return options.boards > 0 ? RunAtClient(boards, options.command)
                             : RunHere(boards[0], options.command);

@@ -212,6 +212,7 @@ TEST(BootTest, SaysWhyThereIsNoBoard) {
       {"--enter", nullptr, 2, "BH_BOARD_PID is not set"},
       {"--boards 501", nullptr, 2, "--boards wants 1 to 500, not 501"},
       {"--boards 2 -- bash -c 'board 2 hostname'", nullptr, 0, "brackenhold-2\n"},
+      {"--demo -- sh -c 'bhctl exec echo here; exit 7'", nullptr, 7, "here\n"},
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.arguments);
